@@ -1,0 +1,58 @@
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <unistd.h>
+
+namespace tavro_test {
+
+// Creates a fresh directory, makes it the working directory for the scope and
+// removes it afterwards. Tests that touch relative paths (log/, config files)
+// use it so that parallel test processes never share files.
+class ScopedTempDir {
+public:
+    ScopedTempDir()
+    {
+        char cwd[4096];
+        if (getcwd(cwd, sizeof cwd)) old_ = cwd;
+        char tmpl[] = "/tmp/tavro-test-XXXXXX";
+        const char* d = mkdtemp(tmpl);
+        if (d == nullptr) ADD_FAILURE() << "mkdtemp failed";
+        path_ = d ? d : "/tmp";
+        if (chdir(path_.c_str()) != 0) ADD_FAILURE() << "chdir failed";
+    }
+    ~ScopedTempDir()
+    {
+        if (!old_.empty() && chdir(old_.c_str()) != 0) {}
+        std::string cmd = "rm -rf '" + path_ + "'";
+        if (std::system(cmd.c_str()) != 0) {}
+    }
+    ScopedTempDir(const ScopedTempDir&) = delete;
+    ScopedTempDir& operator=(const ScopedTempDir&) = delete;
+
+    const std::string& path() const { return path_; }
+
+private:
+    std::string old_;
+    std::string path_;
+};
+
+inline std::string readFile(const std::string& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
+}
+
+inline void writeFile(const std::string& path, const std::string& content)
+{
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out << content;
+}
+
+} // namespace tavro_test
