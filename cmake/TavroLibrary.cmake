@@ -18,7 +18,8 @@ target_link_libraries(TAVRO PRIVATE Threads::Threads Boost::regex ${TINYXML_LIBR
 # Template instantiations of the standard library carry default visibility;
 # the version script keeps them, and anything else unmarked, out of the table.
 target_link_options(TAVRO PRIVATE
-  -Wl,--version-script=${PROJECT_SOURCE_DIR}/cmake/libTAVRO.map -Wl,--no-undefined)
+  -Wl,--version-script=${PROJECT_SOURCE_DIR}/cmake/libTAVRO.map -Wl,--no-undefined
+  -Wl,--exclude-libs,ALL)
 set_target_properties(TAVRO PROPERTIES
   LINK_DEPENDS ${PROJECT_SOURCE_DIR}/cmake/libTAVRO.map
   VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR})
