@@ -2,6 +2,7 @@
 
 // Base of every active object: a detached thread that deletes its object when
 // Execute returns, and a manual-reset shutdown event to ask it to stop.
+#include <atomic>
 #include <string>
 
 #include "Common/OS/Linux/WinTypes.h"
@@ -38,7 +39,8 @@ public:
 protected:
     HANDLE evntShutdownThread;
     void* pArg;
-    volatile bool bThreadTerminating;
+    // Read by other threads (IsTerminating, the destructor check).
+    std::atomic<bool> bThreadTerminating;
     std::string streamToStringToCStr;
     int originalPriority;
     unsigned stackSize;

@@ -1,7 +1,11 @@
 #pragma once
 
-// Win32-style waitable handles on POSIX threads: the exported function table.
+// Win32-style waitable handles on POSIX threads: the exported function table,
+// the handle root class, the process-wide event lock and the type tests.
 // The handle classes live in CWinEventHandle.h and CWinMutexHandle.h.
+#include <pthread.h>
+#include <time.h>
+
 #include "Common/OS/Linux/WinTypes.h"
 #include "Common/OS/TavroExport.h"
 
@@ -18,3 +22,65 @@ TAVRO_C_EXPORT HANDLE CreateMutex(SECURITY_ATTRIBUTES* attr, BOOL bInitialOwner,
 TAVRO_C_EXPORT HANDLE OpenMutex(DWORD access, BOOL inherit, const char* name);
 TAVRO_C_EXPORT BOOL ReleaseMutex(HANDLE h);
 TAVRO_C_EXPORT DWORD GetTickCount();
+
+// Root of every object behind a HANDLE. A HANDLE is always the address of the
+// CBaseHandle sub-object.
+class CBaseHandle {
+public:
+    CBaseHandle() = default;
+    virtual ~CBaseHandle() = default;
+    virtual DWORD wait(DWORD /*milliseconds*/) { return 0; }
+    virtual bool close() { return false; }
+
+    // Absolute deadline ms from now on clock clk, for a timed condition wait.
+    static void getTimeout(timespec* ts, DWORD ms, clockid_t clk);
+
+    CBaseHandle(const CBaseHandle&) = delete;
+    CBaseHandle& operator=(const CBaseHandle&) = delete;
+};
+
+inline HANDLE toHandle(CBaseHandle* h) { return static_cast<HANDLE>(h); }
+inline CBaseHandle* fromHandle(HANDLE h) { return static_cast<CBaseHandle*>(h); }
+
+class CCriticalSection {
+public:
+    explicit CCriticalSection(bool recursive);
+    ~CCriticalSection();
+    void enter() { pthread_mutex_lock(&m_Mutex); }
+    void leave() { pthread_mutex_unlock(&m_Mutex); }
+
+    CCriticalSection(const CCriticalSection&) = delete;
+    CCriticalSection& operator=(const CCriticalSection&) = delete;
+
+private:
+    pthread_mutex_t m_Mutex;
+};
+
+// The process-wide recursive lock over the event registry, SetEvent and the
+// subscribe/scan phases of a wait-any.
+CCriticalSection& eventLock();
+
+class CEventLock {
+public:
+    CEventLock() { eventLock().enter(); }
+    ~CEventLock() { eventLock().leave(); }
+    CEventLock(const CEventLock&) = delete;
+    CEventLock& operator=(const CEventLock&) = delete;
+};
+
+class CWinEventHandle;
+class CWinMutexHandle;
+class CWinTimerHandle;
+
+// NULL for a NULL handle or one of another class.
+CWinEventHandle* castToWinEventHandle(HANDLE h);
+CWinMutexHandle* castToWinMutexHandle(HANDLE h);
+// Defined together with the waitable timer.
+CWinTimerHandle* castToWinTimerHandle(HANDLE h);
+
+// Abort with an assertion text, also in builds that compile assert() out.
+[[noreturn]] void tavroAssertFail(const char* text, const char* file, unsigned line, const char* function);
+#define TAVRO_ASSERT(cond, function)                                                                                   \
+    do {                                                                                                               \
+        if (!(cond)) tavroAssertFail(#cond, __FILE__, __LINE__, function);                                             \
+    } while (0)
