@@ -5,7 +5,7 @@
 // time-out. Also the port and sub-port number types.
 #include <atomic>
 #include <cstdint>
-#include <iosfwd>
+#include <string>
 
 #include "Common/OS/Linux/WinTypes.h"
 #include "Common/OS/OsThread.h"
@@ -114,16 +114,16 @@ struct PORT_NUM {
     unsigned char ccId;
     unsigned char swId;
 
-    PORT_NUM() : PORT_NUM(0xFFFFFFFFu) {}
+    constexpr PORT_NUM() : PORT_NUM(0xFFFFFFFFu) {}
     // Bytes taken as they are: portId bits 0-7 ... swId bits 24-31.
-    PORT_NUM(unsigned int v)
+    constexpr PORT_NUM(unsigned int v)
         : portId(static_cast<unsigned char>(v)),
           pimId(static_cast<unsigned char>(v >> 8)),
           ccId(static_cast<unsigned char>(v >> 16)),
           swId(static_cast<unsigned char>(v >> 24))
     {
     }
-    PORT_NUM(int v) : PORT_NUM(static_cast<unsigned int>(v)) {}
+    constexpr PORT_NUM(int v) : PORT_NUM(static_cast<unsigned int>(v)) {}
     explicit PORT_NUM(const char* text);
 
     unsigned int value() const
@@ -156,11 +156,11 @@ struct SUBPORT_NUM {
     static constexpr unsigned char SUBPORT_RX = 1;
     static constexpr unsigned char SUBPORT_TX = 2;
 
-    SUBPORT_NUM() : SUBPORT_NUM(-1) {}
+    constexpr SUBPORT_NUM() : SUBPORT_NUM(-1) {}
     // Reads one-based bytes and subtracts 1 from every one, the sub-port
     // included: ccId bits 24-31, pimId 16-23, portId 8-15, subportId 0-7.
     // Deliberately unlike PORT_NUM(unsigned).
-    SUBPORT_NUM(int v)
+    constexpr SUBPORT_NUM(int v)
         : portId(static_cast<unsigned char>((static_cast<unsigned int>(v) >> 8) - 1)),
           pimId(static_cast<unsigned char>((static_cast<unsigned int>(v) >> 16) - 1)),
           ccId(static_cast<unsigned char>((static_cast<unsigned int>(v) >> 24) - 1)),
@@ -183,6 +183,3 @@ struct SUBPORT_NUM {
     static const SUBPORT_NUM INVALID_SUBPORT_NUM;
 };
 static_assert(sizeof(SUBPORT_NUM) == 4, "SUBPORT_NUM is four bytes");
-
-std::ostream& operator<<(std::ostream& os, const PORT_NUM& p);
-std::ostream& operator<<(std::ostream& os, const SUBPORT_NUM& p);
