@@ -1,0 +1,179 @@
+#include "Cr/CrDBTracker.h"
+
+#include <sstream>
+
+#include "Common/OS/Linux/WinEvent.h"
+#include "Common/Utility/UtlDebug.h"
+#include "Os/UDBControl.h"
+
+// ---------------------------------------------------------------- TrackerQue
+
+TrackerQue::~TrackerQue()
+{
+    while (!Empty()) delete static_cast<TrackerMsg*>(GetNext(true));
+}
+
+// ---------------------------------------------------------------- TrackerInfo
+
+TrackerInfo::TrackerInfo(CrCmd* cmd)
+    : pCmd(cmd),
+      rspEvent(CreateEvent(nullptr, TRUE, FALSE, nullptr)),
+      infoLock(CreateMutex(nullptr, FALSE, nullptr))
+{
+    if (cmd != nullptr) expectedRsp = cmd->GetMsgAddr();
+}
+
+TrackerInfo::~TrackerInfo()
+{
+    CloseHandle(rspEvent);
+    CloseHandle(infoLock);
+}
+
+void TrackerInfo::Lock() { WaitForSingleObject(infoLock, INFINITE); }
+
+void TrackerInfo::Unlock() { ReleaseMutex(infoLock); }
+
+void TrackerInfo::EventNotify() { SetEvent(rspEvent); }
+
+void TrackerInfo::WaitForRsp(int timeoutMs)
+{
+    if (WaitForSingleObject(rspEvent, DWORD(timeoutMs)) == WAIT_TIMEOUT) {
+        TimeoutAction();
+        WaitForSingleObject(rspEvent, INFINITE);
+    }
+    ResetEvent(rspEvent);
+}
+
+void TrackerInfo::TimeoutAction()
+{
+    std::ostringstream os;
+    os << "TimeoutAction" << " TIMED OUT WAITING FOR RESPONSE: " << static_cast<const Message*>(pCmd) << "\n";
+    debugOut(os.str().c_str());
+
+    CrTracker* tracker = pCmd->GetTracker() ? pCmd->GetTracker() : CrTracker::getIt();
+    Lock();
+    for (int i = 0; i < expectedRsp.GetMaxNumberSlaves(); ++i) {
+        if (!expectedRsp.SlaveAddrSet(i) || receivedRsp.SlaveAddrSet(i)) continue;
+        auto* rsp = new CrRsp(pCmd);
+        SlaveAddr only;
+        only.SetSlaveAddr(i);
+        rsp->SetMsgAddr(only);
+        rsp->SetRspStat(RSP_TIME_OUT);
+        if (tracker != nullptr) {
+            tracker->ReceiveRsp(rsp);
+        } else {
+            delete rsp;
+        }
+    }
+    Unlock();
+}
+
+// ---------------------------------------------------------------- CrTracker
+
+CrTracker::CrTracker()
+    : OsThread("CrTracker", STACK_SIZE), listLock(CreateMutex(nullptr, FALSE, nullptr)), pTracker(new TrackerQue)
+{
+}
+
+CrTracker::~CrTracker()
+{
+    delete pTracker;
+    for (TrackerInfo* info : trackerList) delete info;
+    trackerList.clear();
+    CloseHandle(listLock);
+}
+
+CrTracker* CrTracker::getIt() { return static_cast<CrTracker*>(UDBControl::GetClassRef(SMN_TRACKER)); }
+
+bool CrTracker::AddToQueue(TrackerMsg* msg) { return pTracker->AddToQueue(msg, UtlQueue::WAIT_IF_OVERFLOW); }
+
+void CrTracker::ReceiveRsp(CrRsp* rsp)
+{
+    if (rsp == nullptr) {
+        debugOut("  Tracker: Received bad message\r\n");
+        return;
+    }
+    auto* msg = new TrackerMsg(rsp);
+    if (!AddToQueue(msg)) {
+        delete msg;
+        delete rsp;
+    }
+}
+
+void CrTracker::WaitForRsp(TrackerInfo* info)
+{
+    if (info == nullptr) return;
+    CrCmd* cmd = info->GetCmd();
+    info->WaitForRsp(cmd->GetRspTimer());
+    cmd->SetTrackerInfo(nullptr);
+}
+
+void* CrTracker::Execute(void*)
+{
+    while (ContinueRunning()) {
+        if (!pTracker->WaitNotEmpty(POLL_MS)) continue;
+        ProcessMsg(static_cast<TrackerMsg*>(pTracker->GetNext(true)));
+    }
+    return nullptr;
+}
+
+void CrTracker::ProcessMsg(TrackerMsg* msg)
+{
+    if (msg == nullptr) return;
+    switch (msg->GetTrackerType()) {
+    case TRACKER_CMD: ProcessCmdMsg(msg->GetCmd()); break;
+    case TRACKER_RSP: ProcessRspMsg(msg->GetRsp()); break;
+    default: debugOut("  Tracker: Unknown Cmd Type\n"); break;
+    }
+    delete msg;
+}
+
+void CrTracker::ProcessCmdMsg(CrCmd* cmd)
+{
+    if (cmd == nullptr) return;
+    if (cmd->GetRspReq()) {
+        auto* info = new TrackerInfo(cmd);
+        cmd->SetTrackerInfo(info);
+        WaitForSingleObject(listLock, INFINITE);
+        trackerList.push_back(info);
+        ReleaseMutex(listLock);
+    }
+    // The hand-off to the router (IoRouter::SendCmd) is added together with
+    // the router; until then registered commands only time out.
+    cmd->EventNotify();
+}
+
+void CrTracker::ProcessRspMsg(CrRsp* rsp)
+{
+    const int addr = rsp->GetMsgAddr().GetNextSlaveAddr(0);
+    bool taken = false;
+
+    WaitForSingleObject(listLock, INFINITE);
+    for (auto it = trackerList.begin(); it != trackerList.end(); ++it) {
+        TrackerInfo* info = *it;
+        CrCmd* cmd = info->GetCmd();
+        if (cmd->GetCmdCode() != rsp->GetCmdCode() || cmd->GetSeqNbr() != rsp->GetSeqNbr() ||
+            !info->ExpectedRsp(addr)) {
+            continue;
+        }
+        info->Lock();
+        if (!info->GetReceivedRsp().SlaveAddrSet(addr)) {
+            info->GetReceivedRsp().SetSlaveAddr(addr);
+            cmd->AddToRspList(rsp);
+            taken = true;
+            if (info->ReceivedAllRsp()) {
+                info->EventNotify();
+                trackerList.erase(it);
+            }
+        }
+        info->Unlock();
+        break;
+    }
+    ReleaseMutex(listLock);
+
+    if (!taken) {
+        debugOutf("  Orphan RSP: %x, Swi: %d, Status: %x\r\n", unsigned(rsp->GetCmdCode()), addr,
+                  unsigned(rsp->GetRspStat()));
+        delete rsp;
+    }
+}
