@@ -4,7 +4,7 @@
 
 CWinEventHandle::CWinEventHandle(bool manualReset, bool initialState, const char* name)
     : m_ClockId(CLOCK_MONOTONIC), m_ManualReset(manualReset), m_Signaled(initialState), m_Count(0), m_RefCount(1),
-      m_Name(name ? name : "")
+      m_Name(name ? name : ""), m_Waiters(0)
 {
     pthread_mutex_init(&m_Mutex, nullptr);
     pthread_condattr_t attr;
@@ -70,12 +70,14 @@ DWORD CWinEventHandle::wait(DWORD ms)
         timespec deadline;
         const bool timed = ms < INFINITE;
         if (timed) getTimeout(&deadline, ms, m_ClockId);
+        ++m_Waiters;
         // Leaves on any generation change: one signal releases every thread
         // that was waiting when it ran, even if another consumed the state.
         while (!m_Signaled.load(std::memory_order_relaxed) && m_Count == start) {
             rc = timed ? pthread_cond_timedwait(&m_Cond, &m_Mutex, &deadline) : pthread_cond_wait(&m_Cond, &m_Mutex);
             if (rc != 0) break;
         }
+        --m_Waiters;
     }
     if (!m_ManualReset) m_Signaled.store(false, std::memory_order_relaxed);
     pthread_mutex_unlock(&m_Mutex);
@@ -92,6 +94,20 @@ bool CWinEventHandle::close()
 void CWinEventHandle::subscribe(CWinEventHandle* ev) { m_Subscriber.insert(ev); }
 
 void CWinEventHandle::unSubscribe(CWinEventHandle* ev) { m_Subscriber.erase(ev); }
+
+int CWinEventHandle::waiters()
+{
+    pthread_mutex_lock(&m_Mutex);
+    const int n = m_Waiters;
+    pthread_mutex_unlock(&m_Mutex);
+    return n;
+}
+
+size_t CWinEventHandle::subscriberCount()
+{
+    CEventLock lock;
+    return m_Subscriber.size();
+}
 
 void CWinEventHandle::incRefCount()
 {

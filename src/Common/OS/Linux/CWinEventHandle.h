@@ -33,6 +33,10 @@ public:
     std::string name() const { return m_Name; }
     bool manualReset() const { return m_ManualReset; }
     clockid_t clockId() const { return m_ClockId; }
+    // Threads blocked in wait() right now, and wait-any calls subscribed:
+    // lets tests know a waiter is in place before they signal.
+    int waiters();
+    size_t subscriberCount();
 
 private:
     pthread_mutex_t m_Mutex;
@@ -45,6 +49,7 @@ private:
     int m_RefCount;
     std::string m_Name;
     std::set<CWinEventHandle*> m_Subscriber;
+    int m_Waiters;
 };
 
 class CWinEventHandleSet {

@@ -1,0 +1,291 @@
+#include "Common/OS/Linux/WinEvent.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "Common/OS/Linux/CWinEventHandle.h"
+#include "Common/OS/Linux/CWinMutexHandle.h"
+#include "Common/OS/Linux/OSAL.h"
+
+namespace {
+
+// Polls cond for up to five seconds; a test that relies on it fails instead
+// of hanging when the awaited state never comes.
+template <typename Cond>
+bool eventually(Cond cond)
+{
+    for (int i = 0; i < 5000; ++i) {
+        if (cond()) return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return cond();
+}
+
+CWinEventHandle* ev(HANDLE h) { return castToWinEventHandle(h); }
+
+struct Events {
+    explicit Events(int n, BOOL manual)
+    {
+        for (int i = 0; i < n; ++i) h.push_back(CreateEvent(nullptr, manual, FALSE, nullptr));
+    }
+    ~Events()
+    {
+        for (HANDLE x : h) CloseHandle(x);
+    }
+    std::vector<HANDLE> h;
+};
+
+TEST(WinEventTest, SignalledStateFollowsResetMode)
+{
+    for (BOOL manual : {FALSE, TRUE}) {
+        SCOPED_TRACE(manual ? "manual" : "auto");
+        HANDLE h = CreateEvent(nullptr, manual, TRUE, nullptr);
+        EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(h, 0));
+        EXPECT_EQ(manual ? WAIT_OBJECT_0 : WAIT_TIMEOUT, WaitForSingleObject(h, 0));
+        EXPECT_TRUE(ResetEvent(h));
+        EXPECT_EQ(WAIT_TIMEOUT, WaitForSingleObject(h, 0));
+        EXPECT_TRUE(SetEvent(h));
+        EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(h, INFINITE));
+        // A pulse leaves the event signalled, unlike its Win32 namesake.
+        EXPECT_TRUE(PulseEvent(h));
+        EXPECT_TRUE(ev(h)->signaled());
+        EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(h, 0));
+        EXPECT_EQ(manual != 0, ev(h)->signaled());
+        EXPECT_TRUE(CloseHandle(h));
+    }
+}
+
+TEST(WinEventTest, TimedWaitLastsAtLeastTheTimeout)
+{
+    HANDLE h = CreateEvent(nullptr, FALSE, FALSE, nullptr);
+    const DWORD start = GetTickCount();
+    EXPECT_EQ(WAIT_TIMEOUT, WaitForSingleObject(h, 30));
+    // The tick count and the condition clock are different clocks; allow 1 ms.
+    EXPECT_GE(GetTickCount() - start, 29u);
+    CloseHandle(h);
+}
+
+TEST(WinEventTest, OneSetEventReleasesEveryWaiterOfAnAutoResetEvent)
+{
+    HANDLE h = CreateEvent(nullptr, FALSE, FALSE, nullptr);
+    std::atomic<int> released{0};
+    std::vector<std::thread> waiters;
+    for (int i = 0; i < 3; ++i)
+        waiters.emplace_back([&] {
+            if (WaitForSingleObject(h, INFINITE) == WAIT_OBJECT_0) ++released;
+        });
+    ASSERT_TRUE(eventually([&] { return ev(h)->waiters() == 3; }));
+    SetEvent(h);
+    for (auto& t : waiters) t.join();
+    EXPECT_EQ(3, released.load());
+    EXPECT_FALSE(ev(h)->signaled());
+    EXPECT_EQ(WAIT_TIMEOUT, WaitForSingleObject(h, 0));
+    CloseHandle(h);
+}
+
+TEST(WinEventTest, NullAndForeignHandles)
+{
+    EXPECT_EQ(WAIT_FAILED, WaitForSingleObject(nullptr, 0));
+    EXPECT_FALSE(CloseHandle(nullptr));
+    EXPECT_FALSE(SetEvent(nullptr));
+    EXPECT_FALSE(ReleaseMutex(nullptr));
+    EXPECT_EQ(nullptr, castToWinEventHandle(nullptr));
+    HANDLE m = CreateMutex(nullptr, FALSE, "m");
+    EXPECT_EQ(nullptr, castToWinEventHandle(m));
+    EXPECT_NE(nullptr, castToWinMutexHandle(m));
+    EXPECT_EQ(nullptr, OpenMutex(0, FALSE, "m"));
+    CloseHandle(m);
+}
+
+TEST(WinEventTest, CloseOfUnknownHandleTypeIsReported)
+{
+    CBaseHandle plain;
+    testing::internal::CaptureStdout();
+    EXPECT_TRUE(CloseHandle(&plain));
+    EXPECT_EQ("Closing unknown HANDLE type\n", testing::internal::GetCapturedStdout());
+    EXPECT_EQ(0u, WaitForSingleObject(&plain, INFINITE));
+}
+
+TEST(WinEventTest, OpenEventFindsTheLowerAddressAndCountsReferences)
+{
+    const char* name = "WinEventTest.OpenEvent";
+    HANDLE a = CreateEvent(nullptr, TRUE, FALSE, name);
+    HANDLE b = CreateEvent(nullptr, TRUE, FALSE, name);
+    ASSERT_NE(a, b);
+    HANDLE lower = ev(a) < ev(b) ? a : b;
+    HANDLE higher = lower == a ? b : a;
+    HANDLE opened = OpenEvent(0, FALSE, name);
+    EXPECT_EQ(lower, opened);
+    EXPECT_EQ(nullptr, OpenEvent(0, FALSE, "winEventTest.OpenEvent"));
+
+    CloseHandle(lower);
+    // Still alive through the second reference.
+    EXPECT_EQ(lower, OpenEvent(0, FALSE, name));
+    CloseHandle(lower);
+    CloseHandle(lower);
+    EXPECT_EQ(higher, OpenEvent(0, FALSE, name));
+    CloseHandle(higher);
+    CloseHandle(higher);
+    EXPECT_EQ(nullptr, OpenEvent(0, FALSE, name));
+}
+
+TEST(WinEventTest, EmptyNameOpensSomeUnnamedEvent)
+{
+    HANDLE unnamed = CreateEvent(nullptr, FALSE, FALSE, nullptr);
+    HANDLE opened = OpenEvent(0, FALSE, "");
+    ASSERT_NE(nullptr, opened);
+    EXPECT_EQ("", ev(opened)->name());
+    CloseHandle(opened);
+    CloseHandle(unnamed);
+}
+
+TEST(WinEventTest, DeadlineCarriesNanosecondsIntoSeconds)
+{
+    for (DWORD ms : {0u, 1u, 999u, 1000u, 1500u, 86400000u, INFINITE - 1}) {
+        SCOPED_TRACE(ms);
+        timespec before, deadline;
+        clock_gettime(CLOCK_MONOTONIC, &before);
+        CBaseHandle::getTimeout(&deadline, ms, CLOCK_MONOTONIC);
+        EXPECT_GE(deadline.tv_nsec, 0);
+        EXPECT_LT(deadline.tv_nsec, 1000000000);
+        const long double diffMs = (deadline.tv_sec - before.tv_sec) * 1000.0L +
+                                   (deadline.tv_nsec - before.tv_nsec) / 1e6L;
+        EXPECT_GE(diffMs, ms);
+        EXPECT_LT(diffMs, ms + 1000.0L);
+    }
+}
+
+TEST(WinEventTest, WaitAnyPicksLowestSignalledIndexAndResetsOnlyAutoEvents)
+{
+    for (BOOL manual : {FALSE, TRUE}) {
+        SCOPED_TRACE(manual ? "manual" : "auto");
+        Events e(4, manual);
+        EXPECT_EQ(WAIT_TIMEOUT, WaitForMultipleObjects(4, e.h.data(), FALSE, 0));
+        SetEvent(e.h[3]);
+        SetEvent(e.h[1]);
+        EXPECT_EQ(1u, WaitForMultipleObjects(4, e.h.data(), FALSE, 0));
+        EXPECT_EQ(manual != 0, ev(e.h[1])->signaled());
+        EXPECT_TRUE(ev(e.h[3])->signaled());
+        EXPECT_EQ(manual ? 1u : 3u, WaitForMultipleObjects(4, e.h.data(), FALSE, INFINITE));
+    }
+}
+
+TEST(WinEventTest, WaitAnyWokenBySignalReportsTimeoutThenIndexOnNextCall)
+{
+    Events e(3, FALSE);
+    std::atomic<DWORD> first{12345};
+    std::thread waiter([&] { first = WaitForMultipleObjects(3, e.h.data(), FALSE, INFINITE); });
+    // The waiter is subscribed to every event once the last one has a subscriber.
+    ASSERT_TRUE(eventually([&] { return ev(e.h[2])->subscriberCount() == 1; }));
+    SetEvent(e.h[2]);
+    waiter.join();
+    EXPECT_EQ(WAIT_TIMEOUT, first.load());
+    for (HANDLE h : e.h) EXPECT_EQ(0u, ev(h)->subscriberCount());
+    EXPECT_TRUE(ev(e.h[2])->signaled());
+    EXPECT_EQ(2u, WaitForMultipleObjects(3, e.h.data(), FALSE, 0));
+    EXPECT_FALSE(ev(e.h[2])->signaled());
+}
+
+TEST(WinEventTest, WaitAnyTimesOutWhenNothingIsSignalled)
+{
+    Events e(2, TRUE);
+    const DWORD start = GetTickCount();
+    EXPECT_EQ(WAIT_TIMEOUT, WaitForMultipleObjects(2, e.h.data(), FALSE, 20));
+    EXPECT_GE(GetTickCount() - start, 19u);
+    EXPECT_EQ(0u, ev(e.h[0])->subscriberCount());
+}
+
+TEST(WinEventTest, WaitAllReportsObjectZeroOnlyWhenEveryWaitTimedOut)
+{
+    Events single(1, FALSE);
+    EXPECT_EQ(WAIT_OBJECT_0, WaitForMultipleObjects(1, single.h.data(), TRUE, 10));
+    SetEvent(single.h[0]);
+    EXPECT_EQ(WAIT_TIMEOUT, WaitForMultipleObjects(1, single.h.data(), TRUE, 10));
+    EXPECT_FALSE(ev(single.h[0])->signaled()) << "the auto-reset event is consumed";
+
+    Events two(2, TRUE);
+    SetEvent(two.h[1]);
+    // First wait times out, the second finds its event signalled (or the
+    // budget is spent): either way the call reports a time-out.
+    EXPECT_EQ(WAIT_TIMEOUT, WaitForMultipleObjects(2, two.h.data(), TRUE, 10));
+    EXPECT_EQ(WAIT_OBJECT_0, WaitForMultipleObjects(0, nullptr, TRUE, 0));
+}
+
+TEST(WinEventDeathTest, WaitMultipleChecksCountAndHandleTypes)
+{
+    std::vector<HANDLE> many(33, nullptr);
+    EXPECT_DEATH(WaitForMultipleObjects(33, many.data(), FALSE, 0), "numObj <= MAXIMUM_WAIT_OBJECTS");
+    EXPECT_DEATH(WaitForMultipleObjects(33, many.data(), FALSE, 0),
+                 "DWORD WaitForMultipleObjects\\(DWORD, void\\* const\\*, BOOL, DWORD\\)");
+    Events e(1, FALSE);
+    HANDLE m = CreateMutex(nullptr, FALSE, nullptr);
+    HANDLE mixed[2] = {e.h[0], m};
+    EXPECT_DEATH(WaitForMultipleObjects(2, mixed, FALSE, 0), "Assertion `event' failed");
+    HANDLE mutexFirst[2] = {m, e.h[0]};
+    EXPECT_DEATH(WaitForMultipleObjects(2, mutexFirst, TRUE, 1000), "Assertion `event' failed");
+    CloseHandle(m);
+}
+
+TEST(WinMutexTest, OwnerMayReenterAndOthersTimeOutBySpinning)
+{
+    HANDLE m = CreateMutex(nullptr, TRUE, nullptr);
+    EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(m, 0));
+    DWORD other = 0, elapsed = 0, zero = 0;
+    std::thread t([&] {
+        zero = WaitForSingleObject(m, 0);
+        const DWORD start = GetTickCount();
+        other = WaitForSingleObject(m, 50);
+        elapsed = GetTickCount() - start;
+    });
+    t.join();
+    EXPECT_EQ(WAIT_TIMEOUT, zero);
+    EXPECT_EQ(WAIT_TIMEOUT, other);
+    EXPECT_GE(elapsed, 50u);
+
+    // Locked twice, so one release still leaves it owned.
+    EXPECT_TRUE(ReleaseMutex(m));
+    std::thread t2([&] { other = WaitForSingleObject(m, 0); });
+    t2.join();
+    EXPECT_EQ(WAIT_TIMEOUT, other);
+    EXPECT_TRUE(ReleaseMutex(m));
+    EXPECT_FALSE(ReleaseMutex(m)) << "not owned any more";
+
+    std::thread t3([&] {
+        other = WaitForSingleObject(m, 1000);
+        ReleaseMutex(m);
+    });
+    t3.join();
+    EXPECT_EQ(WAIT_OBJECT_0, other);
+    EXPECT_TRUE(CloseHandle(m));
+}
+
+TEST(WinMutexTest, InfiniteWaitBlocksUntilRelease)
+{
+    HANDLE m = CreateMutex(nullptr, TRUE, nullptr);
+    std::atomic<bool> got{false};
+    std::thread t([&] {
+        if (WaitForSingleObject(m, INFINITE) == WAIT_OBJECT_0) got = true;
+        ReleaseMutex(m);
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    EXPECT_FALSE(got.load());
+    ReleaseMutex(m);
+    t.join();
+    EXPECT_TRUE(got.load());
+    CloseHandle(m);
+}
+
+TEST(WinTickTest, TickCountAdvancesWithSleep)
+{
+    const DWORD a = GetTickCount();
+    Sleep(25);
+    const DWORD b = GetTickCount();
+    EXPECT_GE(b - a, 24u);
+    EXPECT_LT(b - a, 5000u);
+}
+
+} // namespace

@@ -1,0 +1,172 @@
+#include "Common/Utility/UtlThread.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <string>
+#include <vector>
+
+#include "Common/OS/Linux/OSAL.h"
+#include "Common/OS/Linux/WinEvent.h"
+
+namespace {
+
+constexpr unsigned P = 1000;
+
+TEST(PacemakerTest, ClockCountsSixHundredMicrosecondStepsTimesSixteen)
+{
+    const struct {
+        long long ticks;
+        unsigned clk;
+    } cases[] = {{0, 0}, {299, 0}, {300, 16}, {899, 16}, {900, 32}, {600000, 16000}};
+    for (const auto& c : cases) EXPECT_EQ(c.clk, pacemakerClock(c.ticks)) << c.ticks;
+    // Across the 32-bit wrap the differences stay exact.
+    const long long wrap = (1LL << 32) / 16 * 600;
+    for (long long t = wrap - 3000; t < wrap + 3000; t += 600)
+        EXPECT_EQ(16u, pacemakerClock(t + 600) - pacemakerClock(t)) << t;
+}
+
+TEST(PacemakerTest, SingleSteps)
+{
+    const struct {
+        const char* what;
+        unsigned now, start, due;
+        PACEMAKER_MODE mode;
+        unsigned sleep, nextDue, took;
+    } cases[] = {
+        {"on time, quick action", 1100, 1000, 1000, PACEMAKER_CATCHUP_MODE, 900, 2000, 100},
+        {"on time, skip mode", 1100, 1000, 1000, PACEMAKER_SKIP_MODE, 900, 2000, 100},
+        {"woke before due", 900, 900, 1000, PACEMAKER_CATCHUP_MODE, 1100, 2000, 0},
+        {"exactly one period late", 2000, 1000, 1000, PACEMAKER_CATCHUP_MODE, 0, 2000, 1000},
+        {"one period late, skip", 2000, 1000, 1000, PACEMAKER_SKIP_MODE, 0, 2000, 1000},
+        {"late past the wrap", 500, 0xFFFFFF00u, 0xFFFFFF00u, PACEMAKER_CATCHUP_MODE, 244, 0x2E8, 756},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        const PacemakerStep s = pacemakerStep(c.now, c.start, c.due, P, c.mode);
+        EXPECT_EQ(c.sleep, s.sleep);
+        EXPECT_EQ(c.nextDue, s.nextDue);
+        EXPECT_EQ(c.took, s.took);
+    }
+}
+
+// Runs the pacemaker over actions of the given durations on a fake clock and
+// returns the sleep after each action.
+std::vector<unsigned> simulate(PACEMAKER_MODE mode, const std::vector<unsigned>& durations, unsigned t0 = 5000)
+{
+    std::vector<unsigned> sleeps;
+    unsigned clk = t0, due = t0;
+    for (unsigned d : durations) {
+        const unsigned start = clk;
+        clk += d;
+        const PacemakerStep s = pacemakerStep(clk, start, due, P, mode);
+        sleeps.push_back(s.sleep);
+        clk += s.sleep;
+        due = s.nextDue;
+    }
+    return sleeps;
+}
+
+TEST(PacemakerTest, SkipModeRealignsAfterALongAction)
+{
+    // 3.5 periods: the sleep ends on the next period boundary (t0 + 4P).
+    EXPECT_EQ(std::vector<unsigned>({500, 1000, 1000}), simulate(PACEMAKER_SKIP_MODE, {3500, 0, 0}));
+    EXPECT_EQ(std::vector<unsigned>({700, 800}), simulate(PACEMAKER_SKIP_MODE, {2300, 200}));
+}
+
+TEST(PacemakerTest, CatchUpModeRunsMissedActionsBackToBack)
+{
+    // After the long action three actions follow without sleep; the third
+    // then sleeps to the next boundary.
+    EXPECT_EQ(std::vector<unsigned>({0, 0, 0, 500, 1000}), simulate(PACEMAKER_CATCHUP_MODE, {3500, 0, 0, 0, 0}));
+}
+
+class CountingThread : public PeriodicThread {
+public:
+    CountingThread(const char* name, PACEMAKER_MODE mode, HANDLE reached, HANDLE destroyed, int target)
+        : PeriodicThread(1, name, mode), reached_(reached), destroyed_(destroyed), target_(target)
+    {
+    }
+    ~CountingThread() override { SetEvent(destroyed_); }
+    void PeriodicAction() override
+    {
+        if (++count_ == target_) SetEvent(reached_);
+    }
+    // Test access to one pacemaker step with a chosen past.
+    void step(unsigned startAgo, unsigned dueAgo)
+    {
+        const unsigned now = Clock();
+        m_PeriodicExecTimeUsec = now - dueAgo;
+        Pacemaker(now - startAgo);
+    }
+    unsigned due() const { return m_PeriodicExecTimeUsec; }
+
+private:
+    HANDLE reached_, destroyed_;
+    int target_;
+    std::atomic<int> count_{0};
+};
+
+TEST(PeriodicThreadTest, NameIsPaddedToFifteenCharacters)
+{
+    const struct {
+        const char* in;
+        const char* name;
+        const char* thread;
+    } cases[] = {{"TenLetters", "TenLetters", "P-TenLetters   "},
+                 {nullptr, "Periodic", "P-Periodic     "},
+                 {"AVeryLongPeriodicName", "AVeryLongPeriodicName", "P-AVeryLongPeri"}};
+    for (const auto& c : cases) {
+        CountingThread t(c.in, PACEMAKER_SKIP_MODE, nullptr, nullptr, 0);
+        EXPECT_EQ(c.name, t.Name());
+        EXPECT_STREQ(c.thread, t.GetThreadName());
+        EXPECT_EQ(1000u, t.PeriodUsec());
+        EXPECT_EQ(PeriodicThread::STACK_SIZE, t.GetStackSize());
+    }
+}
+
+TEST(PeriodicThreadTest, RunsActionsUntilShutdown)
+{
+    for (PACEMAKER_MODE mode : {PACEMAKER_CATCHUP_MODE, PACEMAKER_SKIP_MODE}) {
+        HANDLE reached = CreateEvent(nullptr, TRUE, FALSE, nullptr);
+        HANDLE destroyed = CreateEvent(nullptr, TRUE, FALSE, nullptr);
+        auto* t = new CountingThread("count", mode, reached, destroyed, 3);
+        ASSERT_TRUE(t->Start(nullptr));
+        EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(reached, 10000));
+        t->SignalShutdown();
+        EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(destroyed, 10000));
+        CloseHandle(reached);
+        CloseHandle(destroyed);
+    }
+}
+
+TEST(PeriodicThreadTest, PacemakerTraceTexts)
+{
+    CountingThread t("Tracer", PACEMAKER_CATCHUP_MODE, nullptr, nullptr, 0);
+    PeriodicThread::s_EnableDebugEvents = true;
+
+    // Two periods late and the action took a whole period: no sleep, one report.
+    testing::internal::CaptureStdout();
+    t.step(P, 2 * P);
+    std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_THAT(out, testing::HasSubstr("Periodic Action [Tracer] took more time (["));
+    EXPECT_THAT(out, testing::HasSubstr("]  usecs) than the timer period ([1000] usecs)!"));
+    EXPECT_THAT(out, testing::Not(testing::HasSubstr("Pacemaker time")));
+
+    t.SetDebugPacemaker(true);
+    testing::internal::CaptureStdout();
+    t.step(0, 0);
+    out = testing::internal::GetCapturedStdout();
+    EXPECT_THAT(out, testing::ContainsRegex("Pacemaker time before sleep \\[[0-9]+\\]\\. Time to sleep \\[[0-9]+\\]"));
+    EXPECT_THAT(out, testing::ContainsRegex("Pacemaker time after sleep \\[[0-9]+\\]"));
+    EXPECT_THAT(out, testing::Not(testing::HasSubstr("took more time")));
+
+    PeriodicThread::s_EnableDebugEvents = false;
+    testing::internal::CaptureStdout();
+    t.SetDebugPacemaker(false);
+    t.step(P, 2 * P);
+    EXPECT_EQ("", testing::internal::GetCapturedStdout());
+}
+
+} // namespace
