@@ -1,0 +1,486 @@
+// Framed transfer on a connected socket: the frame readers with their
+// resynchronisation by purging, the primitive waits and reads beneath them,
+// and the serialised writer of buffer descriptor chains.
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <cstring>
+#include <memory>
+#include <new>
+#include <sstream>
+
+#include "Common/OS/Linux/WinEvent.h"
+#include "Common/OS/OsSocket.h"
+#include "Common/OS/OsSocketDebug.h"
+
+namespace {
+
+constexpr std::uint32_t reverse32(std::uint32_t v)
+{
+    return (v >> 24) | ((v >> 8) & 0x0000FF00u) | ((v << 8) & 0x00FF0000u) | (v << 24);
+}
+
+constexpr std::uint32_t MARKER = static_cast<std::uint32_t>(ORV_MSG_MARKER);
+constexpr std::uint32_t MARKER_REVERSED = reverse32(MARKER);
+constexpr std::uint32_t TEST_MARKER = static_cast<std::uint32_t>(ORV_MSG_TEST);
+constexpr std::uint32_t TEST_MARKER_REVERSED = reverse32(TEST_MARKER);
+
+bool interruptOrTryAgain(int e)
+{
+    return e == EINTR || e == EAGAIN;
+}
+
+} // namespace
+
+// ---------------------------------------------------------------------------
+// Frame readers
+
+template <typename CtlStep>
+bool OsSocket::readFrame(ORV_CTL_MSG* ctl, CtlStep ctlStep, ORV_APP_MSG*& app, const char* name)
+{
+    int state = READ_CTL_MSG;
+    unsigned count = 0;
+    for (;;) {
+        switch (state) {
+        case READ_CTL_MSG:
+            state = ctlStep();
+            count = 0;
+            break;
+        case READ_APP_MSG:
+            state = ReadAppMsg(app, ctl->getSize(), count);
+            break;
+        case READ_PURGE: {
+            std::string text(name);
+            text += ": Purging socket...\n";
+            sockLog(text);
+            PurgeMessage();
+            state = READ_CTL_MSG;
+            break;
+        }
+        default:
+            state = READ_CTL_MSG;
+            break;
+        }
+        if (state == READ_COMPLETE || state == READ_FAILED) break;
+        if (!mayContinue()) break;
+    }
+    if (state != READ_COMPLETE) return false;
+    OrvMessageNetworkOrder(ctl, app);
+    return true;
+}
+
+bool OsSocket::GetOrvMessage(ORV_CTL_MSG* ctl, ORV_APP_MSG* app, unsigned maxSize)
+{
+    // The application header is swapped in place: the buffer must hold it.
+    if (ctl == nullptr || app == nullptr || maxSize < sizeof(ORV_APP_MSG)) return false;
+    return readFrame(
+        ctl, [&] { return ReadCtlMsg(ctl, maxSize); }, app, "GetOrvMessage");
+}
+
+bool OsSocket::GetOrvMessageWithAppMsgMemAlloc(ORV_CTL_MSG* ctl, ORV_APP_MSG*& app)
+{
+    app = nullptr;
+    if (ctl == nullptr) return false;
+    return readFrame(
+        ctl, [&] { return ReadCtlMsgWithAppMsgMemAlloc(ctl, app); }, app, "GetOrvMessageWithAppMsgMemAlloc");
+}
+
+OsSocket::ReadState OsSocket::ReadCtlMsgCommon(ORV_CTL_MSG* ctl)
+{
+    unsigned got = 0;
+    if (!Read(reinterpret_cast<char*>(ctl), sizeof(ORV_CTL_MSG), &got)) return READ_CTL_MSG;
+    if (got != sizeof(ORV_CTL_MSG)) {
+        std::ostringstream os;
+        os << "ReadCtlMsgCommon: IP[" << peerText() << "] Short ORV_CTL_MSG.  Expected [" << sizeof(ORV_CTL_MSG)
+           << "] bytes.  Received [" << got << "] bytes.\n";
+        sockLog(os.str());
+        return READ_PURGE;
+    }
+    if (sockTraceOn(SOCK_TRACE_RAW)) sockLog(rawDump("ReadCtlMsgCommon", ctl, got < 32 ? got : 32));
+    const std::uint32_t marker = ctl->getMarker();
+    if (marker == TEST_MARKER || marker == TEST_MARKER_REVERSED) {
+        sockLog("ReadCtlMsgCommon: IP[" + peerText() + "] Test msg\n");
+        return READ_CTL_MSG;
+    }
+    if (marker == MARKER_REVERSED) {
+        ctl->fromNetwork();
+        ctl->setNetworkOrder();
+    }
+    if (ctl->getMarker() != MARKER) {
+        std::ostringstream os;
+        os << "ReadCtlMsgCommon: IP[" << peerText() << "] Missing ORV_MSG_MARKER in ORV_CTL_MSG.  Expected ["
+           << hex8(MARKER) << "] bytes.  Received [" << hex8(marker) << "] bytes.\n";
+        sockLog(os.str());
+        return READ_PURGE;
+    }
+    if (ctl->getSize() == 0) {
+        sockLog("ReadCtlMsgCommon: IP[" + peerText() + "] ORV_APP_MSG size (as provided in ORV_CTL_MSG) is 0.\n");
+        return READ_PURGE;
+    }
+    return READ_APP_MSG;
+}
+
+OsSocket::ReadState OsSocket::ReadCtlMsg(ORV_CTL_MSG* ctl, unsigned maxSize)
+{
+    const ReadState state = ReadCtlMsgCommon(ctl);
+    if (state == READ_APP_MSG && ctl->getSize() > maxSize) {
+        std::ostringstream os;
+        os << "ReadCtlMsg: IP[" << peerText() << "] ORV_CTL_MSG size [" << ctl->getSize()
+           << "] (as provided in ORV_CTL_MSG) is larger than expected size[" << maxSize << "]\n";
+        sockLog(os.str());
+        return READ_PURGE;
+    }
+    return state;
+}
+
+OsSocket::ReadState OsSocket::ReadCtlMsgWithAppMsgMemAlloc(ORV_CTL_MSG* ctl, ORV_APP_MSG*& app)
+{
+    const ReadState state = ReadCtlMsgCommon(ctl);
+    if (state != READ_APP_MSG) return state;
+    const std::uint32_t size = ctl->getSize();
+    // A body shorter than the application header still gets a whole, zeroed
+    // header, so that reading or swapping it never runs past the buffer.
+    const std::size_t bytes = size < sizeof(ORV_APP_MSG) ? sizeof(ORV_APP_MSG) : size;
+    char* buf = new (std::nothrow) char[bytes];
+    if (buf == nullptr) {
+        std::ostringstream os;
+        os << "ReadCtlMsgWithAppMsgMemAlloc: IP[" << peerText()
+           << "] failed to allocate memory for ORV_APP_MSG size [" << size << "] (as provided in ORV_CTL_MSG)\n";
+        sockLog(os.str());
+        return READ_PURGE;
+    }
+    if (bytes != size) std::memset(buf, 0, bytes);
+    app = reinterpret_cast<ORV_APP_MSG*>(buf);
+    return READ_APP_MSG;
+}
+
+OsSocket::ReadState OsSocket::ReadAppMsg(ORV_APP_MSG* app, unsigned size, unsigned& bytesRead)
+{
+    if (bytesRead >= size) return READ_COMPLETE;
+    unsigned want = size - bytesRead;
+    if (want > APP_MSG_PIECE) want = APP_MSG_PIECE;
+    char* at = reinterpret_cast<char*>(app) + bytesRead;
+    unsigned got = 0;
+    if (!Read(at, want, &got)) {
+        std::ostringstream os;
+        os << "ReadAppMsg: IP[" << peerText() << "] Reading ORV_APP_MSG failed. Wanted [" << want
+           << "] bytes.  Read [" << got << "] bytes.\n";
+        sockLog(os.str());
+        return READ_FAILED;
+    }
+    if (bytesRead == 0 && sockTraceOn(SOCK_TRACE_RAW)) sockLog(rawDump("ReadAppMsg", at, got < 32 ? got : 32));
+    bytesRead += got;
+    return bytesRead < size ? READ_APP_MSG : READ_COMPLETE;
+}
+
+void OsSocket::OrvMessageNetworkOrder(ORV_CTL_MSG* ctl, ORV_APP_MSG* app)
+{
+    if (ctl == nullptr || app == nullptr || !ctl->isNetworkOrder()) return;
+    app->fromNetwork();
+    app->setNetworkOrder();
+}
+
+bool OsSocket::PurgeMessage()
+{
+    bSockErr = false;
+    int avail = 0;
+    if (tavro_internal::socketSeams().availFn(GetSocket(), &avail) != 0 || avail <= 0) return true;
+    std::unique_ptr<char[]> junk(new (std::nothrow) char[static_cast<std::size_t>(avail)]);
+    if (!junk) return true;
+    unsigned got = 0;
+    readAllData(junk.get(), static_cast<unsigned>(avail), &got);
+    return !bSockErr;
+}
+
+// ---------------------------------------------------------------------------
+// Primitive waits and reads
+
+bool OsSocket::Read(char* buf, unsigned len, unsigned* got)
+{
+    if (bSockErr || tcpState != TCP_INITIALIZED || len == 0 || buf == nullptr || got == nullptr) return false;
+    int rc = waitForReadySocket();
+    if (rc == 1) rc = readAllData(buf, len, got);
+    return rc >= 0;
+}
+
+int OsSocket::waitForReadySocket()
+{
+    int n = 0;
+    while (n == 0 && mayContinue()) {
+        const int fd = GetSocket();
+        pollfd p{};
+        p.fd = fd;
+        p.events = POLLIN;
+        n = ::poll(&p, 1, static_cast<int>(tavro_internal::socketSeams().readyWaitMs));
+        int e = errno;
+        if (n == 1 && (p.revents & POLLNVAL)) {
+            // What select says of a descriptor that is not open.
+            n = -1;
+            e = EBADF;
+        }
+        if (n == -1) {
+            errNum = e;
+            if (sockTraceOn(SOCK_TRACE_WAIT)) {
+                std::ostringstream os;
+                os << "waitForReadySocket: IP[" << peerText() << "] select() returned error.  errNum[" << e << "] "
+                   << sockErrText(e) << "\n";
+                sockLog(os.str());
+            }
+            if (!interruptOrTryAgain(e)) {
+                SignalShutdown();
+                bSockErr = true;
+                return 0;
+            }
+            std::ostringstream os;
+            os << "waitForReadySocket: errNum[" << e << "] " << sockErrText(e)
+               << "] is INTERRUPT_ERROR[4] or TRY_AGAIN_ERROR[11]\n";
+            sockLog(os.str());
+            n = 0;
+            continue;
+        }
+        if (n == 1 && (p.revents & (POLLIN | POLLHUP | POLLERR)) == 0 && sockTraceOn(SOCK_TRACE_WAIT)) {
+            sockLog("waitForReadySocket: IP[" + peerText() + "] nReadySockets[1] but FD_ISSET() returns false!\n");
+        }
+    }
+    if (sockTraceOn(SOCK_TRACE_WAIT_EXIT)) {
+        std::ostringstream os;
+        os << "waitForReadySocket: IP[" << peerText() << "] nReadySockets[" << n << "] Shuttingdown()["
+           << boolText(Shuttingdown()) << "] bSockErr[" << boolText(bSockErr) << "]\n";
+        sockLog(os.str());
+    }
+    return n;
+}
+
+int OsSocket::readAllData(char* buf, unsigned len, unsigned* got)
+{
+    if (sockTraceOn(SOCK_TRACE_CONNECT)) {
+        std::ostringstream os;
+        os << "readAllData: IP[" << peerText() << "] nRequestedBytes[" << len << "]\n";
+        sockLog(os.str());
+    }
+    if (!mayContinue()) return static_cast<int>(*got);
+    const tavro_internal::SocketSeams& seams = tavro_internal::socketSeams();
+    *got = 0;
+    unsigned interrupts = 0;
+    ssize_t n = 0;
+    while (*got < len) {
+        n = seams.recvFn(GetSocket(), buf + *got, len - *got, 0);
+        if (n > 0) {
+            *got += static_cast<unsigned>(n);
+            interrupts = 0;
+            continue;
+        }
+        if (n == 0) {
+            errNum = 0;
+            break;
+        }
+        const int e = errno;
+        errNum = e;
+        if (!interruptOrTryAgain(e)) break;
+        ++interrupts;
+        if (sockTraceOn(SOCK_TRACE_INTERRUPT)) {
+            std::ostringstream os;
+            os << "readAllData: interrupt " << interrupts << ", errNum[" << e << "] " << sockErrText(e)
+               << "] is INTERRUPT_ERROR[4] or TRY_AGAIN_ERROR[11]\n";
+            sockLog(os.str());
+        }
+        if (interrupts >= MAX_READ_INTERRUPTS) {
+            errNum = TOO_MANY_INTERRUPTS;
+            break;
+        }
+        seams.sleepMs(READ_RETRY_MS);
+    }
+    if (n > 0) return static_cast<int>(*got);
+    if (n < 0) {
+        std::ostringstream os;
+        if (interrupts < MAX_READ_INTERRUPTS)
+            os << "readAllData: recv() failed.  IP[" << peerText() << "] errNum[" << errNum << "] "
+               << sockErrText(errNum) << "\n";
+        else
+            os << "readAllData: too many interrupts.  IP[" << peerText() << "]\n";
+        sockLog(os.str());
+    }
+    bSockErr = true;
+    SignalShutdown();
+    return -1;
+}
+
+int OsSocket::ReadAvailableBytes(char* buf, unsigned len)
+{
+    if (buf == nullptr || len == 0 || bSockErr || tcpState != TCP_INITIALIZED) return -1;
+    int avail = 0;
+    if (tavro_internal::socketSeams().availFn(GetSocket(), &avail) != 0) {
+        errNum = errno;
+        return -1;
+    }
+    if (avail <= 0) return 0;
+    const unsigned want = static_cast<unsigned>(avail) < len ? static_cast<unsigned>(avail) : len;
+    unsigned got = 0;
+    return readAllData(buf, want, &got);
+}
+
+int OsSocket::waitForAllData(unsigned n)
+{
+    if (sockTraceOn(SOCK_TRACE_WAIT)) {
+        std::ostringstream os;
+        os << "waitForAllData: IP[" << peerText() << "] nRequestedBytes[" << n << "]\n";
+        sockLog(os.str());
+    }
+    const tavro_internal::SocketSeams& seams = tavro_internal::socketSeams();
+    int avail = 0;
+    int rc = 0;
+    for (;;) {
+        if (!mayContinue()) return -1;
+        rc = seams.availFn(GetSocket(), &avail);
+        if (rc != 0) break;
+        if (avail <= 0) return 0;
+        if (static_cast<unsigned>(avail) >= n) return avail;
+        seams.sleepMs(0);
+    }
+    const int e = errno;
+    errNum = e;
+    if (!interruptOrTryAgain(e)) {
+        if (sockTraceOn(SOCK_TRACE_INTERRUPT)) {
+            std::ostringstream os;
+            os << "waitForAllData: ioctlsocket(FIONREAD) failed.  IP[" << peerText() << "]  rc[" << rc << "]  errNum["
+               << e << "] " << sockErrText(e) << "  bytesAvail[" << avail << "]\n";
+            sockLog(os.str());
+        }
+        SignalShutdown();
+        bSockErr = true;
+        return -1;
+    }
+    std::ostringstream os;
+    os << "waitForAllData: errNum[" << e << "] " << sockErrText(e)
+       << "] is INTERRUPT_ERROR[4] or TRY_AGAIN_ERROR[11]\n";
+    sockLog(os.str());
+    return 0;
+}
+
+bool OsSocket::ReadReady()
+{
+    if (bSockErr || tcpState != TCP_INITIALIZED) return false;
+    int avail = 0;
+    const int rc = tavro_internal::socketSeams().availFn(GetSocket(), &avail);
+    if (rc == 0 && avail != 0) return true;
+    if (rc != 0) {
+        const int e = errno;
+        errNum = e;
+        if (sockTraceOn(SOCK_TRACE_INTERRUPT)) {
+            std::ostringstream os;
+            os << "ReadReady: ioctlsocket(FIONREAD) failed.  IP[" << peerText() << "]  rc[" << rc << "]  errNum[" << e
+               << "] " << sockErrText(e) << "  bytesAvail[" << avail << "]\n";
+            sockLog(os.str());
+        }
+    }
+    return false;
+}
+
+// ---------------------------------------------------------------------------
+// Writer
+
+bool OsSocket::SendBD(TCP_BD* chain)
+{
+    const tavro_internal::SocketSeams& seams = tavro_internal::socketSeams();
+    WaitForSingleObject(tcpSend, INFINITE);
+    unsigned wouldBlock = 0;
+    bool failed = false;
+    for (TCP_BD* bd = chain; bd != nullptr && !failed && mayContinue();) {
+        const int size = bd->size;
+        if (sockTraceOn(SOCK_TRACE_SEND_BD)) {
+            std::ostringstream os;
+            os << "SendBD: Sending nBytes[" << size << "] of data at [" << hex8(bd->pBuf) << "]\n";
+            sockLog(os.str());
+        }
+        const char* p = static_cast<const char*>(bd->pBuf);
+        int left = size;
+        while (left > 0 && mayContinue()) {
+            const int fd = GetSocket();
+            if (sockTraceOn(SOCK_TRACE_SEND_CALL)) {
+                std::ostringstream os;
+                os << "SendBD: Sending nBytesToSend[" << left << "] on Socket[" << fd << "]\n";
+                sockLog(os.str());
+            }
+            const ssize_t n = seams.sendFn(fd, p, static_cast<size_t>(left), 0);
+            const int e = errno;
+            msgSent.fetch_add(1, std::memory_order_relaxed);
+            if (n == 0) {
+                if (sockTraceOn(SOCK_TRACE_SEND_ERROR)) {
+                    std::ostringstream os;
+                    os << "SendBD: Zero bytes[0] sent on Socket[" << fd << "]\n";
+                    sockLog(os.str());
+                }
+                continue;
+            }
+            if (n < 0) {
+                if (sockTraceOn(SOCK_TRACE_SEND_ERROR)) {
+                    std::ostringstream os;
+                    os << "SendBD: Error sending nBytesToSend[" << left << "] on Socket[" << fd << "]\n";
+                    sockLog(os.str());
+                }
+                if (e == EAGAIN && ++wouldBlock <= MAX_SEND_WOULD_BLOCK) {
+                    std::ostringstream os;
+                    os << "SendBD: Retrying send that would have blocked on Socket[" << fd << "]\n";
+                    sockLog(os.str());
+                    seams.sleepMs(SEND_RETRY_MS);
+                    continue;
+                }
+                if (e == EINTR) {
+                    std::ostringstream os;
+                    os << "SendBD: Retrying send that returned sockerr[4] (interrupt or try again) on Socket[" << fd
+                       << "]\n";
+                    sockLog(os.str());
+                    continue;
+                }
+                setError(e);
+                SignalShutdown();
+                if (sockTraceOn(SOCK_TRACE_SEND_ERROR)) {
+                    std::ostringstream os;
+                    os << "SendBD: IP[" << peerText() << "] pBD[" << hex8(bd) << "] FAILED TO send nBytes[" << size
+                       << "] errNum[" << e << "] " << sockErrText(e) << "\n";
+                    sockLog(os.str());
+                }
+                failed = true;
+                break;
+            }
+            p += n;
+            left -= static_cast<int>(n);
+            wouldBlock = 0;
+            if (sockTraceOn(SOCK_TRACE_SEND_CALL)) {
+                std::ostringstream os;
+                os << "SendBD: Sent nBytesSent[" << n << "] on Socket[" << fd << "]\n";
+                sockLog(os.str());
+            }
+            if (left == 0) {
+                if (sockTraceOn(SOCK_TRACE_SEND_BD)) {
+                    sockLog(rawDump("SendBD", bd->pBuf, static_cast<std::size_t>(size < 32 ? size : 32)));
+                    std::ostringstream os;
+                    os << "SendBD: IP[" << peerText() << "] pBD[" << hex8(bd) << "] Sent nBytes[" << size << "]\n";
+                    sockLog(os.str());
+                }
+            } else if (sockTraceOn(SOCK_TRACE_SEND_ERROR)) {
+                std::ostringstream os;
+                os << "SendBD: Only sent nBytesSent[" << n << "] of nBytesToSend[" << n + left << "] on Socket[" << fd
+                   << "].  Potential timeout coming?\n";
+                sockLog(os.str());
+            }
+        }
+        if (left > 0) break; // stopped by shutdown or failure
+        bd = bd->pNextBD;
+    }
+    ReleaseMutex(tcpSend);
+    if (Shuttingdown()) bSockErr = true;
+    return !bSockErr;
+}
+
+bool OsSocket::Send(const void* buf, unsigned len)
+{
+    // The debug writer sends trace text through here; tracing that send
+    // would queue more text for the same writer, for ever.
+    SocketTraceMute mute;
+    TCP_BD bd{const_cast<void*>(buf), static_cast<std::int32_t>(len), nullptr};
+    const bool ok = SendBD(&bd);
+    if (!ok) SignalShutdown();
+    return ok;
+}
