@@ -16,6 +16,12 @@
 #include <istream>
 #include <sstream>
 
+// Boost marks its exception classes visible; their type information would
+// then leak into the library's dynamic symbol table. Nothing of Boost crosses
+// the library boundary, so hide them in this unit.
+#include <boost/config.hpp>
+#undef BOOST_SYMBOL_VISIBLE
+#define BOOST_SYMBOL_VISIBLE
 #include <boost/regex.hpp>
 
 #include "Common/Utility/UtlDebug.h"
@@ -120,7 +126,11 @@ bool isIpAnyAddress(const std::string& text)
     if (text.empty()) return true;
     // Compiled once; matching against a const regex is safe from any thread.
     static const boost::regex anyAddress("^0+[.]0+[.]0+[.]0+$");
-    return boost::regex_match(text, anyAddress);
+    try {
+        return boost::regex_match(text, anyAddress);
+    } catch (...) {
+        return false; // only on resource exhaustion; no exception leaves here
+    }
 }
 
 int mygetaddrinfo(const char* /*node*/, const char* /*service*/, const struct addrinfo* /*hints*/,
