@@ -156,17 +156,20 @@ void CrTracker::ProcessRspMsg(CrRsp* rsp)
             !info->ExpectedRsp(addr)) {
             continue;
         }
+        bool complete = false;
         info->Lock();
         if (!info->GetReceivedRsp().SlaveAddrSet(addr)) {
             info->GetReceivedRsp().SetSlaveAddr(addr);
             cmd->AddToRspList(rsp);
             taken = true;
-            if (info->ReceivedAllRsp()) {
-                info->EventNotify();
-                trackerList.erase(it);
-            }
+            complete = info->ReceivedAllRsp();
         }
         info->Unlock();
+        if (complete) {
+            // The sender destroys the record as soon as it wakes: signal last.
+            trackerList.erase(it);
+            info->EventNotify();
+        }
         break;
     }
     ReleaseMutex(listLock);
