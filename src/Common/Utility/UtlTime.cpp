@@ -23,13 +23,6 @@ const char kDelimiters[] = "// ::.\n";
 const char* const kElementNames[] = {"MONTH", "DAY OF MONTH", "YEAR", "HOUR", "MIN", "SEC", "USEC", "EOL"};
 constexpr int kElements = 7;
 
-timeval now()
-{
-    timeval tv{};
-    gettimeofday(&tv, nullptr);
-    return tv;
-}
-
 // Broken-down UTC time of a timeval; zeroes when it cannot be converted.
 tm utc(const timeval& tv)
 {
@@ -74,11 +67,6 @@ long long toNumber(const std::string& s)
 }
 
 } // namespace
-
-date::date() : tv(now()) {}
-monthDay::monthDay() : tv(now()) {}
-timeofday::timeofday() : tv(now()) {}
-precisetimeofday::precisetimeofday() : tv(now()) {}
 
 bool operator==(const timeval& a, const timeval& b)
 {

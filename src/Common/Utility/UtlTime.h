@@ -14,22 +14,22 @@
 // time: date "YYYY-MM-DD", monthDay "MM/DD", timeofday "HH:MM:SS",
 // precisetimeofday "HH:MM:SS.uuuuuu". Default-constructed: the current time.
 struct date {
-    date();
+    date() { gettimeofday(&tv, nullptr); }
     explicit date(const timeval& t) : tv(t) {}
     timeval tv;
 };
 struct monthDay {
-    monthDay();
+    monthDay() { gettimeofday(&tv, nullptr); }
     explicit monthDay(const timeval& t) : tv(t) {}
     timeval tv;
 };
 struct timeofday {
-    timeofday();
+    timeofday() { gettimeofday(&tv, nullptr); }
     explicit timeofday(const timeval& t) : tv(t) {}
     timeval tv;
 };
 struct precisetimeofday {
-    precisetimeofday();
+    precisetimeofday() { gettimeofday(&tv, nullptr); }
     explicit precisetimeofday(const timeval& t) : tv(t) {}
     timeval tv;
 };

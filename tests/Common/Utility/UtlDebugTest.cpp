@@ -1,0 +1,289 @@
+#include "Common/Utility/UtlDebug.h"
+
+#include <gtest/gtest.h>
+
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <ctime>
+#include <iomanip>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "Common/OS/Linux/OSAL.h"
+#include "Common/OS/OsSocket.h"
+#include "TestSupport.h"
+
+namespace {
+
+const char kLog[] = "log/Test.Debug.log";
+const char kBanner[] = "] -- Unknown Application STARTUP\n\n";
+
+timeval tv(long s, long us)
+{
+    timeval t{};
+    t.tv_sec = s;
+    t.tv_usec = us;
+    return t;
+}
+
+// "MM/DD HH:MM:SS" of a UTC time, built without the library's formatters.
+std::string utcPrefix(time_t secs)
+{
+    tm t{};
+    gmtime_r(&secs, &t);
+    char buf[32];
+    std::snprintf(buf, sizeof buf, "%02d/%02d %02d:%02d:%02d", t.tm_mon + 1, t.tm_mday, t.tm_hour, t.tm_min,
+                  t.tm_sec);
+    return buf;
+}
+
+std::string threadTag(std::uint32_t id)
+{
+    char buf[16];
+    std::snprintf(buf, sizeof buf, "%04u", static_cast<unsigned>(id));
+    return buf;
+}
+
+// The log in unit-test mode; a day change marker (midnight passing during
+// the test) is dropped.
+std::string readLog()
+{
+    std::string text = tavro_test::readFile(kLog);
+    const std::string newDay = "\n[New Day]\n\n";
+    for (size_t p; (p = text.find(newDay)) != std::string::npos;) text.erase(p, newDay.size());
+    return text;
+}
+
+int count(const std::string& hay, const std::string& needle)
+{
+    int n = 0;
+    for (size_t p = hay.find(needle); p != std::string::npos; p = hay.find(needle, p + needle.size())) ++n;
+    return n;
+}
+
+class UtlDebugTest : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        ASSERT_EQ(mkdir("log", 0777), 0);
+        ASSERT_TRUE(UtlDebug::StartDebugThread());
+        UtlDebug::SetUnitTestFriendly(true);
+        debugSetLastDay(time(nullptr) / 86400); // past the start-up banner unless a test wants it
+    }
+    void TearDown() override
+    {
+        UtlDebug::SetUnitTestFriendly(false);
+    }
+    static void drain() { ASSERT_TRUE(UtlDebug::GetTheUtlDebug()->WaitUntilDrained(10000)); }
+
+    tavro_test::ScopedTempDir dir;
+};
+
+} // namespace
+
+TEST_F(UtlDebugTest, StartIsIdempotentAcrossThreads)
+{
+    std::vector<std::thread> starters;
+    std::atomic<int> started{0};
+    for (int i = 0; i < 8; ++i)
+        starters.emplace_back([&] { started += UtlDebug::StartDebugThread() ? 1 : 0; });
+    for (auto& t : starters) t.join();
+    EXPECT_EQ(started, 8);
+    EXPECT_TRUE(UtlDebug::IsDebugThreadRunning());
+}
+
+TEST_F(UtlDebugTest, UnitTestModeWritesOnlyMarkersAndBannerOnce)
+{
+    debugSetLastDay(0);
+    debugOut("first\n");
+    debugOut("second\n", false);
+    drain();
+    EXPECT_EQ(readLog(), "\n[] -- Unknown Application STARTUP\n\n[][] first\n[][] second\n");
+}
+
+TEST_F(UtlDebugTest, RealTimeStampsFromTheMessagesOwnStamp)
+{
+    UtlDebug::SetUnitTestFriendly(false);
+    debugSetLastDay(0);
+    timeval before{}, after{};
+    gettimeofday(&before, nullptr);
+    debugOut("hello\n");
+    gettimeofday(&after, nullptr);
+    drain();
+
+    const std::string got = tavro_test::readFile(kLog);
+    // The banner carries the stamp to the millisecond; read it back in UTC.
+    int mon = 0, day = 0, year = 0, hour = 0, min = 0, sec = 0, ms = 0;
+    ASSERT_EQ(std::sscanf(got.c_str(), "\n[%2d/%2d/%4d %2d:%2d:%2d.%3d]", &mon, &day, &year, &hour, &min, &sec, &ms),
+              7)
+        << got;
+    tm t{};
+    t.tm_year = year - 1900;
+    t.tm_mon = mon - 1;
+    t.tm_mday = day;
+    t.tm_hour = hour;
+    t.tm_min = min;
+    t.tm_sec = sec;
+    const time_t stamp = timegm(&t);
+    const long long stampMs = static_cast<long long>(stamp) * 1000 + ms;
+    EXPECT_GE(stampMs, static_cast<long long>(before.tv_sec) * 1000 + before.tv_usec / 1000);
+    EXPECT_LE(stampMs, static_cast<long long>(after.tv_sec) * 1000 + after.tv_usec / 1000);
+
+    const std::string expected = "\n[" + got.substr(2, 23) + kBanner + utcPrefix(stamp) + " " +
+                                 threadTag(GetCurrentThreadId()) + " hello\n";
+    EXPECT_EQ(got, expected);
+}
+
+TEST_F(UtlDebugTest, LineFormatFollowsTheStampsDayAndKeepsStreamState)
+{
+    const long t0 = 1700000000; // 2023-11-14 22:13:20 UTC
+    struct Step {
+        timeval stamp;
+        std::uint32_t thread;
+        bool unitTest;
+        const char* text;
+        const char* line;
+    } steps[] = {
+        {tv(t0, 123456), 42, false, "a\n",
+         "\n[11/14/2023 22:13:20.123] -- Unknown Application STARTUP\n\n11/14 22:13:20 0042 a\n"},
+        {tv(t0 + 60, 0), 123456, false, "b\n", "11/14 22:14:20 123456 b\n"},
+        {tv(t0 + 86400, 0), 7, false, "c", "\n2023-11-15 \n\n11/15 22:13:20 0007 c"},
+        {tv(t0 + 86400 + 5, 0), 0, false, "", "11/15 22:13:25 0000 "},
+        {tv(t0 + 2 * 86400, 0), 7, true, "d\n", "\n[New Day]\n\n[][] d\n"},
+        {tv(t0 + 2 * 86400, 1), 7, true, "e\n", "[][] e\n"},
+        // An earlier day is a change of day as well.
+        {tv(t0, 0), 7, false, "f\n", "\n2023-11-14 \n\n11/14 22:13:20 0007 f\n"},
+    };
+    debugSetLastDay(0);
+    for (const Step& s : steps) {
+        SCOPED_TRACE(s.line);
+        UtlDebug::SetUnitTestFriendly(s.unitTest);
+        const DEBUG_MSG msg(s.text, false, s.stamp, s.thread);
+        std::ostringstream os;
+        os << std::hex << std::setfill('*') << std::left;
+        os << msg << std::setw(4) << 255;
+        EXPECT_EQ(os.str(), std::string(s.line) + "ff**");
+    }
+    EXPECT_EQ(debugLastDay(), t0 / 86400);
+}
+
+TEST_F(UtlDebugTest, FullQueueBlocksTheCallerUntilTheWriterDrainsOne)
+{
+    // A private instance so that its writer can be held back.
+    UtlDebug inst;
+    for (int i = 0; i < UtlDebug::MAX_PENDING; ++i) inst.DebugOut("x\n", false);
+
+    std::atomic<bool> returned{false};
+    std::thread producer([&] {
+        inst.DebugOut("last\n", false);
+        returned = true;
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_FALSE(returned.load());
+    EXPECT_FALSE(inst.WaitUntilDrained(0));
+
+    std::thread writer([&] { inst.Run(nullptr); });
+    producer.join();
+    EXPECT_TRUE(returned.load());
+    EXPECT_TRUE(inst.WaitUntilDrained(60000));
+    inst.SignalShutdown();
+    writer.join();
+
+    const std::string got = readLog();
+    EXPECT_EQ(count(got, "[][] x\n"), UtlDebug::MAX_PENDING);
+    EXPECT_EQ(got.substr(got.size() - 10), "[][] last\n");
+}
+
+TEST_F(UtlDebugTest, ListenersGetTheTextWithoutPrefix)
+{
+    int a[2], b[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, a), 0);
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, b), 0);
+    OsSocket first, second, sameAsFirst;
+    first.SetSocket(a[0]);
+    second.SetSocket(b[0]);
+    sameAsFirst.SetSocket(a[0]);
+    UtlDebug* d = UtlDebug::GetTheUtlDebug();
+    d->Register(&first);
+    d->Register(&first); // no second copy
+    d->Register(&second);
+
+    auto received = [](int fd) {
+        char buf[256];
+        const ssize_t n = recv(fd, buf, sizeof buf, MSG_DONTWAIT);
+        return n > 0 ? std::string(buf, static_cast<size_t>(n)) : std::string();
+    };
+    debugOut("to both\n");
+    drain();
+    EXPECT_EQ(received(a[1]), "to both\n");
+    EXPECT_EQ(received(b[1]), "to both\n");
+
+    // Listeners are matched by descriptor, not by object.
+    d->Deregister(&sameAsFirst);
+    debugOut("second only\n");
+    drain();
+    EXPECT_EQ(received(a[1]), "");
+    EXPECT_EQ(received(b[1]), "second only\n");
+
+    // A listener whose peer is gone neither stops the writer nor raises SIGPIPE.
+    close(b[1]);
+    debugOut("peer gone\n");
+    drain();
+    d->Deregister(&second);
+    EXPECT_EQ(readLog(), "[][] to both\n[][] second only\n[][] peer gone\n");
+    // The socket objects close a[0] and b[0]; only one of them may own a[0].
+    sameAsFirst.SetSocket(-1);
+    close(a[1]);
+}
+
+TEST_F(UtlDebugTest, SysLogMessagesAlsoGoToStdoutAndEmptyOnesAreDropped)
+{
+    testing::internal::CaptureStdout();
+    debugOut("to syslog\n", true);
+    debugOut("");
+    debugOut(nullptr);
+    debugOut("plain\n");
+    drain();
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "to syslog\n  EMPTY Debug message\n  EMPTY Debug message\n");
+    EXPECT_EQ(readLog(), "[][] to syslog\n[][] plain\n");
+}
+
+TEST_F(UtlDebugTest, ManyThreadsLoseNothingAndKeepTheirOrder)
+{
+    constexpr int kThreads = 4, kEach = 300;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t)
+        threads.emplace_back([t] {
+            for (int i = 0; i < kEach; ++i) debugOutf("T%d %d\n", t, i);
+        });
+    for (auto& t : threads) t.join();
+    drain();
+
+    std::istringstream in(readLog());
+    std::string line;
+    int next[kThreads] = {};
+    int lines = 0;
+    while (std::getline(in, line)) {
+        int t = -1, i = -1;
+        ASSERT_EQ(std::sscanf(line.c_str(), "[][] T%d %d", &t, &i), 2) << line;
+        ASSERT_TRUE(t >= 0 && t < kThreads);
+        EXPECT_EQ(i, next[t]++);
+        ++lines;
+    }
+    EXPECT_EQ(lines, kThreads * kEach);
+}
+
+TEST_F(UtlDebugTest, FormattedTextIsNeverTruncated)
+{
+    const std::string longWord(5000, 'w');
+    debugOutf("%s|%d|%s\n", "start", 17, longWord.c_str());
+    drain();
+    EXPECT_EQ(readLog(), "[][] start|17|" + longWord + "\n");
+}
