@@ -1,0 +1,252 @@
+#pragma once
+
+// Helpers for socket tests: connected descriptor pairs, frames built from
+// explicit bytes in a chosen byte order, trace capture and seam control.
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdint>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "Common/OS/OsSocket.h"
+#include "Common/OS/OsSocketDebug.h"
+
+namespace sock_test {
+
+// Byte order of the words of a frame on the wire.
+enum class Order { Big, Little };
+
+inline bool hostIsBig()
+{
+    const std::uint16_t one = 1;
+    return *reinterpret_cast<const unsigned char*>(&one) == 0;
+}
+inline Order hostOrder() { return hostIsBig() ? Order::Big : Order::Little; }
+inline Order otherOrder() { return hostIsBig() ? Order::Little : Order::Big; }
+
+inline void putWord(std::string& s, std::uint32_t w, Order o)
+{
+    const unsigned char b[4] = {static_cast<unsigned char>(w >> 24), static_cast<unsigned char>(w >> 16),
+                                static_cast<unsigned char>(w >> 8), static_cast<unsigned char>(w)};
+    if (o == Order::Big)
+        s.append(reinterpret_cast<const char*>(b), 4);
+    else
+        for (int i = 3; i >= 0; --i) s.push_back(static_cast<char>(b[i]));
+}
+
+constexpr std::uint32_t kMarker = 0x4D53473A; // "MSG:"
+constexpr std::uint32_t kTest = 0x5453543A;   // "TST:"
+constexpr std::uint32_t kLink = 0x4C494E4B;   // "LINK"
+constexpr std::uint32_t kCmd = 0x434D443A;    // "CMD:"
+
+// Payload byte i of a frame tagged tag.
+inline char payloadByte(std::uint32_t tag, std::size_t i)
+{
+    return static_cast<char>((i * 31u + tag * 7u + (i >> 8)) & 0xFF);
+}
+
+struct FrameSpec {
+    Order order = Order::Big;
+    std::uint32_t marker = kMarker;
+    std::uint32_t manager = 1;
+    std::uint32_t cmdCode = 10002;
+    std::uint32_t seqNbr = 1;
+    std::uint32_t payload = 0; // payload bytes
+    std::uint32_t tag = 0;     // selects the payload pattern
+    // Size word to announce; by default 28 + payload.
+    long long sizeOverride = -1;
+};
+
+// Control header, application header and payload as they travel.
+inline std::string buildFrame(const FrameSpec& f)
+{
+    std::string s;
+    const std::uint32_t size = f.sizeOverride >= 0 ? static_cast<std::uint32_t>(f.sizeOverride) : 28 + f.payload;
+    putWord(s, f.marker, f.order);
+    putWord(s, f.manager, f.order);
+    putWord(s, size, f.order);
+    putWord(s, kCmd, f.order);
+    putWord(s, f.cmdCode, f.order);
+    putWord(s, f.seqNbr, f.order);
+    putWord(s, 1, f.order);    // msgStat
+    putWord(s, 25, f.order);   // srcAddr
+    putWord(s, 0, f.order);    // appError
+    putWord(s, f.payload, f.order);
+    for (std::uint32_t i = 0; i < f.payload; ++i) s.push_back(payloadByte(f.tag, i));
+    return s;
+}
+
+inline std::string linkTestHeader(Order o)
+{
+    std::string s;
+    putWord(s, kTest, o);
+    putWord(s, kLink, o);
+    putWord(s, 12, o);
+    return s;
+}
+
+// Checks a frame read by the socket against the spec it was built from.
+inline void expectFrame(const ORV_CTL_MSG& ctl, const char* body, const FrameSpec& f)
+{
+    const bool reversed = f.order != hostOrder();
+    EXPECT_EQ(ctl.getMarker(), kMarker);
+    EXPECT_EQ(ctl.manager, f.manager);
+    EXPECT_EQ(ctl.getSize(), 28 + f.payload);
+    EXPECT_EQ(ctl.isNetworkOrder(), reversed);
+    const ORV_APP_MSG* app = reinterpret_cast<const ORV_APP_MSG*>(body);
+    EXPECT_EQ(app->msgType, kCmd);
+    EXPECT_EQ(app->cmdCode, f.cmdCode);
+    EXPECT_EQ(app->seqNbr, f.seqNbr);
+    EXPECT_EQ(app->getAppSize(), f.payload);
+    EXPECT_EQ(app->isNetworkOrder(), reversed);
+    std::size_t bad = 0;
+    for (std::uint32_t i = 0; i < f.payload; ++i)
+        if (body[28 + i] != payloadByte(f.tag, i)) ++bad;
+    EXPECT_EQ(bad, 0u) << "payload bytes differ";
+}
+
+inline bool writeAll(int fd, const void* data, std::size_t n)
+{
+    const char* p = static_cast<const char*>(data);
+    while (n > 0) {
+        const ssize_t k = ::send(fd, p, n, MSG_NOSIGNAL);
+        if (k < 0) {
+            if (errno == EINTR) continue;
+            return false;
+        }
+        p += k;
+        n -= static_cast<std::size_t>(k);
+    }
+    return true;
+}
+inline bool writeAll(int fd, const std::string& s) { return writeAll(fd, s.data(), s.size()); }
+
+inline bool readAll(int fd, void* data, std::size_t n)
+{
+    char* p = static_cast<char*>(data);
+    while (n > 0) {
+        const ssize_t k = ::recv(fd, p, n, 0);
+        if (k < 0 && errno == EINTR) continue;
+        if (k <= 0) return false;
+        p += k;
+        n -= static_cast<std::size_t>(k);
+    }
+    return true;
+}
+
+inline int waiting(int fd)
+{
+    int n = 0;
+    if (::ioctl(fd, FIONREAD, &n) != 0) return -1;
+    return n;
+}
+
+// Waits (bounded) until nothing is left unread on fd: the reader took it.
+inline bool waitDrained(int fd, int ms = 10000)
+{
+    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+    while (waiting(fd) > 0) {
+        if (std::chrono::steady_clock::now() > end) return false;
+        std::this_thread::sleep_for(std::chrono::microseconds(20));
+    }
+    return true;
+}
+
+// Two connected blocking descriptors.
+struct FdPair {
+    int a = -1;
+    int b = -1;
+    void closeB()
+    {
+        if (b >= 0) ::close(b);
+        b = -1;
+    }
+    ~FdPair()
+    {
+        if (a >= 0) ::close(a);
+        closeB();
+    }
+};
+
+inline void unixPair(FdPair& p)
+{
+    int sv[2];
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
+    p.a = sv[0];
+    p.b = sv[1];
+}
+
+inline void tcpPair(FdPair& p)
+{
+    const int l = ::socket(AF_INET, SOCK_STREAM, 0);
+    ASSERT_GE(l, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ASSERT_EQ(::bind(l, reinterpret_cast<sockaddr*>(&a), sizeof a), 0);
+    ASSERT_EQ(::listen(l, 4), 0);
+    socklen_t len = sizeof a;
+    ASSERT_EQ(::getsockname(l, reinterpret_cast<sockaddr*>(&a), &len), 0);
+    const int c = ::socket(AF_INET, SOCK_STREAM, 0);
+    ASSERT_EQ(::connect(c, reinterpret_cast<sockaddr*>(&a), sizeof a), 0);
+    const int s = ::accept(l, nullptr, nullptr);
+    ::close(l);
+    ASSERT_GE(s, 0);
+    p.a = s;
+    p.b = c;
+}
+
+// Captures what the socket layer writes to the debug trace (standard output
+// while no debug writer runs).
+class TraceCapture {
+public:
+    TraceCapture() { testing::internal::CaptureStdout(); }
+    ~TraceCapture()
+    {
+        if (!done) testing::internal::GetCapturedStdout();
+    }
+    std::string text()
+    {
+        done = true;
+        return testing::internal::GetCapturedStdout();
+    }
+
+private:
+    bool done = false;
+};
+
+inline std::size_t countOf(const std::string& text, const std::string& what)
+{
+    std::size_t n = 0;
+    for (auto at = text.find(what); at != std::string::npos; at = text.find(what, at + what.size())) ++n;
+    return n;
+}
+
+// Resets seams, trace bits and the terminating flag around each test.
+class SeamGuard {
+public:
+    SeamGuard()
+    {
+        tavro_internal::resetSocketSeams();
+        tavro_internal::socketSeams().readyWaitMs = 20;
+        socketTraceFeature().SetMask(0);
+        OsSocket::setProgramTerminating(false);
+    }
+    ~SeamGuard()
+    {
+        tavro_internal::resetSocketSeams();
+        socketTraceFeature().SetMask(0);
+        OsSocket::setProgramTerminating(false);
+    }
+};
+
+} // namespace sock_test
