@@ -1,0 +1,642 @@
+// Socket creation, options, binding, connecting, accepting and closing.
+#include <fcntl.h>
+#include <netinet/tcp.h>
+
+#include <atomic>
+#include <cstdio>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "Common/OS/SocketTestSupport.h"
+
+using namespace sock_test;
+
+namespace {
+
+int intOption(int fd, int level, int option)
+{
+    int v = -1;
+    socklen_t len = sizeof v;
+    if (getsockopt(fd, level, option, &v, &len) != 0) return -1000 - errno;
+    return v;
+}
+
+c_sockaddr loopback(unsigned short hostPort)
+{
+    return c_sockaddr(AF_INET, c_inaddr("127.0.0.1"), htons(hostPort));
+}
+
+std::size_t countOpenFds()
+{
+    std::size_t n = 0;
+    for (int fd = 0; fd < 1024; ++fd)
+        if (fcntl(fd, F_GETFD) != -1) ++n;
+    return n;
+}
+
+unsigned short boundPort(int fd)
+{
+    return c_sockaddr(fd).hostPort();
+}
+
+// A listening socket holding an ephemeral loopback port.
+struct PortHolder {
+    int fd = -1;
+    unsigned short port = 0;
+    explicit PortHolder(bool listening = true, int backlog = 8)
+    {
+        fd = ::socket(AF_INET, SOCK_STREAM, 0);
+        c_sockaddr a = loopback(0);
+        if (::bind(fd, static_cast<const sockaddr*>(a), sizeof(sockaddr_in)) != 0) ADD_FAILURE() << "bind";
+        if (listening && ::listen(fd, backlog) != 0) ADD_FAILURE() << "listen";
+        port = boundPort(fd);
+    }
+    void close()
+    {
+        if (fd >= 0) ::close(fd);
+        fd = -1;
+    }
+    ~PortHolder() { close(); }
+};
+
+// Fake clock advanced only by the fake sleep.
+std::uint64_t g_nowMs = 0;
+std::vector<unsigned> g_sleeps;
+std::vector<std::string> g_shell;
+int g_releaseAfterKills = -1;
+PortHolder* g_holder = nullptr;
+bool g_terminateOnSleep = false;
+
+std::uint64_t fakeNow()
+{
+    return g_nowMs;
+}
+void fakeSleep(unsigned ms)
+{
+    g_sleeps.push_back(ms);
+    g_nowMs += ms;
+    if (g_terminateOnSleep) OsSocket::setProgramTerminating(true);
+}
+int fakeShell(const char* cmd)
+{
+    g_shell.push_back(cmd);
+    if (g_holder != nullptr && static_cast<int>(g_shell.size()) == g_releaseAfterKills) g_holder->close();
+    return 0;
+}
+
+struct SocketFixture : testing::Test {
+    SeamGuard seams;
+    void SetUp() override
+    {
+        g_nowMs = 1000000;
+        g_sleeps.clear();
+        g_shell.clear();
+        g_releaseAfterKills = -1;
+        g_holder = nullptr;
+        g_terminateOnSleep = false;
+        tavro_internal::socketSeams().nowMs = fakeNow;
+        tavro_internal::socketSeams().sleepMs = fakeSleep;
+        tavro_internal::socketSeams().runShell = fakeShell;
+        OsSocket::setApplicationName(nullptr);
+    }
+};
+
+} // namespace
+
+// --- construction ------------------------------------------------------------
+
+TEST_F(SocketFixture, NewSocketsStartClosedAndJoinTheProcessSet)
+{
+    const std::size_t before = OsSocket::createdSocketsCount();
+    {
+        OsSocket def;
+        OsSocket client("switch-a", loopback(58991), TCP_CLIENT, 3);
+        OsSocket udp("ignored", loopback(5000), UDP_SERVICE, 0);
+        EXPECT_EQ(OsSocket::createdSocketsCount(), before + 3);
+        for (OsSocket* s : {&def, &client, &udp}) {
+            EXPECT_EQ(s->GetSocket(), -1);
+            EXPECT_TRUE(s->HasError());
+            EXPECT_EQ(s->GetTcpState(), TCP_NOT_INIT);
+            EXPECT_EQ(s->GetLastError(), 0);
+            EXPECT_FALSE(s->Shuttingdown());
+        }
+        EXPECT_EQ(def.GetTcpType(), TCP_INVALID);
+        EXPECT_STREQ(client.GetHostname(), "switch-a");
+        EXPECT_EQ(client.GetServiceType(), 3);
+        EXPECT_EQ(client.GetAddressOfSocketInfo()->hostPort(), 58991);
+        EXPECT_EQ(udp.GetHostname(), nullptr); // never kept for UDP
+        EXPECT_TRUE(udp.SocketProtocol());
+        EXPECT_FALSE(client.SocketProtocol());
+    }
+    EXPECT_EQ(OsSocket::createdSocketsCount(), before);
+}
+
+TEST_F(SocketFixture, AssignmentCopiesStateButKeepsItsOwnHandles)
+{
+    OsSocket a("peer", loopback(1234), TCP_CLIENT, 4);
+    ASSERT_TRUE(a.PrepareSocket());
+    OsSocket b;
+    b = a;
+    EXPECT_EQ(b.GetSocket(), a.GetSocket());
+    EXPECT_EQ(b.GetTcpType(), TCP_CLIENT);
+    EXPECT_EQ(b.GetServiceType(), 4);
+    EXPECT_EQ(b.GetTcpState(), TCP_INITIALIZED);
+    EXPECT_FALSE(b.HasError());
+    ASSERT_NE(b.GetHostname(), nullptr);
+    EXPECT_NE(b.GetHostname(), a.GetHostname());
+    EXPECT_STREQ(b.GetHostname(), "peer");
+    b.SignalShutdown();
+    EXPECT_TRUE(b.Shuttingdown());
+    EXPECT_FALSE(a.Shuttingdown());
+    b.SetSocket(-1); // the descriptor stays a's
+}
+
+// --- options -----------------------------------------------------------------
+
+TEST_F(SocketFixture, ClientPreparationSetsEveryOption)
+{
+    OsSocket s("sw", loopback(1), TCP_CLIENT, 3);
+    ASSERT_TRUE(s.PrepareSocket());
+    const int fd = s.GetSocket();
+    ASSERT_GE(fd, 0);
+    EXPECT_FALSE(s.HasError());
+    EXPECT_EQ(s.GetTcpState(), TCP_INITIALIZED);
+    linger l{};
+    socklen_t len = sizeof l;
+    ASSERT_EQ(getsockopt(fd, SOL_SOCKET, SO_LINGER, &l, &len), 0);
+    EXPECT_EQ(l.l_onoff, 0);
+    EXPECT_EQ(l.l_linger, 0);
+    EXPECT_EQ(intOption(fd, SOL_SOCKET, SO_KEEPALIVE), 1);
+    EXPECT_EQ(intOption(fd, IPPROTO_TCP, TCP_KEEPIDLE), 15);
+    EXPECT_EQ(intOption(fd, IPPROTO_TCP, TCP_KEEPINTVL), 5);
+    EXPECT_EQ(intOption(fd, IPPROTO_TCP, TCP_KEEPCNT), 3);
+    EXPECT_EQ(intOption(fd, IPPROTO_TCP, 18), 10000); // TCP_USER_TIMEOUT
+    EXPECT_EQ(intOption(fd, SOL_SOCKET, SO_REUSEADDR), 0);
+    EXPECT_NE(fcntl(fd, F_GETFD) & FD_CLOEXEC, 0);
+    EXPECT_NE(fcntl(fd, F_GETFL) & O_NONBLOCK, 0);
+}
+
+TEST_F(SocketFixture, OptionSuccessIsTracedOnlyWithItsBit)
+{
+    for (bool on : {false, true}) {
+        socketTraceFeature().SetMask(on ? SOCK_TRACE_OPTIONS | SOCK_TRACE_CONNECT : 0);
+        OsSocket s("sw", loopback(1), TCP_CLIENT, 3);
+        TraceCapture cap;
+        ASSERT_TRUE(s.PrepareSocket());
+        const std::string out = cap.text();
+        if (!on) {
+            EXPECT_EQ(out, "");
+            continue;
+        }
+        const std::string fd = std::to_string(s.GetSocket());
+        const std::string pre = "(): Socket[" + fd + "] ";
+        EXPECT_EQ(out, "disableInheritance: PrepareTCPSocket" + pre + "fcntl( FD_CLOEXEC ) succeeded.\n" +
+                           "setLingerOnCloseOffOption: PrepareTCPSocket" + pre + "setsockopt( SO_LINGER ) succeeded.\n" +
+                           "setKeepAliveOptions: PrepareTCPSocket" + pre + "setsockopt( SO_KEEPALIVE ) succeeded.\n" +
+                           "setKeepAliveOptions: PrepareTCPSocket" + pre + "setsockopt( TCP_KEEPIDLE ) succeeded.\n" +
+                           "setKeepAliveOptions: PrepareTCPSocket" + pre + "setsockopt( TCP_KEEPINTVL ) succeeded.\n" +
+                           "setKeepAliveOptions: PrepareTCPSocket" + pre + "setsockopt( TCP_KEEPCNT ) succeeded.\n" +
+                           "setBlockingMode: PrepareTCPSocket" + pre + "ioctl( FIONBIO ) succeeded.\n" +
+                           "PrepareTCPSocket: Socket[" + fd + "]  setBlockingMode( BLOCKING_DISABLED )\n" +
+                           "setTxTimeoutOption: PrepareTCPSocket" + pre + "setsockopt( SO_SNDTIMEO ) succeeded.\n");
+    }
+}
+
+TEST_F(SocketFixture, OptionFailuresAreAlwaysTraced)
+{
+    OsSocket s;
+    TraceCapture cap;
+    EXPECT_FALSE(s.setReuseAddrOption(-1));
+    EXPECT_FALSE(s.setLingerOnCloseOffOption(-1, "Caller"));
+    EXPECT_FALSE(s.disableInheritance(-1));
+    EXPECT_FALSE(s.setBlockingMode(-1, true));
+    EXPECT_FALSE(s.BindSocketToInterface(-1, "lo"));
+    const std::string e = std::to_string(EBADF);
+    EXPECT_EQ(cap.text(), "setReuseAddrOption: unknown(): Socket[-1] setsockopt( SO_REUSEADDR ) failed[" + e + "]\n" +
+                              "setLingerOnCloseOffOption: Caller(): Socket[-1] setsockopt( SO_LINGER ) failed[" + e +
+                              "]\n" + "disableInheritance: unknown(): Socket[-1] fcntl( FD_CLOEXEC ) failed[" + e +
+                              "]\n" + "setBlockingMode: unknown(): Socket[-1] ioctl( FIONBIO ) failed[" + e + "]\n" +
+                              "BindSocketToInterface: unknown(): Socket[-1] setsockopt( SO_BINDTODEVICE ) failed[" +
+                              e + "]\n");
+    EXPECT_EQ(s.GetLastError(), EBADF);
+}
+
+TEST_F(SocketFixture, KeepAliveDisabledSetsNothing)
+{
+    OsSocket s("sw", loopback(1), TCP_CLIENT, 3);
+    s.SetKeepAlive(false);
+    TraceCapture cap;
+    ASSERT_TRUE(s.PrepareSocket());
+    EXPECT_EQ(cap.text(), "setKeepAliveOptions: PrepareTCPSocket(): SOCKET DOES NOT HAVE KEEPALIVE ENABLED.\n");
+    EXPECT_EQ(intOption(s.GetSocket(), SOL_SOCKET, SO_KEEPALIVE), 0);
+}
+
+TEST_F(SocketFixture, UserTimeoutOnASocketWithoutItIsTolerated)
+{
+    OsSocket udp("", loopback(0), UDP_SERVICE, 0);
+    ASSERT_TRUE(udp.PrepareSocket());
+    TraceCapture cap;
+    EXPECT_TRUE(udp.setTxTimeoutOption(udp.GetSocket(), "Tester")); // ENOPROTOOPT on UDP
+    EXPECT_EQ(cap.text(), "");
+    EXPECT_TRUE(udp.setRxTimeoutOption(udp.GetSocket()));
+}
+
+// --- server binding ----------------------------------------------------------
+
+TEST_F(SocketFixture, ServerListensOnItsAddress)
+{
+    OsSocket server("", loopback(0), TCP_SERVER, 0);
+    ASSERT_TRUE(server.PrepareSocket(0, 4));
+    const int fd = server.GetSocket();
+    EXPECT_EQ(intOption(fd, SOL_SOCKET, SO_REUSEADDR), 1);
+    EXPECT_EQ(intOption(fd, SOL_SOCKET, SO_ACCEPTCONN), 1);
+    EXPECT_TRUE(g_sleeps.empty());
+}
+
+TEST_F(SocketFixture, BusyPortIsRetriedEveryFourSecondsForTwentyMinutes)
+{
+    PortHolder holder;
+    OsSocket server("", loopback(holder.port), TCP_SERVER, 0);
+    TraceCapture cap;
+    EXPECT_FALSE(server.PrepareSocket());
+    const std::string out = cap.text();
+    EXPECT_TRUE(server.HasError());
+    EXPECT_EQ(server.GetTcpState(), TCP_NOT_INIT);
+    EXPECT_EQ(g_sleeps, std::vector<unsigned>(300, 4000));
+    EXPECT_EQ(g_shell, std::vector<std::string>(300, "./KillOutstandingApp.sh ORVMgmt"));
+    const std::string retry = "PrepareTcpServerSocket: bind error [98] to IP[127.0.0.1] port [" +
+                              std::to_string(holder.port) + "] is not fatal.  Retry...\n";
+    EXPECT_EQ(countOf(out, retry), 300u);
+    EXPECT_EQ(countOf(out, "PrepareTcpServerSocket: bind has given up after 20 minutes!\n"), 1u);
+}
+
+TEST_F(SocketFixture, BindSucceedsOnceTheOtherInstanceIsKilled)
+{
+    PortHolder holder;
+    g_holder = &holder;
+    g_releaseAfterKills = 3;
+    OsSocket::setApplicationName("SnmpAgent");
+    OsSocket server("", loopback(holder.port), TCP_SERVER, 0);
+    TraceCapture cap;
+    EXPECT_TRUE(server.PrepareSocket());
+    cap.text();
+    EXPECT_EQ(g_shell, std::vector<std::string>(3, "./KillOutstandingApp.sh SnmpAgent"));
+    EXPECT_FALSE(server.HasError());
+    EXPECT_EQ(server.GetTcpState(), TCP_INITIALIZED);
+}
+
+TEST_F(SocketFixture, TerminatingProgramStopsTheBindRetries)
+{
+    PortHolder holder;
+    g_terminateOnSleep = true;
+    OsSocket server("", loopback(holder.port), TCP_SERVER, 0);
+    TraceCapture cap;
+    EXPECT_FALSE(server.PrepareSocket());
+    cap.text();
+    EXPECT_EQ(g_sleeps.size(), 1u);
+    EXPECT_TRUE(g_shell.empty());
+}
+
+TEST_F(SocketFixture, OtherBindErrorsAreFatalAtOnce)
+{
+    OsSocket server("", c_sockaddr(AF_INET, c_inaddr("192.0.2.1"), htons(5000)), TCP_SERVER, 0);
+    TraceCapture cap;
+    EXPECT_FALSE(server.PrepareSocket());
+    const std::string out = cap.text();
+    EXPECT_EQ(countOf(out, "PrepareTcpServerSocket: Fatal bind error [" + std::to_string(EADDRNOTAVAIL) + "]"), 1u)
+        << out;
+    EXPECT_TRUE(g_sleeps.empty());
+    EXPECT_EQ(server.GetLastError(), EADDRNOTAVAIL);
+}
+
+TEST(BindErrorThrottle, ReportsEveryErrorThenEveryTenthHundredthThousandth)
+{
+    struct Step {
+        unsigned error;
+        bool reported;
+        unsigned newEvery;
+    };
+    const std::vector<Step> steps = {{1, true, 0},    {9, true, 0},      {10, true, 10},    {11, false, 0},
+                                     {20, true, 0},   {99, false, 0},    {100, true, 100},  {150, false, 0},
+                                     {200, true, 0},  {1000, true, 1000}, {1500, false, 0}, {2000, true, 0},
+                                     {10000, true, 0}};
+    BindErrorThrottle t;
+    std::size_t next = 0;
+    for (unsigned e = 1; e <= 10000; ++e) {
+        unsigned newEvery = 99;
+        const bool reported = t.countFailure(newEvery);
+        if (next < steps.size() && steps[next].error == e) {
+            EXPECT_EQ(reported, steps[next].reported) << e;
+            EXPECT_EQ(newEvery, steps[next].newEvery) << e;
+            ++next;
+        }
+    }
+    EXPECT_EQ(next, steps.size());
+    t.reset();
+    unsigned newEvery = 0;
+    EXPECT_TRUE(t.countFailure(newEvery));
+    EXPECT_EQ(t.frequency(), 1u);
+}
+
+TEST_F(SocketFixture, BindTcpSocketThrottlesItsReports)
+{
+    OsSocket s("sw", loopback(1), TCP_CLIENT, 3);
+    ASSERT_TRUE(s.PrepareSocket());
+    TraceCapture cap;
+    for (int i = 0; i < 20; ++i) EXPECT_FALSE(s.BindTCPSocket(c_inaddr("192.0.2.1")));
+    const std::string out = cap.text();
+    EXPECT_EQ(countOf(out, "BindTCPSocket: Changing reporting frequency to every 10 errors!\n"), 1u) << out;
+    EXPECT_EQ(countOf(out, "] failed.  errNum["), 11u) << out; // 1-10 and 20
+    EXPECT_TRUE(s.BindTCPSocket(c_inaddr("127.0.0.1")));
+}
+
+// --- connecting and accepting ------------------------------------------------
+
+TEST_F(SocketFixture, ConnectOnlyForClients)
+{
+    OsSocket server("", loopback(1), TCP_SERVER, 0);
+    EXPECT_FALSE(server.Connect());
+}
+
+TEST_F(SocketFixture, ConnectAndAcceptExchangeData)
+{
+    OsSocket server("", loopback(0), TCP_SERVER, 0);
+    ASSERT_TRUE(server.PrepareSocket());
+    const unsigned short port = boundPort(server.GetSocket());
+    OsSocket client("sw", loopback(port), TCP_CLIENT, 3);
+    ASSERT_TRUE(client.PrepareSocket());
+    TraceCapture cap;
+    ASSERT_TRUE(client.Connect(OsSocket::REPORT_CONNECTION));
+    const std::string out = cap.text();
+    const std::string local = "127.0.0.1:" + std::to_string(boundPort(client.GetSocket()));
+    EXPECT_EQ(out, "Connect  Local client[" + local + "] connected to remote server[127.0.0.1:" +
+                       std::to_string(port) + "]\n");
+
+    socketTraceFeature().SetMask(SOCK_TRACE_BIND);
+    TraceCapture cap2;
+    std::unique_ptr<OsSocket> accepted(server.Accept());
+    const std::string out2 = cap2.text();
+    ASSERT_NE(accepted, nullptr);
+    EXPECT_EQ(countOf(out2, "Accept  Local server[127.0.0.1:" + std::to_string(port) + "] accepted remote client[" +
+                                local + "]\n"),
+              1u)
+        << out2;
+    EXPECT_EQ(accepted->GetTcpType(), TCP_SERVER);
+    EXPECT_EQ(accepted->IPAddress().toString(), "127.0.0.1");
+    EXPECT_NE(accepted->GetSocket(), server.GetSocket());
+    EXPECT_EQ(intOption(accepted->GetSocket(), SOL_SOCKET, SO_KEEPALIVE), 1);
+
+    FrameSpec f;
+    f.payload = 100;
+    const std::string frame = buildFrame(f);
+    ASSERT_TRUE(client.Send(frame.data(), static_cast<unsigned>(frame.size())));
+    std::vector<char> body(4096);
+    ORV_CTL_MSG ctl;
+    ASSERT_TRUE(accepted->GetOrvMessage(&ctl, reinterpret_cast<ORV_APP_MSG*>(body.data()), 4096));
+    expectFrame(ctl, body.data(), f);
+}
+
+TEST_F(SocketFixture, RefusedConnectionReportsSoError)
+{
+    PortHolder bound(false); // bound but not listening: the connection is refused
+    OsSocket client("sw", loopback(bound.port), TCP_CLIENT, 3);
+    ASSERT_TRUE(client.PrepareSocket());
+    socketTraceFeature().SetMask(SOCK_TRACE_CONNECT);
+    TraceCapture cap;
+    EXPECT_FALSE(client.Connect());
+    const std::string out = cap.text();
+    EXPECT_TRUE(client.HasError());
+    EXPECT_EQ(client.GetLastError(), ECONNREFUSED);
+    EXPECT_EQ(out, "Connect Socket[" + std::to_string(client.GetSocket()) + "] FAILED to connect to [127.0.0.1:" +
+                       std::to_string(bound.port) + "] SO_ERROR reported errNum[" + std::to_string(ECONNREFUSED) +
+                       "]\n");
+}
+
+TEST_F(SocketFixture, ConnectThatNeverBecomesWritableTimesOut)
+{
+    // A listener whose accept queue is full drops further handshakes.
+    PortHolder full(true, 0);
+    std::vector<std::unique_ptr<OsSocket>> queued;
+    tavro_internal::socketSeams().connectWaitMs = 100;
+    bool timedOut = false;
+    for (int i = 0; i < 8 && !timedOut; ++i) {
+        queued.emplace_back(new OsSocket("sw", loopback(full.port), TCP_CLIENT, 3));
+        ASSERT_TRUE(queued.back()->PrepareSocket());
+        TraceCapture cap;
+        if (!queued.back()->Connect()) {
+            cap.text();
+            EXPECT_EQ(queued.back()->GetLastError(), ETIMEDOUT);
+            timedOut = true;
+        }
+    }
+    EXPECT_TRUE(timedOut);
+}
+
+TEST_F(SocketFixture, AcceptReturnsNullWhenShuttingDown)
+{
+    OsSocket server("", loopback(0), TCP_SERVER, 0);
+    ASSERT_TRUE(server.PrepareSocket());
+    server.SignalShutdown();
+    {
+        TraceCapture cap;
+        EXPECT_EQ(server.Accept(), nullptr);
+        EXPECT_EQ(cap.text(), "Accept: Remote clientSocket[" + std::to_string(server.GetSocket()) +
+                                  "] is shutting down!\n");
+    }
+    OsSocket::setProgramTerminating(true);
+    TraceCapture cap;
+    EXPECT_EQ(server.Accept(), nullptr);
+    EXPECT_EQ(cap.text(), "Accept: Program is terminating!\n");
+}
+
+// --- shutdown ------------------------------------------------------------------
+
+TEST_F(SocketFixture, ShutdownSignalCloseAndPrepareAgain)
+{
+    OsSocket s("sw", loopback(1), TCP_CLIENT, 3);
+    ASSERT_TRUE(s.PrepareSocket());
+    s.SignalShutdown();
+    EXPECT_TRUE(s.Shuttingdown());
+    const std::size_t open = countOpenFds();
+    ASSERT_TRUE(s.PrepareSocket()); // resets the shutdown and closes the old descriptor
+    EXPECT_FALSE(s.Shuttingdown());
+    EXPECT_EQ(countOpenFds(), open);
+    s.Close();
+    EXPECT_EQ(s.GetSocket(), -1);
+    EXPECT_TRUE(s.HasError());
+    s.Close(); // twice is harmless
+    OsSocket::setProgramTerminating(true);
+    EXPECT_TRUE(OsSocket::isProgramTerminating());
+    OsSocket other;
+    EXPECT_TRUE(other.Shuttingdown());
+}
+
+TEST_F(SocketFixture, CloseWakesABlockedReader)
+{
+    tavro_internal::socketSeams().readyWaitMs = 60000;
+    FdPair p;
+    unixPair(p);
+    OsSocket s;
+    s.SetSocket(p.a);
+    p.a = -1;
+    std::atomic<bool> done{false};
+    std::thread reader([&] {
+        char c;
+        unsigned got = 0;
+        s.Read(&c, 1, &got);
+        done = true;
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    s.SignalShutdown();
+    s.Close();
+    reader.join(); // returns well before the 60 s wait ends
+    EXPECT_TRUE(done.load());
+}
+
+TEST_F(SocketFixture, CloseAllSocketsInContainerAndExitEndsTheProcess)
+{
+    EXPECT_EXIT(
+        {
+            OsSocket s("sw", loopback(1), TCP_CLIENT, 3);
+            s.PrepareSocket();
+            OsSocket::CloseAllSocketsInContainerAndExit();
+        },
+        testing::ExitedWithCode(0), "");
+}
+
+// --- UDP -------------------------------------------------------------------------
+
+TEST_F(SocketFixture, DatagramsTravelBetweenUdpSockets)
+{
+    OsSocket a("", loopback(0), UDP_SERVICE, 0);
+    OsSocket b("", loopback(0), UDP_SERVICE, 0);
+    ASSERT_TRUE(a.PrepareSocket());
+    ASSERT_TRUE(b.PrepareSocket());
+    EXPECT_EQ(intOption(a.GetSocket(), SOL_SOCKET, SO_BROADCAST), 1);
+    ASSERT_TRUE(a.BindUDPSocket(c_inaddr("127.0.0.1")));
+    ASSERT_TRUE(b.BindUDPSocket(c_inaddr("127.0.0.1")));
+    const c_sockaddr to = c_sockaddr(b.GetSocket());
+    EXPECT_EQ(a.SendTo("datagram", 8, to), 8);
+    char buf[32] = {};
+    c_sockaddr from;
+    EXPECT_EQ(b.ReceiveFrom(buf, sizeof buf, &from), 8);
+    EXPECT_EQ(std::string(buf, 8), "datagram");
+    EXPECT_EQ(from.hostPort(), boundPort(a.GetSocket()));
+    b.Close();
+    TraceCapture cap;
+    EXPECT_EQ(b.ReceiveFrom(buf, sizeof buf, nullptr), -1);
+    EXPECT_EQ(cap.text(), "ReceiveFrom: Socket[-1] errNum[" + std::to_string(EBADF) + "] " + gai_strerror(EBADF) + "\n");
+}
+
+// --- interface carrier and the kernel's TCP table -----------------------------
+
+namespace {
+std::vector<std::string> g_commands;
+std::string g_commandOutput;
+std::string fakeCommand(const char* cmd)
+{
+    g_commands.push_back(cmd);
+    return g_commandOutput;
+}
+} // namespace
+
+TEST_F(SocketFixture, InterfaceCarrierIsReadFromSysfs)
+{
+    tavro_internal::socketSeams().readCommand = fakeCommand;
+    struct Case {
+        const char* name;
+        const char* output;
+        bool up;
+        bool runs;
+    };
+    for (const Case& c : {Case{"eth0", "1\n", true, true}, Case{"eth0", "0\n", false, true},
+                          Case{"bond0.100", " 1", true, true}, Case{"eth0", "", false, true},
+                          Case{"eth0", "10\n", false, true}, Case{"eth0; reboot", "1\n", false, false},
+                          Case{"../../etc", "1\n", false, false}, Case{"", "1\n", false, false},
+                          Case{"averyveryverylongname", "1\n", false, false}}) {
+        SCOPED_TRACE(c.name);
+        g_commands.clear();
+        g_commandOutput = c.output;
+        EXPECT_EQ(OsSocket::checkInterfaceUp(c.name), c.up);
+        if (c.runs)
+            EXPECT_EQ(g_commands, std::vector<std::string>{std::string("sudo cat /sys/class/net/") + c.name + "/carrier"});
+        else
+            EXPECT_TRUE(g_commands.empty());
+    }
+    EXPECT_FALSE(OsSocket::checkInterfaceUp(nullptr));
+}
+
+namespace {
+// One table line as the kernel prints it: the address word as it lies in
+// memory, the port in host order.
+std::string tcpLine(int sl, const char* local, unsigned short lport, const char* remote, unsigned short rport,
+                    unsigned state)
+{
+    char buf[256];
+    std::snprintf(buf, sizeof buf,
+                  "%4d: %08X:%04X %08X:%04X %02X 00000000:00000000 00:00000000 00000000  1000        0 12345 1 "
+                  "0000000000000000 20 4 30 10 -1\n",
+                  sl, static_cast<unsigned>(c_inaddr(local).s_addr), lport,
+                  static_cast<unsigned>(c_inaddr(remote).s_addr), rport, state);
+    return buf;
+}
+const char kHeader[] = "  sl  local_address rem_address   st tx_queue rx_queue tr tm->when retrnsmt   uid  timeout "
+                       "inode\n";
+} // namespace
+
+TEST(ProcNetTcp, ParsesAddressesPortsAndStates)
+{
+    const std::string text = std::string(kHeader) + tcpLine(0, "127.0.0.1", 58991, "0.0.0.0", 0, 0x0A) +
+                             tcpLine(1, "192.0.2.10", 40000, "198.51.100.7", 58991, 0x01);
+    std::vector<PROC_NET_TCP_ENTRY> t;
+    ASSERT_TRUE(OsSocket::ParseProcNetTcp(text, t));
+    ASSERT_EQ(t.size(), 2u);
+    EXPECT_EQ(t[0].localIp.toString(), "127.0.0.1");
+    EXPECT_EQ(t[0].localPort, 58991);
+    EXPECT_EQ(t[0].state, 10u);
+    EXPECT_EQ(t[1].localIp.toString(), "192.0.2.10");
+    EXPECT_EQ(t[1].remoteIp.toString(), "198.51.100.7");
+    EXPECT_EQ(t[1].remotePort, 58991);
+    EXPECT_EQ(t[1].state, 1u);
+}
+
+TEST(ProcNetTcp, MalformedLinesAreSkippedAndReported)
+{
+    const std::string text = std::string(kHeader) + "   0: nonsense\n" + "   1: 0100007F:1F90\n" +
+                             "   2: 0100007FXX:1F90 00000000:0000 0A\n" +
+                             "   3: 00000000000000000000000001000000:0016 00000000000000000000000000000000:0000 0A\n" +
+                             tcpLine(4, "127.0.0.1", 80, "0.0.0.0", 0, 0x0A) + "\n";
+    std::vector<PROC_NET_TCP_ENTRY> t;
+    EXPECT_FALSE(OsSocket::ParseProcNetTcp(text, t));
+    ASSERT_EQ(t.size(), 1u);
+    EXPECT_EQ(t[0].localPort, 80);
+    std::vector<PROC_NET_TCP_ENTRY> none;
+    EXPECT_TRUE(OsSocket::ParseProcNetTcp("", none));
+    EXPECT_TRUE(none.empty());
+}
+
+TEST(ProcNetTcp, TheLiveTableHoldsOurListener)
+{
+    PortHolder holder;
+    std::vector<PROC_NET_TCP_ENTRY> t;
+    ASSERT_TRUE(OsSocket::GetProcNetTcp(t));
+    bool found = false;
+    for (const auto& e : t) found = found || (e.localPort == holder.port && e.state == 10);
+    EXPECT_TRUE(found);
+    EXPECT_FALSE(OsSocket::GetProcNetTcp(t, "/nonexistent/tcp"));
+}
+
+TEST(ProcNetTcp, TunnelPortMapsToTheRemoteEnd)
+{
+    std::vector<PROC_NET_TCP_ENTRY> t;
+    ASSERT_TRUE(OsSocket::ParseProcNetTcp(std::string(kHeader) +
+                                              tcpLine(0, "127.0.0.1", 58991, "0.0.0.0", 0, 0x0A) +
+                                              tcpLine(1, "127.0.0.1", 58991, "127.0.0.1", 41000, 0x01) +
+                                              tcpLine(2, "192.0.2.10", 41001, "198.51.100.7", 58991, 0x06) +
+                                              tcpLine(3, "192.0.2.10", 41002, "198.51.100.8", 58991, 0x01),
+                                          t));
+    EXPECT_EQ(OsSocket::MapStunnelIP(c_inaddr("127.0.0.1"), 58991, t).toString(), "198.51.100.8");
+    EXPECT_EQ(OsSocket::MapStunnelIP(c_inaddr("127.0.0.1"), 58992, t).toString(), "127.0.0.1");
+    EXPECT_EQ(OsSocket::MapStunnelIP(c_inaddr("192.0.2.99"), 58991, t).toString(), "192.0.2.99");
+}
