@@ -154,9 +154,12 @@ inline int waiting(int fd)
 inline bool waitDrained(int fd, int ms = 10000)
 {
     const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
-    while (waiting(fd) > 0) {
+    for (unsigned spins = 0; waiting(fd) > 0; ++spins) {
         if (std::chrono::steady_clock::now() > end) return false;
-        std::this_thread::sleep_for(std::chrono::microseconds(20));
+        if (spins < 200)
+            std::this_thread::yield();
+        else
+            std::this_thread::sleep_for(std::chrono::microseconds(50));
     }
     return true;
 }
