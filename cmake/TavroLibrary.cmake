@@ -11,10 +11,11 @@ set_target_properties(tavro_objects PROPERTIES
 target_include_directories(tavro_objects PUBLIC
   $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/src> ${TINYXML_INCLUDE_DIR})
 target_compile_definitions(tavro_objects PRIVATE TAVRO_BUILDING_LIBRARY)
-target_link_libraries(tavro_objects PUBLIC Threads::Threads Boost::regex ${TINYXML_LIBRARY} rt)
+# 64-bit atomics need libatomic on 32-bit targets.
+target_link_libraries(tavro_objects PUBLIC Threads::Threads Boost::regex ${TINYXML_LIBRARY} rt atomic)
 
 add_library(TAVRO SHARED $<TARGET_OBJECTS:tavro_objects>)
-target_link_libraries(TAVRO PRIVATE Threads::Threads Boost::regex ${TINYXML_LIBRARY} rt)
+target_link_libraries(TAVRO PRIVATE Threads::Threads Boost::regex ${TINYXML_LIBRARY} rt atomic)
 # Template instantiations of the standard library carry default visibility;
 # the version script keeps them, and anything else unmarked, out of the table.
 target_link_options(TAVRO PRIVATE
