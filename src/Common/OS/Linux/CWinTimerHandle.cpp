@@ -12,6 +12,7 @@
 #include <sstream>
 #include <unordered_map>
 
+#include "Common/OS/Linux/CWinEventHandle.h"
 #include "Common/OS/Linux/OSAL.h"
 #include "Common/Utility/UtlDebug.h"
 
@@ -239,6 +240,10 @@ bool CWinTimerHandle::createThread(PTIMERAPCROUTINE fn, void* arg)
     if (m_threadId != NO_THREAD) return true;
     HANDLE ev = CreateEvent(nullptr, m_ManualReset, FALSE, nullptr);
     if (ev == nullptr) return false;
+    // The thread owns the event, but once told to stop it may close it at any
+    // moment, also before killThread's wake-up: the timer keeps a reference of
+    // its own for that wake-up.
+    castToWinEventHandle(ev)->incRefCount();
     TimerThreadParameters* params = new TimerThreadParameters(fn, arg, ev, m_TimerId);
     {
         std::lock_guard<std::mutex> g(dispatcher().lock);
@@ -252,6 +257,7 @@ bool CWinTimerHandle::createThread(PTIMERAPCROUTINE fn, void* arg)
         m_threadEvent = nullptr;
         m_pbRunning = nullptr;
     }
+    CloseHandle(ev);
     CloseHandle(ev);
     delete params;
     return false;
@@ -280,14 +286,17 @@ void CWinTimerHandle::killThread()
 {
     if (m_threadId == NO_THREAD) return;
     m_threadId = NO_THREAD;
-    // Under the dispatcher's lock: once the thread has been told to stop it
-    // closes its event, so no expiry may signal it after this.
-    std::lock_guard<std::mutex> g(dispatcher().lock);
-    stopThreadRunning();
-    if (m_threadEvent != nullptr) {
-        SetEvent(m_threadEvent);
+    HANDLE ev;
+    {
+        // Under the dispatcher's lock, so that no expiry signals the event
+        // once the timer has let go of it.
+        std::lock_guard<std::mutex> g(dispatcher().lock);
+        stopThreadRunning();
+        ev = m_threadEvent;
+        if (ev != nullptr) SetEvent(ev);
         m_threadEvent = nullptr;
     }
+    if (ev != nullptr) CloseHandle(ev);
 }
 
 bool CWinTimerHandle::cancelTimer()
