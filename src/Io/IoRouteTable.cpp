@@ -104,8 +104,11 @@ int RouteTable::AddRoute(const c_inaddr& ip, int id, IRouteTableEntry* entry)
     return AddRoute(ip, id, entry, c_inaddr());
 }
 
-int RouteTable::AddRoute(const c_inaddr& ip, int id, IRouteTableEntry* entry, const c_inaddr& ip2)
+int RouteTable::AddRoute(const c_inaddr& ipRef, int id, IRouteTableEntry* entry, const c_inaddr& ip2Ref)
 {
+    // Copies: the caller may pass an older route's addresses, freed below.
+    const c_inaddr ip = ipRef;
+    const c_inaddr ip2 = ip2Ref;
     DeleteRoute(ip, id, nullptr);
     {
         ListLock g(listLock);
@@ -163,8 +166,10 @@ bool RouteTable::removeRoute(std::list<NET_SOCKET*>::iterator it)
     return false;
 }
 
-int RouteTable::DeleteRoute(const c_inaddr& ip, int id, NET_SOCKET* which)
+int RouteTable::DeleteRoute(const c_inaddr& ipRef, int id, NET_SOCKET* which)
 {
+    // A copy: the caller may pass the very route's address, freed below.
+    const c_inaddr ip = ipRef;
     bool freed = false;
     {
         ListLock g(listLock);
