@@ -14,6 +14,7 @@
 #include <fstream>
 #include <iomanip>
 #include <istream>
+#include <mutex>
 #include <sstream>
 
 // Boost marks its exception classes visible; their type information would
@@ -126,7 +127,12 @@ bool isIpAnyAddress(const std::string& text)
     if (text.empty()) return true;
     // Compiled once; matching against a const regex is safe from any thread.
     static const boost::regex anyAddress("^0+[.]0+[.]0+[.]0+$");
+    // The matcher's state blocks come from a cache inside the Boost library,
+    // whose hand-over between threads race checkers cannot see; one match at
+    // a time keeps that hand-over ordered. The check is rare and short.
+    static std::mutex matchLock;
     try {
+        std::lock_guard<std::mutex> hold(matchLock);
         return boost::regex_match(text, anyAddress);
     } catch (...) {
         return false; // only on resource exhaustion; no exception leaves here
