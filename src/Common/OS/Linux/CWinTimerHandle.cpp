@@ -394,7 +394,9 @@ BOOL CancelWaitableTimer(HANDLE h)
 
 void WinTimerHandler(int, siginfo_t* info, void*)
 {
-    if (info == nullptr) return;
+    // Only a timer's signal names a timer: what kill or raise leaves in the
+    // value is not to be trusted (not every kernel or emulator zeroes it).
+    if (info == nullptr || info->si_code != SI_TIMER) return;
     CWinTimerHandle* t = static_cast<CWinTimerHandle*>(info->si_value.sival_ptr);
     if (t != nullptr) t->timerElapsed();
 }

@@ -60,8 +60,9 @@ bool signalled(HANDLE timer) { return castToWinEventHandle(castToWinTimerHandle(
 
 TEST(CWinTimerHandleTest, DueTimeAndPeriodConversion)
 {
-    const time_t maxSec = std::numeric_limits<time_t>::max();
-    const time_t clampedSec = static_cast<time_t>(922337203685LL < static_cast<long long>(maxSec) ? 922337203685LL : maxSec);
+    const std::uint64_t fullSec = 922337203685ULL;
+    const std::uint64_t maxSec = static_cast<std::uint64_t>(std::numeric_limits<time_t>::max());
+    const time_t clampedSec = static_cast<time_t>(fullSec < maxSec ? fullSec : maxSec);
     struct Case {
         std::int64_t due;
         LONG period;
@@ -260,11 +261,16 @@ TEST(CWinTimerHandleTest, HandlerSignalsTheTimerNamedInTheSignal)
 {
     HANDLE t = CreateWaitableTimer(nullptr, TRUE, nullptr);
     siginfo_t info{};
+    info.si_code = SI_TIMER;
     info.si_value.sival_ptr = nullptr;
     WinTimerHandler(SIGUSR1, &info, nullptr);
     WinTimerHandler(SIGUSR1, nullptr, nullptr);
-    EXPECT_EQ(WAIT_TIMEOUT, WaitForSingleObject(t, 0));
+    // Not from a timer: the value is not looked at.
+    info.si_code = SI_USER;
     info.si_value.sival_ptr = castToWinTimerHandle(t);
+    WinTimerHandler(SIGUSR1, &info, nullptr);
+    EXPECT_EQ(WAIT_TIMEOUT, WaitForSingleObject(t, 0));
+    info.si_code = SI_TIMER;
     WinTimerHandler(SIGUSR1, &info, nullptr);
     EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(t, 0));
     EXPECT_TRUE(CloseHandle(t));
