@@ -35,6 +35,30 @@ void CWinEventHandle::signal()
     for (CWinEventHandle* sub : m_Subscriber) sub->signal();
 }
 
+void CWinEventHandle::signalAndPin()
+{
+    m_RefCount.fetch_add(1, std::memory_order_relaxed);
+    pthread_mutex_lock(&m_Mutex);
+    m_Signaled.store(true, std::memory_order_relaxed);
+    ++m_Count;
+    pthread_mutex_unlock(&m_Mutex);
+    for (CWinEventHandle* sub : m_Subscriber) sub->signal();
+}
+
+void CWinEventHandle::wakeAndUnpin()
+{
+    // A waiter either saw the new state under m_Mutex or was already in the
+    // condition wait when it changed, so a broadcast after the unlock loses
+    // no wake-up.
+    pthread_cond_broadcast(&m_Cond);
+    if (m_RefCount.fetch_sub(1, std::memory_order_acq_rel) == 1) {
+        // Every handle was closed while we signalled: the last one out frees.
+        CEventLock lock;
+        CWinEventHandleSet::s_Set().erase(this);
+        delete this;
+    }
+}
+
 void CWinEventHandle::pulse()
 {
     // Same as signal(), and like it the event stays signalled. The event lock
@@ -109,20 +133,15 @@ size_t CWinEventHandle::subscriberCount()
     return m_Subscriber.size();
 }
 
-void CWinEventHandle::incRefCount()
+bool CWinEventHandle::incRefCount()
 {
-    pthread_mutex_lock(&m_Mutex);
-    ++m_RefCount;
-    pthread_mutex_unlock(&m_Mutex);
+    int n = m_RefCount.load(std::memory_order_relaxed);
+    while (n > 0)
+        if (m_RefCount.compare_exchange_weak(n, n + 1, std::memory_order_acq_rel)) return true;
+    return false;
 }
 
-int CWinEventHandle::decRefCount()
-{
-    pthread_mutex_lock(&m_Mutex);
-    const int n = --m_RefCount;
-    pthread_mutex_unlock(&m_Mutex);
-    return n;
-}
+int CWinEventHandle::decRefCount() { return m_RefCount.fetch_sub(1, std::memory_order_acq_rel) - 1; }
 
 std::set<CWinEventHandle*>& CWinEventHandleSet::s_Set()
 {
@@ -143,10 +162,9 @@ CWinEventHandle* CWinEventHandleSet::openEvent(const char* name)
     const std::string wanted = name ? name : "";
     CEventLock lock;
     for (CWinEventHandle* ev : s_Set()) {
-        if (ev->name() == wanted) {
-            ev->incRefCount();
-            return ev;
-        }
+        // One whose last handle is gone is only waiting for its last
+        // SetEvent to finish; it is not there any more.
+        if (ev->name() == wanted && ev->incRefCount()) return ev;
     }
     return nullptr;
 }
@@ -154,7 +172,7 @@ CWinEventHandle* CWinEventHandleSet::openEvent(const char* name)
 void CWinEventHandleSet::closeHandle(CWinEventHandle* ev)
 {
     CEventLock lock;
-    if (ev->decRefCount() <= 0) {
+    if (ev->decRefCount() == 0) {
         s_Set().erase(ev);
         delete ev;
     }

@@ -17,9 +17,15 @@ public:
     DWORD wait(DWORD ms) override;
     bool close() override;
 
-    // Sets the event, bumps the generation and signals every subscriber.
-    // SetEvent calls it under the event lock.
+    // Sets the event, bumps the generation, wakes the waiters and signals
+    // every subscriber. Called under the event lock.
     void signal();
+    // signal() split for SetEvent: the state change and the subscribers under
+    // the event lock, the wake-up of this event's own waiters after every
+    // lock is released, so that a woken thread never has to block on a lock
+    // its waker still holds. A reference pins the event in between.
+    void signalAndPin();
+    void wakeAndUnpin();
     void pulse();
     void reset();
     DWORD wait() { return wait(INFINITE); }
@@ -27,7 +33,9 @@ public:
     void subscribe(CWinEventHandle* ev);
     void unSubscribe(CWinEventHandle* ev);
     void resetIfAuto();
-    void incRefCount();
+    // Adds a reference unless the count already reached zero (the event is
+    // being freed); false then.
+    bool incRefCount();
     int decRefCount();
     bool signaled() const { return m_Signaled.load(std::memory_order_relaxed); }
     std::string name() const { return m_Name; }
@@ -46,7 +54,9 @@ private:
     // Written under m_Mutex; read unguarded by signaled().
     std::atomic<bool> m_Signaled;
     int m_Count;
-    int m_RefCount;
+    // Open handles, plus one per SetEvent in flight. Atomic: SetEvent drops
+    // its pin without any lock.
+    std::atomic<int> m_RefCount;
     std::string m_Name;
     std::set<CWinEventHandle*> m_Subscriber;
     int m_Waiters;

@@ -82,8 +82,11 @@ BOOL SetEvent(HANDLE h)
 {
     CWinEventHandle* ev = castToWinEventHandle(h);
     if (!ev) return FALSE;
-    CEventLock lock;
-    ev->signal();
+    {
+        CEventLock lock;
+        ev->signalAndPin();
+    }
+    ev->wakeAndUnpin();
     return TRUE;
 }
 

@@ -154,6 +154,24 @@ TEST(WinEventStressTest, MutexExcludesWithBlockingAndPollingWaits)
     CloseHandle(m);
 }
 
+// The shape of every thread shutdown: one thread signals, the woken one closes
+// the event at once, while the signaller may still be finishing its SetEvent.
+TEST(WinEventStressTest, WokenThreadMayCloseTheEventAtOnce)
+{
+    constexpr int kLoops = 300;
+    std::atomic<int> failures{0};
+    for (int i = 0; i < kLoops; ++i) {
+        HANDLE h = CreateEvent(nullptr, i % 2, FALSE, nullptr);
+        std::thread closer([h, &failures] {
+            if (WaitForSingleObject(h, kStuckMs) != WAIT_OBJECT_0) ++failures;
+            CloseHandle(h);
+        });
+        SetEvent(h);
+        closer.join();
+    }
+    EXPECT_EQ(0, failures.load());
+}
+
 TEST(WinEventStressTest, CreateOpenCloseFromManyThreads)
 {
     constexpr int kThreads = 4, kLoops = 500;
