@@ -221,6 +221,7 @@ void OsSocket::copyStateFrom(const OsSocket& other)
 OsSocket::~OsSocket()
 {
     Close();
+    if (pendingClose >= 0) ::close(pendingClose); // a use still running is the owner's bug
     WaitForSingleObject(critical(), INFINITE);
     WaitForSingleObject(createdSocketsSetLock(), INFINITE);
     createdSocketsSet().erase(this);
@@ -668,7 +669,8 @@ bool OsSocket::Connect(bool report)
 {
     if (tcpType != TCP_CLIENT) return false;
     bSockErr = false;
-    const int fd = Socket;
+    FdUse use(*this);
+    const int fd = use.get();
     if (::connect(fd, static_cast<const sockaddr*>(m_sockAddr), sizeof(sockaddr_in)) != 0) {
         const int e = errno;
         errNum = e;
@@ -744,7 +746,8 @@ OsSocket* OsSocket::Accept()
     int fd = -1;
     while (!Shuttingdown()) {
         socklen_t len = sizeof(sockaddr_in);
-        fd = ::accept(Socket, static_cast<sockaddr*>(client->m_sockAddr), &len);
+        FdUse use(*this);
+        fd = ::accept(use.get(), static_cast<sockaddr*>(client->m_sockAddr), &len);
         if (fd >= 0) break;
         const int e = errno;
         errNum = e;
@@ -798,13 +801,36 @@ void OsSocket::SignalShutdown()
     SetEvent(shutdown);
 }
 
+int OsSocket::acquireFd()
+{
+    std::lock_guard<std::mutex> g(fdLock);
+    const int fd = Socket.load();
+    if (fd >= 0) ++fdUsers;
+    return fd;
+}
+
+void OsSocket::releaseFd()
+{
+    std::lock_guard<std::mutex> g(fdLock);
+    if (--fdUsers == 0 && pendingClose >= 0) {
+        ::close(pendingClose);
+        pendingClose = -1;
+    }
+}
+
 void OsSocket::Close()
 {
-    const int fd = Socket.exchange(-1);
-    if (fd >= 0) {
-        // shutdown() wakes a reader blocked on the descriptor; close() alone does not.
-        ::shutdown(fd, SHUT_RDWR);
-        ::close(fd);
+    {
+        std::lock_guard<std::mutex> g(fdLock);
+        const int fd = Socket.exchange(-1);
+        if (fd >= 0) {
+            // shutdown() wakes a call blocked on the descriptor; close() alone does not.
+            ::shutdown(fd, SHUT_RDWR);
+            if (fdUsers == 0)
+                ::close(fd);
+            else
+                pendingClose = fd;
+        }
     }
     bSockErr = true;
 }
@@ -860,7 +886,8 @@ void OsSocket::ReleaseSendMutex()
 
 int OsSocket::SendTo(const void* buf, unsigned len, const c_sockaddr& to)
 {
-    const int fd = Socket;
+    FdUse use(*this);
+    const int fd = use.get();
     const ssize_t n = ::sendto(fd, buf, len, MSG_NOSIGNAL, static_cast<const sockaddr*>(to), sizeof(sockaddr_in));
     if (n < 0) {
         const int e = errno;
@@ -876,7 +903,8 @@ int OsSocket::SendTo(const void* buf, unsigned len, const c_sockaddr& to)
 
 int OsSocket::ReceiveFrom(void* buf, unsigned len, c_sockaddr* from)
 {
-    const int fd = Socket;
+    FdUse use(*this);
+    const int fd = use.get();
     c_sockaddr local;
     c_sockaddr* src = from ? from : &local;
     socklen_t alen = sizeof(sockaddr_in);

@@ -10,6 +10,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <mutex>
 #include <set>
 #include <string>
 #include <vector>
@@ -257,6 +258,28 @@ protected:
     std::atomic<bool> shutdownSignalled;
     BindErrorThrottle bindErrors;
 
+    // A system call on the descriptor holds a use of it. Close() from another
+    // thread shuts the connection down at once (waking blocked calls) but
+    // closes the descriptor only when the last use ends, so its number cannot
+    // be reused under a call still running on it.
+    class FdUse {
+    public:
+        explicit FdUse(OsSocket& s) : sock(s), fd(s.acquireFd()) {}
+        ~FdUse()
+        {
+            if (fd >= 0) sock.releaseFd();
+        }
+        int get() const { return fd; }
+        FdUse(const FdUse&) = delete;
+        FdUse& operator=(const FdUse&) = delete;
+
+    private:
+        OsSocket& sock;
+        const int fd;
+    };
+    int acquireFd();
+    void releaseFd();
+
 private:
     void registerSocket();
     void copyStateFrom(const OsSocket& other);
@@ -266,6 +289,10 @@ private:
     // header step, name the reader's name in the purge message.
     template <typename CtlStep>
     bool readFrame(ORV_CTL_MSG* ctl, CtlStep ctlStep, ORV_APP_MSG*& app, const char* name);
+
+    std::mutex fdLock;
+    int fdUsers = 0;
+    int pendingClose = -1;
 
     static std::atomic<bool> bProgramTerminating;
 };

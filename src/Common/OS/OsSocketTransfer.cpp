@@ -185,7 +185,10 @@ bool OsSocket::PurgeMessage()
 {
     bSockErr = false;
     int avail = 0;
-    if (tavro_internal::socketSeams().availFn(GetSocket(), &avail) != 0 || avail <= 0) return true;
+    {
+        FdUse use(*this);
+        if (tavro_internal::socketSeams().availFn(use.get(), &avail) != 0 || avail <= 0) return true;
+    }
     std::unique_ptr<char[]> junk(new (std::nothrow) char[static_cast<std::size_t>(avail)]);
     if (!junk) return true;
     unsigned got = 0;
@@ -208,7 +211,8 @@ int OsSocket::waitForReadySocket()
 {
     int n = 0;
     while (n == 0 && mayContinue()) {
-        const int fd = GetSocket();
+        FdUse use(*this);
+        const int fd = use.get();
         pollfd p{};
         p.fd = fd;
         p.events = POLLIN;
@@ -261,11 +265,12 @@ int OsSocket::readAllData(char* buf, unsigned len, unsigned* got)
     }
     if (!mayContinue()) return static_cast<int>(*got);
     const tavro_internal::SocketSeams& seams = tavro_internal::socketSeams();
+    FdUse use(*this);
     *got = 0;
     unsigned interrupts = 0;
     ssize_t n = 0;
     while (*got < len) {
-        n = seams.recvFn(GetSocket(), buf + *got, len - *got, 0);
+        n = seams.recvFn(use.get(), buf + *got, len - *got, 0);
         if (n > 0) {
             *got += static_cast<unsigned>(n);
             interrupts = 0;
@@ -310,9 +315,12 @@ int OsSocket::ReadAvailableBytes(char* buf, unsigned len)
 {
     if (buf == nullptr || len == 0 || bSockErr || tcpState != TCP_INITIALIZED) return -1;
     int avail = 0;
-    if (tavro_internal::socketSeams().availFn(GetSocket(), &avail) != 0) {
-        errNum = errno;
-        return -1;
+    {
+        FdUse use(*this);
+        if (tavro_internal::socketSeams().availFn(use.get(), &avail) != 0) {
+            errNum = errno;
+            return -1;
+        }
     }
     if (avail <= 0) return 0;
     const unsigned want = static_cast<unsigned>(avail) < len ? static_cast<unsigned>(avail) : len;
@@ -330,15 +338,19 @@ int OsSocket::waitForAllData(unsigned n)
     const tavro_internal::SocketSeams& seams = tavro_internal::socketSeams();
     int avail = 0;
     int rc = 0;
+    int e = 0;
     for (;;) {
         if (!mayContinue()) return -1;
-        rc = seams.availFn(GetSocket(), &avail);
+        {
+            FdUse use(*this);
+            rc = seams.availFn(use.get(), &avail);
+            e = errno;
+        }
         if (rc != 0) break;
         if (avail <= 0) return 0;
         if (static_cast<unsigned>(avail) >= n) return avail;
         seams.sleepMs(0);
     }
-    const int e = errno;
     errNum = e;
     if (!interruptOrTryAgain(e)) {
         if (sockTraceOn(SOCK_TRACE_INTERRUPT)) {
@@ -362,10 +374,15 @@ bool OsSocket::ReadReady()
 {
     if (bSockErr || tcpState != TCP_INITIALIZED) return false;
     int avail = 0;
-    const int rc = tavro_internal::socketSeams().availFn(GetSocket(), &avail);
+    int rc;
+    int e;
+    {
+        FdUse use(*this);
+        rc = tavro_internal::socketSeams().availFn(use.get(), &avail);
+        e = errno;
+    }
     if (rc == 0 && avail != 0) return true;
     if (rc != 0) {
-        const int e = errno;
         errNum = e;
         if (sockTraceOn(SOCK_TRACE_INTERRUPT)) {
             std::ostringstream os;
@@ -396,7 +413,8 @@ bool OsSocket::SendBD(TCP_BD* chain)
         const char* p = static_cast<const char*>(bd->pBuf);
         int left = size;
         while (left > 0 && mayContinue()) {
-            const int fd = GetSocket();
+            FdUse use(*this);
+            const int fd = use.get();
             if (sockTraceOn(SOCK_TRACE_SEND_CALL)) {
                 std::ostringstream os;
                 os << "SendBD: Sending nBytesToSend[" << left << "] on Socket[" << fd << "]\n";
