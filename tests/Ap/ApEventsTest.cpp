@@ -199,21 +199,21 @@ TEST(ApEvents, GetNextEventWalksAPacketOfMixedTypes)
     PacketBuilder b;
     const std::vector<Placed> placed = buildMixed(b);
     const API_EVENT_PKT& pkt = b.pkt();
-    ASSERT_EQ(pkt.currentSize, 336u + 275u + 12u + 36u + kWhole);
-    ASSERT_LE(pkt.currentSize, sizeof(pkt.Events));
+    ASSERT_EQ(val(pkt.currentSize), 336u + 275u + 12u + 36u + kWhole);
+    ASSERT_LE(val(pkt.currentSize), sizeof(pkt.Events));
 
     const auto* base = reinterpret_cast<const unsigned char*>(pkt.Events);
     const API_EVENT* ev = pkt.firstEvent();
     for (const Placed& p : placed) {
         EXPECT_EQ(reinterpret_cast<const unsigned char*>(ev) - base, static_cast<long>(p.at));
-        EXPECT_EQ(ev->EventType, p.type);
-        EXPECT_EQ(ev->EventAction, I_EVENT_ACTION_REVISE);
+        EXPECT_EQ(val(ev->EventType), p.type);
+        EXPECT_EQ(val(ev->EventAction), I_EVENT_ACTION_REVISE);
         ev = ev->getNextEvent();
     }
-    EXPECT_EQ(reinterpret_cast<const unsigned char*>(ev) - base, static_cast<long>(pkt.currentSize));
+    EXPECT_EQ(reinterpret_cast<const unsigned char*>(ev) - base, static_cast<long>(val(pkt.currentSize)));
 
     const auto* assoc = reinterpret_cast<const API_EVENT*>(base + placed[1].at);
-    EXPECT_EQ(assoc->Data.packetAssociation.nbrTrunks, 3u);
+    EXPECT_EQ(val(assoc->Data.packetAssociation.nbrTrunks), 3u);
     EXPECT_EQ(getAt<std::uint16_t>(base + placed[1].at + kNbrTrunksAt + 4 + 4), 0x4455);
 }
 
@@ -329,8 +329,8 @@ TEST(ApEvents, EmptyPacketConvertsOnlyItsHeader)
     const Bytes original = b.bytes();
     b.pkt().Swap();
     const Bytes once = b.bytes();
-    EXPECT_EQ(b.pkt().hdr.apiHdr.iCategory, 0x07000000);
-    EXPECT_EQ(b.pkt().hdr.iDataSize, 0x03020100);
+    EXPECT_EQ(val(b.pkt().hdr.apiHdr.iCategory), 0x07000000);
+    EXPECT_EQ(val(b.pkt().hdr.iDataSize), 0x03020100);
     EXPECT_TRUE(std::equal(once.begin() + kPktHead, once.end(), original.begin() + kPktHead));
 }
 

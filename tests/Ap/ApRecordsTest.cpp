@@ -287,12 +287,12 @@ TEST(ApRecords, AssociationSizeGrowsByTwoPerTrunkAfterTheFirst)
 TEST(ApRecords, UnsolicitedHeaderStartsAsMinusOneAndConvertsCategoryThenSize)
 {
     API_UNSOLICITED_HDR h;
-    EXPECT_EQ(h.apiHdr.iCategory, -1);
+    EXPECT_EQ(val(h.apiHdr.iCategory), -1);
     h.apiHdr.iCategory = 0x01020304;
     h.iDataSize = 0x0A0B0C0D;
     EXPECT_EQ(h.Swap(), 1);
-    EXPECT_EQ(h.apiHdr.iCategory, 0x04030201);
-    EXPECT_EQ(h.iDataSize, 0x0D0C0B0A);
+    EXPECT_EQ(val(h.apiHdr.iCategory), 0x04030201);
+    EXPECT_EQ(val(h.iDataSize), 0x0D0C0B0A);
 }
 
 } // namespace

@@ -128,6 +128,13 @@ inline void checkRecord(const RecordCase& c)
     EXPECT_TRUE(work == original) << "converting twice must restore the record";
 }
 
+// Packed fields must not bind to the references that EXPECT_EQ takes.
+template <typename T>
+T val(T v)
+{
+    return v;
+}
+
 template <typename T>
 T getAt(const unsigned char* p)
 {
