@@ -4,6 +4,7 @@
 
 #include "Common/OS/Linux/WinEvent.h"
 #include "Common/Utility/UtlDebug.h"
+#include "Io/IoDBRouter.h"
 #include "Os/UDBControl.h"
 
 // ---------------------------------------------------------------- TrackerQue
@@ -81,6 +82,15 @@ CrTracker::~CrTracker()
     for (TrackerInfo* info : trackerList) delete info;
     trackerList.clear();
     CloseHandle(listLock);
+    if (hExitNotify != nullptr) SetEvent(hExitNotify);
+}
+
+std::size_t CrTracker::PendingCount()
+{
+    WaitForSingleObject(listLock, INFINITE);
+    const std::size_t n = trackerList.size();
+    ReleaseMutex(listLock);
+    return n;
 }
 
 CrTracker* CrTracker::getIt() { return static_cast<CrTracker*>(UDBControl::GetClassRef(SMN_TRACKER)); }
@@ -138,8 +148,11 @@ void CrTracker::ProcessCmdMsg(CrCmd* cmd)
         trackerList.push_back(info);
         ReleaseMutex(listLock);
     }
-    // The hand-off to the router (IoRouter::SendCmd) is added together with
-    // the router; until then registered commands only time out.
+    // Sent or dropped, the command goes to the router either way; a command
+    // that nobody reached simply times out.
+    IoRouter* router = IoRouter::getIt();
+    if (router != nullptr) router->SendCmd(cmd);
+    // Releases the sender, who may destroy cmd at once: the last touch.
     cmd->EventNotify();
 }
 

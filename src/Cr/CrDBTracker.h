@@ -2,6 +2,7 @@
 
 // The command tracker: one thread through which every outgoing command passes
 // and every incoming response is matched to the command that asked for it.
+#include <cstddef>
 #include <list>
 
 #include "Common/OS/Linux/WinTypes.h"
@@ -95,6 +96,12 @@ public:
     // One queued message, as the thread handles it (also drives tests).
     void ProcessMsg(TrackerMsg* msg);
 
+    // The destructor sets ev (when given) as its last act on shared state,
+    // so whoever stops the tracker can tell when it is gone.
+    void SetExitNotify(HANDLE ev) { hExitNotify = ev; }
+    // Records awaiting responses.
+    std::size_t PendingCount();
+
 private:
     void ProcessCmdMsg(CrCmd* cmd);
     void ProcessRspMsg(CrRsp* rsp);
@@ -102,4 +109,5 @@ private:
     HANDLE listLock;
     UtlQueue* pTracker;
     std::list<TrackerInfo*> trackerList;
+    HANDLE hExitNotify = nullptr;
 };

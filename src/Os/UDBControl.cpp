@@ -7,6 +7,9 @@
 
 #include "Common/OS/Linux/WinEvent.h"
 #include "Common/Utility/UtlDebug.h"
+#include "Cr/CrDBTracker.h"
+#include "Io/IoDBRouter.h"
+#include "Io/IoRouteTable.h"
 
 std::atomic<void*> UDBControl::systemClasses[SMN_NUM_CLASSES];
 std::atomic<int> UDBControl::defaultMsgTimeout{UDBControl::DEFAULT_MSG_TIMEOUT};
@@ -41,12 +44,87 @@ UDBControl::~UDBControl()
     eventlock = nullptr;
 }
 
+namespace {
+
+// Carries the control block's thread body, so that the self-deleting thread
+// object is this one and not the control block.
+class UDBControlThread : public OsThread {
+public:
+    explicit UDBControlThread(UDBControl* ctl) : OsThread("UDBControl", UDBControl::STACK_SIZE), ctl(ctl) {}
+    void* Execute(void* arg) override { return ctl->Execute(arg); }
+
+private:
+    UDBControl* ctl;
+};
+
+void traceStartFailure(const char* what)
+{
+    std::ostringstream os;
+    os << "PrepareSystem" << ": could not start[" << what << "]\n";
+    debugOut(os.str().c_str());
+}
+
+// Signals t to stop and waits for its destructor's notice.
+template <typename T>
+bool stopAndWait(T* t, DWORD waitMs)
+{
+    if (t == nullptr) return true;
+    HANDLE gone = CreateEvent(nullptr, TRUE, FALSE, nullptr);
+    t->SetExitNotify(gone);
+    t->SignalShutdown();
+    if (WaitForSingleObject(gone, waitMs) != WAIT_OBJECT_0) return false; // still set later: keep the event
+    CloseHandle(gone);
+    return true;
+}
+
+} // namespace
+
 void UDBControl::PrepareSystem()
 {
-    // Creates the route tables of types 0, 1 and 5 (SMN_API_TABLE,
-    // SMN_SWI_TABLE, SMN_POLL_TABLE), then the router (SMN_IOR) and the
-    // tracker (SMN_TRACKER), each started and registered in that order.
-    // Those classes are added to the library separately.
+    InsertClassRef(SMN_API_TABLE, new RouteTable(TCP_SERVER));
+    InsertClassRef(SMN_SWI_TABLE, new RouteTable(TCP_CLIENT));
+    InsertClassRef(SMN_POLL_TABLE, new RouteTable(TCP_POLL));
+
+    // An object whose thread did not start is not registered: a command
+    // then finds no tracker and is refused instead of waiting for ever.
+    auto* router = new IoRouter();
+    if (router->Start(nullptr)) {
+        InsertClassRef(SMN_IOR, router);
+    } else {
+        traceStartFailure("IoRouter");
+        delete router;
+    }
+    auto* tracker = new CrTracker();
+    if (tracker->Start(nullptr)) {
+        InsertClassRef(SMN_TRACKER, tracker);
+    } else {
+        traceStartFailure("CrTracker");
+        delete tracker;
+    }
+}
+
+bool UDBControl::StartControlThread(void* arg)
+{
+    auto* t = new UDBControlThread(this);
+    if (t->Start(arg)) return true;
+    delete t;
+    return false;
+}
+
+bool UDBControl::StopSystem(DWORD waitMs)
+{
+    // The tracker sends through the router: it goes first.
+    CrTracker* tracker = CrTracker::getIt();
+    InsertClassRef(SMN_TRACKER, nullptr);
+    if (!stopAndWait(tracker, waitMs)) return false;
+    IoRouter* router = IoRouter::getIt();
+    InsertClassRef(SMN_IOR, nullptr);
+    if (!stopAndWait(router, waitMs)) return false;
+    for (CLASS_TYPE t : {SMN_API_TABLE, SMN_SWI_TABLE, SMN_POLL_TABLE}) {
+        delete RouteTable::getIt(t);
+        InsertClassRef(t, nullptr);
+    }
+    return true;
 }
 
 void* UDBControl::Execute(void* arg)

@@ -60,7 +60,18 @@ public:
     ~UDBControl() override;
 
     void* Execute(void* arg) override;
+    // Creates the three route tables, then the router and the tracker, each
+    // started and registered in that order.
     void PrepareSystem();
+    // Runs the control block's thread body on a thread object of its own:
+    // a started OsThread deletes itself when its body returns, and the
+    // control block must outlive that. False when no thread could be made.
+    bool StartControlThread(void* arg);
+    // Stops the tracker and the router, waits up to waitMs for each to be
+    // gone, then frees the route tables and empties their slots. The library
+    // never stops on its own; this is for tests and tools. False when a
+    // thread did not end in time (nothing is freed then).
+    bool StopSystem(DWORD waitMs);
 
     static UDBControl* getIt() { return pTheUdbControl.load(std::memory_order_acquire); }
 
