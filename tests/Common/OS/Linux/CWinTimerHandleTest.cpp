@@ -313,23 +313,6 @@ TEST(CWinTimerHandleTest, ExpiryNeverRunsOnApplicationThreads)
     EXPECT_EQ(0, s_appHandlerCalls);
 }
 
-TEST(CWinTimerHandleTest, ClosingARunningTimerLeavesNothingBehind)
-{
-    static Calls calls;
-    const size_t before = CWinTimerHandle::liveTimerCount();
-    std::vector<HANDLE> timers;
-    for (int i = 0; i < 4; ++i) {
-        HANDLE t = CreateWaitableTimer(nullptr, i % 2, nullptr);
-        const LARGE_INTEGER d = due(-1 * kMs);
-        ASSERT_TRUE(SetWaitableTimer(t, &d, 1, countCall, &calls, FALSE));
-        timers.push_back(t);
-    }
-    EXPECT_EQ(before + 4, CWinTimerHandle::liveTimerCount());
-    ASSERT_TRUE(eventually([&] { return calls.n >= 8; }));
-    for (HANDLE t : timers) EXPECT_TRUE(CloseHandle(t));
-    EXPECT_EQ(before, CWinTimerHandle::liveTimerCount());
-}
-
 TEST(CWinTimerHandleTest, CallCountersFollowTheOperations)
 {
     TimerStats& s = timerStats();
