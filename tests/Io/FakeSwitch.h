@@ -1,0 +1,133 @@
+#pragma once
+
+// A switch stand-in behind a real route: records every frame the router
+// hands it and, if told to, answers through the tracker as a session would.
+#include <pthread.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstring>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "Cr/CrDBCmd.h"
+#include "Cr/CrDBTracker.h"
+#include "Cr/CrOrvMsg.h"
+#include "Io/IoRouteTable.h"
+
+namespace fake_switch {
+
+// One frame as it went out.
+struct Frame {
+    std::vector<unsigned char> bytes; // the whole chain, flattened
+    int pieces = 0;
+    const void* payloadPiece = nullptr; // pBuf of the third descriptor, if linked
+    bool reversed = false;              // headers arrived byte-reversed
+    ORV_CTL_MSG ctl;                    // host order
+    ORV_APP_MSG app;                    // host order
+
+    std::vector<unsigned char> payload() const
+    {
+        if (bytes.size() <= 40) return {};
+        return std::vector<unsigned char>(bytes.begin() + 40, bytes.end());
+    }
+};
+
+class FakeSwitch : public IRouteTableEntry {
+public:
+    // Called on the sender's thread after the frame was recorded.
+    using Reply = std::function<void(FakeSwitch&, const Frame&)>;
+
+    explicit FakeSwitch(int id) : id(id) {}
+
+    int GetClientId() override { return id; }
+    bool ActiveMgmt() override { return true; }
+    bool TcpSend(TCP_BD* chain) override
+    {
+        Frame f;
+        for (TCP_BD* bd = chain; bd != nullptr; bd = bd->pNextBD) {
+            ++f.pieces;
+            if (f.pieces == 3) f.payloadPiece = bd->pBuf;
+            const auto* p = static_cast<const unsigned char*>(bd->pBuf);
+            if (p != nullptr && bd->size > 0) f.bytes.insert(f.bytes.end(), p, p + bd->size);
+        }
+        if (f.bytes.size() >= 40) {
+            std::memcpy(static_cast<void*>(&f.ctl), f.bytes.data(), 12);
+            std::memcpy(static_cast<void*>(&f.app), f.bytes.data() + 12, 28);
+            if (f.ctl.marker == __builtin_bswap32(std::uint32_t(ORV_MSG_MARKER))) {
+                f.reversed = true;
+                f.ctl.fromNetwork();
+                f.app.fromNetwork();
+            }
+        }
+        {
+            std::lock_guard<std::mutex> g(lock);
+            frames.push_back(f);
+        }
+        arrived.notify_all();
+        if (reply) reply(*this, f);
+        return sendResult;
+    }
+
+    // Queues a response to f from this switch to the tracker.
+    void answer(const Frame& f, RSP_STATUS status, const std::vector<unsigned char>& data = {})
+    {
+        auto* rsp = new CrRsp();
+        rsp->SetSeqNbr(int(f.app.getSeqNbr()));
+        rsp->SetCmdCode(f.app.getCmdCode());
+        rsp->SetRspStat(status);
+        rsp->SetMsgAddr(id);
+        if (!data.empty()) rsp->SetData(data.data(), int(data.size()));
+        CrTracker::getIt()->ReceiveRsp(rsp);
+    }
+
+    std::vector<Frame> sent()
+    {
+        std::lock_guard<std::mutex> g(lock);
+        return frames;
+    }
+    std::size_t sentCount()
+    {
+        std::lock_guard<std::mutex> g(lock);
+        return frames.size();
+    }
+    // Waits (bounded generously) until n frames have arrived.
+    bool waitFor(std::size_t n)
+    {
+        std::unique_lock<std::mutex> g(lock);
+        return arrived.wait_for(g, std::chrono::seconds(30), [&] { return frames.size() >= n; });
+    }
+
+    const int id;
+    std::atomic<bool> sendResult{true};
+    Reply reply;
+
+private:
+    std::mutex lock;
+    std::condition_variable arrived;
+    std::vector<Frame> frames;
+};
+
+// Enters sw in table under its id (address 10.0.0.<id> unless given) for the
+// scope, owned by the constructing thread so that it can free it again.
+class Routed {
+public:
+    Routed(RouteTable& table, FakeSwitch& sw, const char* ip = nullptr)
+        : table(table), ip(ip ? c_inaddr(ip) : c_inaddr(("10.0.0." + std::to_string(sw.id)).c_str())), id(sw.id)
+    {
+        sw.setMyThread(pthread_self());
+        table.AddRoute(this->ip, id, &sw);
+    }
+    ~Routed() { table.DeleteRoute(ip, id, nullptr); }
+    Routed(const Routed&) = delete;
+    Routed& operator=(const Routed&) = delete;
+
+    RouteTable& table;
+    const c_inaddr ip;
+    const int id;
+};
+
+} // namespace fake_switch
