@@ -74,7 +74,8 @@ TEST(UtlXml, LoadsStringsAndReportsEachFailure)
     EXPECT_EQ(UtlXml::getFirstChildElement(root, "Missing"), nullptr);
     EXPECT_EQ(UtlXml::getFirstChildElement(nullptr, "Port"), nullptr);
     // A second load replaces the document instead of appending to it.
-    EXPECT_EQ(UtlXml::loadDOMFromString(doc, "<Other/>", "Other"), doc.LastChild());
+    root = UtlXml::loadDOMFromString(doc, "<Other/>", "Other");
+    EXPECT_EQ(root, doc.LastChild());
 }
 
 TEST(UtlXml, LoadsFiles)
