@@ -13,7 +13,7 @@ namespace {
 
 TEST(UtlQueueStressTest, EveryItemArrivesOnceThroughABlockingQueue)
 {
-    constexpr int kProducers = 3, kConsumers = 2, kItems = 2000, kCapacity = 8;
+    constexpr int kProducers = 3, kConsumers = 2, kItems = 5000, kCapacity = 8;
     UtlQueue q("stress", kCapacity);
     std::atomic<int> consumed{0};
     std::atomic<long long> sum{0};

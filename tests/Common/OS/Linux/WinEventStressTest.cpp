@@ -52,7 +52,7 @@ TEST(WinEventStressTest, PingPongPairsLoseNoWakeUp)
 
 TEST(WinEventStressTest, WaitAnyServesEveryRequestExactlyOnce)
 {
-    constexpr int kProducers = 4, kRequests = 500;
+    constexpr int kProducers = 4, kRequests = 2000;
     HANDLE req[kProducers], ack[kProducers];
     for (int i = 0; i < kProducers; ++i) {
         req[i] = CreateEvent(nullptr, FALSE, FALSE, nullptr);
@@ -99,7 +99,7 @@ TEST(WinEventStressTest, WaitAnyServesEveryRequestExactlyOnce)
 
 TEST(WinEventStressTest, EverySetEventReleasesAllCurrentWaiters)
 {
-    constexpr int kWaiters = 3, kRounds = 500;
+    constexpr int kWaiters = 3, kRounds = 1000;
     HANDLE go = CreateEvent(nullptr, FALSE, FALSE, nullptr);
     HANDLE done[kWaiters];
     for (HANDLE& h : done) h = CreateEvent(nullptr, FALSE, FALSE, nullptr);
@@ -174,7 +174,7 @@ TEST(WinEventStressTest, WokenThreadMayCloseTheEventAtOnce)
 
 TEST(WinEventStressTest, CreateOpenCloseFromManyThreads)
 {
-    constexpr int kThreads = 4, kLoops = 500;
+    constexpr int kThreads = 4, kLoops = 2000;
     std::vector<std::thread> threads;
     std::atomic<int> failures{0};
     for (int t = 0; t < kThreads; ++t)
