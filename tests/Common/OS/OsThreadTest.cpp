@@ -124,18 +124,6 @@ TEST(OsThreadTest, RunExecutesInTheCallingThreadAfterSetup)
     EXPECT_TRUE(t.IsTerminating());
 }
 
-TEST(OsThreadTest, ShutdownEventIsManualReset)
-{
-    WorkerState s;
-    OsThreadTestWorker t(s);
-    EXPECT_TRUE(t.ContinueRunning());
-    EXPECT_FALSE(t.Shuttingdown());
-    t.SignalShutdown();
-    EXPECT_TRUE(t.Shuttingdown());
-    EXPECT_TRUE(t.Shuttingdown());
-    EXPECT_FALSE(t.ContinueRunning());
-}
-
 TEST(OsThreadTest, DestroyingARunningObjectIsReported)
 {
     struct Running : OsThread {

@@ -172,26 +172,4 @@ TEST(WinEventStressTest, WokenThreadMayCloseTheEventAtOnce)
     EXPECT_EQ(0, failures.load());
 }
 
-TEST(WinEventStressTest, CreateOpenCloseFromManyThreads)
-{
-    constexpr int kThreads = 4, kLoops = 2000;
-    std::vector<std::thread> threads;
-    std::atomic<int> failures{0};
-    for (int t = 0; t < kThreads; ++t)
-        threads.emplace_back([&, t] {
-            const std::string name = "stress-" + std::to_string(t);
-            for (int i = 0; i < kLoops; ++i) {
-                HANDLE h = CreateEvent(nullptr, TRUE, FALSE, name.c_str());
-                HANDLE o = OpenEvent(0, FALSE, name.c_str());
-                if (o != h) ++failures;
-                SetEvent(o);
-                if (WaitForSingleObject(h, 0) != WAIT_OBJECT_0) ++failures;
-                CloseHandle(o);
-                CloseHandle(h);
-            }
-        });
-    for (auto& t : threads) t.join();
-    EXPECT_EQ(0, failures.load());
-}
-
 } // namespace

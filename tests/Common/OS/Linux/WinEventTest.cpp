@@ -131,15 +131,13 @@ TEST(WinEventTest, OpenEventFindsTheLowerAddressAndCountsReferences)
     CloseHandle(higher);
     CloseHandle(higher);
     EXPECT_EQ(nullptr, OpenEvent(0, FALSE, name));
-}
 
-TEST(WinEventTest, EmptyNameOpensSomeUnnamedEvent)
-{
+    // The empty name matches some unnamed event.
     HANDLE unnamed = CreateEvent(nullptr, FALSE, FALSE, nullptr);
-    HANDLE opened = OpenEvent(0, FALSE, "");
-    ASSERT_NE(nullptr, opened);
-    EXPECT_EQ("", ev(opened)->name());
-    CloseHandle(opened);
+    HANDLE any = OpenEvent(0, FALSE, "");
+    ASSERT_NE(nullptr, any);
+    EXPECT_EQ("", ev(any)->name());
+    CloseHandle(any);
     CloseHandle(unnamed);
 }
 
@@ -273,31 +271,6 @@ TEST(WinMutexTest, OwnerMayReenterAndOthersTimeOutBySpinning)
     t3.join();
     EXPECT_EQ(WAIT_OBJECT_0, other);
     EXPECT_TRUE(CloseHandle(m));
-}
-
-TEST(WinMutexTest, InfiniteWaitBlocksUntilRelease)
-{
-    HANDLE m = CreateMutex(nullptr, TRUE, nullptr);
-    std::atomic<bool> got{false};
-    std::thread t([&] {
-        if (WaitForSingleObject(m, INFINITE) == WAIT_OBJECT_0) got = true;
-        ReleaseMutex(m);
-    });
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    EXPECT_FALSE(got.load());
-    ReleaseMutex(m);
-    t.join();
-    EXPECT_TRUE(got.load());
-    CloseHandle(m);
-}
-
-TEST(WinTickTest, TickCountAdvancesWithSleep)
-{
-    const DWORD a = GetTickCount();
-    Sleep(25);
-    const DWORD b = GetTickCount();
-    EXPECT_GE(b - a, 24u);
-    EXPECT_LT(b - a, 5000u);
 }
 
 } // namespace
