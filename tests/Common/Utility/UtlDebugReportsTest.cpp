@@ -5,9 +5,10 @@
 #include <pthread.h>
 #include <sys/resource.h>
 
+#include <cstdlib>
+#include <cstring>
 #include <future>
 #include <memory>
-#include <regex>
 #include <string>
 #include <thread>
 
@@ -16,10 +17,9 @@ namespace {
 
 unsigned long long number(const std::string& text, const char* field)
 {
-    std::smatch m;
-    const std::regex re(std::string(field) + "\\[([0-9]+)\\]");
-    if (!std::regex_search(text, m, re)) return 0;
-    return std::stoull(m[1]);
+    const size_t at = text.find(std::string(field) + "[");
+    if (at == std::string::npos) return 0;
+    return std::strtoull(text.c_str() + at + std::strlen(field) + 1, nullptr, 10);
 }
 
 // Each level keeps 1 KiB live across the call, so no level can be folded.

@@ -9,7 +9,6 @@
 #include <chrono>
 #include <cstdlib>
 #include <iomanip>
-#include <regex>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -263,10 +262,14 @@ TEST(UtlTime, Microsleep2TracesTicksAroundTheSleep)
     testing::internal::CaptureStdout();
     EXPECT_EQ(microsleep2(1000, true), 0);
     const std::string line = testing::internal::GetCapturedStdout();
-    std::smatch m;
-    ASSERT_TRUE(std::regex_match(line, m,
-                                 std::regex("microsleep2: arg microsleep \\[1000\\] start time \\[([0-9]+)\\] end "
-                                            "time \\[([0-9]+)\\] - nanosleep return \\[0\\]\n")))
+    long long start = -1, end = -1;
+    int consumed = 0;
+    ASSERT_EQ(std::sscanf(line.c_str(),
+                          "microsleep2: arg microsleep [1000] start time [%lld] end time [%lld] - nanosleep return "
+                          "[0]\n%n",
+                          &start, &end, &consumed),
+              2)
         << line;
-    EXPECT_GE(std::stoll(m[2]) - std::stoll(m[1]), 1000);
+    EXPECT_EQ(static_cast<size_t>(consumed), line.size()) << line;
+    EXPECT_GE(end - start, 1000);
 }
