@@ -8,6 +8,12 @@
 #include <thread>
 #include <vector>
 
+#include "Common/OS/Linux/OSAL.h"
+#include "Common/Utility/UtlQueue.h"
+#include "Cr/CrDBTracker.h"
+#include "Io/IoDBRouter.h"
+#include "Io/IoRouteTable.h"
+
 using testing::HasSubstr;
 using testing::Not;
 
@@ -144,6 +150,63 @@ TEST_F(Control, ExecuteKeepsItsArgument)
     int token = 0;
     EXPECT_EQ(ctl->Execute(&token), nullptr);
     EXPECT_EQ(UDBControl::GetExecuteArg(), &token);
+    destroy();
+}
+
+TEST_F(Control, PrepareSystemStartsTheRouterAndTrackerOnItsTables)
+{
+    SYS_PARM parm;
+    testing::internal::CaptureStdout();
+    ctl = new UDBControl(&parm, UDBControl::PREPARE_SYSTEM);
+    testing::internal::GetCapturedStdout();
+
+    const struct {
+        CLASS_TYPE slot;
+        TCP_TYPE type;
+    } tables[] = {{SMN_API_TABLE, TCP_SERVER}, {SMN_SWI_TABLE, TCP_CLIENT}, {SMN_POLL_TABLE, TCP_POLL}};
+    for (const auto& t : tables) {
+        ASSERT_NE(RouteTable::getIt(t.slot), nullptr) << t.slot;
+        EXPECT_EQ(RouteTable::getIt(t.slot)->GetTableType(), t.type);
+    }
+    IoRouter* router = IoRouter::getIt();
+    ASSERT_NE(router, nullptr);
+    // The router was made after the tables, and found them.
+    EXPECT_EQ(router->pApiRoute, RouteTable::getIt(SMN_API_TABLE));
+    EXPECT_EQ(router->pSwiRoute, RouteTable::getIt(SMN_SWI_TABLE));
+    EXPECT_EQ(router->pPollRoute, RouteTable::getIt(SMN_POLL_TABLE));
+    EXPECT_EQ(router->pUDBCtl, ctl);
+    ASSERT_NE(CrTracker::getIt(), nullptr);
+
+    // Both threads run: a command passes the tracker (Dispatch returns once
+    // it has), and the router's loop empties its event queue.
+    CrCmd cmd;
+    EXPECT_EQ(cmd.GetTracker(), CrTracker::getIt());
+    cmd.SetCmdCode(CMD_CONN_PORT);
+    cmd.SetMsgAddr(1);
+    cmd.Dispatch();
+    char event[16] = {};
+    router->SendEvent(event, sizeof event);
+    for (int i = 0; i < 10000 && !router->GetEventQueue()->Empty(); ++i) Sleep(1);
+    EXPECT_TRUE(router->GetEventQueue()->Empty());
+
+    EXPECT_TRUE(ctl->StopSystem(30000));
+    for (CLASS_TYPE t : {SMN_API_TABLE, SMN_SWI_TABLE, SMN_POLL_TABLE, SMN_IOR, SMN_TRACKER})
+        EXPECT_EQ(UDBControl::GetClassRef(t), nullptr) << t;
+    destroy();
+}
+
+TEST_F(Control, ControlThreadRunsItsBodyWhileTheBlockLivesOn)
+{
+    SYS_PARM parm;
+    build(parm);
+    int token = 0;
+    ASSERT_TRUE(ctl->StartControlThread(&token));
+    for (int i = 0; i < 10000 && UDBControl::GetExecuteArg() != &token; ++i) Sleep(1);
+    EXPECT_EQ(UDBControl::GetExecuteArg(), &token);
+    // The thread object that ran the body deleted itself; this one is intact.
+    EXPECT_EQ(UDBControl::getIt(), ctl);
+    EXPECT_NE(ctl->GetEventLock(), nullptr);
+    EXPECT_EQ(ctl->GetSysParm(), &parm);
     destroy();
 }
 

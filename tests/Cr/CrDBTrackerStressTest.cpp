@@ -1,0 +1,135 @@
+// Many senders through one tracker, against switches that answer, one that
+// never does, and a stream of stray responses: every command must end with
+// exactly one response per destination, and no record may outlive its wait.
+#include "Cr/CrDBTracker.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstring>
+#include <random>
+#include <thread>
+#include <vector>
+
+#include "Io/FakeSwitch.h"
+#include "Io/IoDBRouter.h"
+#include "Io/IoRouteTable.h"
+#include "Os/UDBControl.h"
+
+using fake_switch::FakeSwitch;
+using fake_switch::Frame;
+using fake_switch::Routed;
+
+namespace {
+
+constexpr int kSenders = 8;
+constexpr int kCommandsEach = 120;
+constexpr int kSilent = 4; // the switch that never answers
+constexpr int kStrays = 1500;
+
+std::vector<unsigned char> seqBytes(std::uint32_t seq)
+{
+    std::vector<unsigned char> b(4);
+    std::memcpy(b.data(), &seq, 4);
+    return b;
+}
+
+TEST(TrackerStressTest, EveryDestinationEndsWithExactlyOneResponse)
+{
+    UDBControl::ResetStaticsForTest();
+    tavro_internal::resetRouteTableSeams();
+    tavro_internal::routeTableSeams().maxDrainWaits = 0;
+    RouteTable api(TCP_SERVER), swi(TCP_CLIENT), poll(TCP_POLL);
+    IoRouter router(&api, &swi, &poll);
+    UDBControl::InsertClassRef(SMN_IOR, &router);
+    auto* tracker = new CrTracker();
+    UDBControl::InsertClassRef(SMN_TRACKER, tracker);
+
+    FakeSwitch sw1(1), sw2(2), sw3(3), silent(kSilent);
+    std::vector<std::unique_ptr<Routed>> routes;
+    for (FakeSwitch* sw : {&sw1, &sw2, &sw3, &silent}) routes.emplace_back(new Routed(swi, *sw));
+    // Each answer carries the sequence number it answers.
+    for (FakeSwitch* sw : {&sw1, &sw2, &sw3})
+        sw->reply = [](FakeSwitch& s, const Frame& f) { s.answer(f, RSP_OK, seqBytes(f.app.getSeqNbr())); };
+
+    testing::internal::CaptureStdout(); // orphan and time-out lines by the thousand
+    std::thread pump([tracker] { tracker->Run(nullptr); });
+
+    std::atomic<bool> sendersDone{false};
+    std::thread strays([&] {
+        std::mt19937 rng(99);
+        for (int i = 0; i < kStrays && !sendersDone.load(); ++i) {
+            auto* rsp = new CrRsp();
+            rsp->SetCmdCode(CMD_CONN_PORT);
+            rsp->SetSeqNbr(int(rng() % 100000) + 1000000); // never handed out in this run
+            rsp->SetMsgAddr(int(rng() % 5));
+            tracker->ReceiveRsp(rsp);
+            if (i % 64 == 0) std::this_thread::yield();
+        }
+    });
+
+    std::atomic<int> failures{0};
+    std::vector<std::thread> senders;
+    for (int t = 0; t < kSenders; ++t) {
+        senders.emplace_back([t, &failures] {
+            std::mt19937 rng(unsigned(t) * 7919u + 1u);
+            for (int i = 0; i < kCommandsEach; ++i) {
+                const unsigned mask = 1u + rng() % 15u; // non-empty subset of 1..4
+                const bool wantRsp = rng() % 5 != 0;
+                CrCmd cmd;
+                cmd.SetCmdCode(CMD_CONN_PORT);
+                for (int a = 1; a <= 4; ++a)
+                    if (mask & (1u << (a - 1))) cmd.SetMsgAddr(a);
+                cmd.SetRspReq(wantRsp);
+                // Answers of live switches are queued before the sender is
+                // released, so even a tiny time-out only ever hits the silent one.
+                cmd.SetRspTimer(cmd.GetMsgAddr().SlaveAddrSet(kSilent) ? 2 : 60000);
+                cmd.Dispatch();
+                if (!cmd.WaitForRsp()) ++failures;
+                if (!wantRsp) {
+                    if (cmd.GetRspCount() != 0) ++failures;
+                    continue;
+                }
+                int seen[5] = {};
+                for (CrRsp* r = cmd.GetFirstRsp(); r != nullptr; r = cmd.GetNextRsp()) {
+                    const int a = r->GetMsgAddr().GetNextSlaveAddr(0);
+                    if (a < 1 || a > 4 || r->GetSeqNbr() != cmd.GetSeqNbr()) {
+                        ++failures;
+                        continue;
+                    }
+                    ++seen[a];
+                    const RSP_STATUS want = a == kSilent ? RSP_TIME_OUT : RSP_OK;
+                    if (r->GetRspStat() != want) ++failures;
+                    if (want == RSP_OK &&
+                        (r->GetSize() != 4 || std::memcmp(r->GetData(), seqBytes(std::uint32_t(cmd.GetSeqNbr())).data(), 4) != 0))
+                        ++failures;
+                }
+                for (int a = 1; a <= 4; ++a)
+                    if (seen[a] != (cmd.GetMsgAddr().SlaveAddrSet(a) ? 1 : 0)) ++failures;
+                // cmd goes out of scope here, right after its wait.
+            }
+        });
+    }
+    for (auto& s : senders) s.join();
+    sendersDone = true;
+    strays.join();
+    {
+        // Passes the tracker only after every stray queued before it.
+        CrCmd marker;
+        marker.SetCmdCode(CMD_CONN_INIT);
+        marker.SetMsgAddr(100);
+        marker.Dispatch();
+    }
+    tracker->SignalShutdown();
+    pump.join();
+    testing::internal::GetCapturedStdout();
+
+    EXPECT_EQ(failures.load(), 0);
+    EXPECT_EQ(tracker->PendingCount(), 0u);
+    routes.clear();
+    delete tracker;
+    UDBControl::ResetStaticsForTest();
+    tavro_internal::resetRouteTableSeams();
+}
+
+} // namespace
