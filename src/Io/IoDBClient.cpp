@@ -90,6 +90,13 @@ void tavro_internal::resetClientSeams()
     g_seams = defaultSeams();
 }
 
+std::size_t tavro_internal::clientSessionCount()
+{
+    SessionRegistry& r = registry();
+    std::lock_guard<std::mutex> g(r.lock);
+    return r.sessions.size();
+}
+
 // Runs the session's loop on a thread object of its own: a started OsThread
 // deletes itself when its body returns, and the session must outlive that.
 class IoClientMgmt::SessionThread : public OsThread {

@@ -14,6 +14,7 @@
 // its loop has ended, so the owner must not touch a stopped session after
 // starting another one.
 #include <atomic>
+#include <cstddef>
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
@@ -56,6 +57,8 @@ struct ClientSeams {
 };
 ClientSeams& clientSeams();
 void resetClientSeams();
+// Sessions made by startClient and not yet deleted or reclaimed.
+std::size_t clientSessionCount();
 } // namespace tavro_internal
 
 class IoClientMgmt : public OsThread, public IRouteTableEntry {
