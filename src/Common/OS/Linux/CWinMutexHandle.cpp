@@ -15,12 +15,12 @@ CWinMutexHandle::~CWinMutexHandle() { pthread_mutex_destroy(&m_Mutex); }
 
 DWORD CWinMutexHandle::wait(DWORD ms)
 {
-    const DWORD start = GetTickCount();
     int rc;
     if (ms == INFINITE) {
         rc = pthread_mutex_lock(&m_Mutex);
     } else {
         // Busy poll by design: no sleeping, no yielding.
+        const DWORD start = GetTickCount();
         rc = ETIMEDOUT;
         for (;;) {
             if (GetTickCount() - start > ms) break;
