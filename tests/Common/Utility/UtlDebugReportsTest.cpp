@@ -81,7 +81,8 @@ TEST(UtlDebugReports, ThreadAttributesTellDetachedFromJoinable)
     const std::string detached = answer.get();
     EXPECT_NE(detached.find("unknown thread["), std::string::npos) << detached;
     EXPECT_NE(detached.find("detachstate[DETACHED]"), std::string::npos) << detached;
-    EXPECT_EQ(number(detached, "stacksize"), 0x30000u) << detached;
+    // Sanitizers may add to the requested size.
+    EXPECT_GE(number(detached, "stacksize"), 0x30000u) << detached;
 }
 
 TEST(UtlDebugReports, StackUsageGrowsWithDepthWithinTheStack)
