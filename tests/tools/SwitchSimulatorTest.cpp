@@ -239,8 +239,10 @@ TEST_F(SwitchSimulatorTest, RawStatsReplyHasCountAndEntriesOfTheSlotInBothOrders
     I_RAW_PORT_STATS second;
     std::memcpy(&second, payloads[0].data() + offsetof(I_RAW_STATS_REPLY, entries) + sizeof(I_RAW_PORT_STATS),
                 sizeof second);
-    EXPECT_EQ(2u, second.portNbr);
-    EXPECT_EQ(SwitchSimulator::statsCounter(7, 2, 3, true, 100), second.txCounters[3]);
+    const unsigned portNbr = second.portNbr; // packed fields: copy, never bind
+    const std::uint64_t tx3 = second.txCounters[3];
+    EXPECT_EQ(2u, portNbr);
+    EXPECT_EQ(SwitchSimulator::statsCounter(7, 2, 3, true, 100), tx3);
 }
 
 TEST_F(SwitchSimulatorTest, RawStatsCountersGrowWithTimeOnLinksThatAreUp)
