@@ -1,0 +1,119 @@
+// An application that initialises the library, connects, sends and returns
+// from main while the library's threads still run (the session reading,
+// switch commands arriving) must end with status 0 and no sanitizer report.
+// The application is a forked copy of this process, made before any thread
+// of the library exists here.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+#include "Common/OS/Linux/OSAL.h"
+#include "Os/TAVRO.h"
+#include "SwitchSimulator.h"
+#include "TestSupport.h"
+
+using testing::HasSubstr;
+using testing::Not;
+
+namespace {
+
+const char kChildErr[] = "ProcessExitChild.err";
+
+std::atomic<int> g_heartbeats{0};
+
+void answerHeartbeat(COMMAND_CODE, const void*, uint32_t, CrRsp* rsp)
+{
+    I_TAVRO_SetResponseStatus(rsp, RSP_OK);
+    ++g_heartbeats;
+}
+
+// The application's main, up to its return.
+void application()
+{
+    ASSERT_EQ(I_SwitchInitialize(), I_SUCCESS);
+    ASSERT_EQ(I_TAVRO_RegisterCommandHandler(CMD_HEARTBEAT, answerHeartbeat), I_SUCCESS);
+    ASSERT_EQ(I_SwitchConnect(SW_SERVICE_SNMP), I_SUCCESS);
+    const unsigned char data[4] = {1, 2, 3, 4};
+    EXPECT_EQ(I_TAVRO_SendCommandNoResponse(CMD_CONN_PORT, data, sizeof data), I_SUCCESS);
+    void* stats = I_GetRawStats(1);
+    EXPECT_NE(stats, nullptr);
+    std::free(stats);
+    // The second heartbeat is handled only after the first was answered.
+    for (int i = 0; i < 3000 && g_heartbeats.load() < 2; ++i) Sleep(10);
+    EXPECT_GE(g_heartbeats.load(), 2);
+}
+
+TEST(ProcessExit, ReturningFromMainWhileTheLibraryRunsIsClean)
+{
+    ::mkdir("log", 0755);
+    int go[2];
+    ASSERT_EQ(::pipe(go), 0);
+    std::fflush(nullptr);
+    const pid_t pid = ::fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+        // The child: its errors go to a file the parent reads; it waits for
+        // the switch, works, and then returns from the test and from main.
+        ::close(go[1]);
+        const int fd = ::open(kChildErr, O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        if (fd >= 0) {
+            ::dup2(fd, 2);
+            ::close(fd);
+        }
+        char b;
+        if (::read(go[0], &b, 1) != 1) ::_exit(3);
+        ::close(go[0]);
+        application();
+        return;
+    }
+    ::close(go[0]);
+
+    switchsim::SwitchSimulator sim;
+    switchsim::Options o;
+    o.snmpPort = 58991;
+    o.pcePort = -1;
+    o.heartbeatMs = 20; // switch commands keep coming until the very end
+    std::string error;
+    const bool started = sim.start(o, &error);
+    EXPECT_TRUE(started) << error;
+    if (!started) ::kill(pid, SIGKILL);
+    ASSERT_EQ(::write(go[1], "g", 1), 1);
+    ::close(go[1]);
+
+    int status = 0;
+    bool ended = false;
+    for (int i = 0; i < 12000 && !ended; ++i) {
+        if (::waitpid(pid, &status, WNOHANG) == pid)
+            ended = true;
+        else
+            Sleep(10);
+    }
+    if (!ended) {
+        ::kill(pid, SIGKILL);
+        ::waitpid(pid, &status, 0);
+    }
+    const switchsim::Counters seen = sim.counters();
+    sim.stop();
+
+    ASSERT_TRUE(ended) << "the application did not end within 120 s";
+    ASSERT_TRUE(WIFEXITED(status)) << "signal " << (WIFSIGNALED(status) ? WTERMSIG(status) : 0);
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+    const std::string err = tavro_test::readFile(kChildErr);
+    EXPECT_THAT(err, Not(HasSubstr("Sanitizer")));
+    EXPECT_THAT(err, Not(HasSubstr("runtime error")));
+    // It really worked with the switch before it ended.
+    EXPECT_GE(seen.linkTests, 1u);
+    EXPECT_GE(seen.framesReceived, 2u);
+    EXPECT_GE(seen.answered, 1u);
+}
+
+} // namespace
