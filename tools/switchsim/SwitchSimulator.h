@@ -120,6 +120,8 @@ public:
     // Called on the connection's reader thread for every command received,
     // before the default answer. Return true when the command is dealt with
     // (answered, kept for later or ignored); false lets the default answer go.
+    // It may call send/answer/sendCommand, but never stop(): stop() joins
+    // the thread it runs on. The same holds for the transcript callback.
     using Responder = std::function<bool(SwitchSimulator&, const SimFrame&)>;
 
     SwitchSimulator();
