@@ -33,28 +33,12 @@ std::string text(const T& v)
     return os.str();
 }
 
-// Sets TZ for the scope; the reader of time stamps works in local time.
-class ScopedTz {
-public:
-    explicit ScopedTz(const char* tz)
-    {
-        if (const char* old = std::getenv("TZ")) old_ = old, hadOld_ = true;
-        setenv("TZ", tz, 1);
-        tzset();
-    }
-    ~ScopedTz()
-    {
-        if (hadOld_)
-            setenv("TZ", old_.c_str(), 1);
-        else
-            unsetenv("TZ");
-        tzset();
-    }
-
-private:
-    std::string old_;
-    bool hadOld_ = false;
-};
+// The reader of time stamps works in local time; tests that read pick a zone.
+void useTz(const char* tz)
+{
+    setenv("TZ", tz, 1);
+    tzset();
+}
 
 struct Parsed {
     timeval value;
@@ -106,21 +90,17 @@ TEST(UtlTime, TimevalPrintsUtcWithMillisecondsAndKeepsStreamState)
     EXPECT_EQ(os.str(), "01/01/1970 00:00:00.000 ff**");
 }
 
-TEST(UtlTime, RecordsPrintTheirPartsOfTheUtcTime)
+TEST(UtlTime, RecordsAndTimerSpecsPrintTheirParts)
 {
     const timeval t = tv(1700000000, 4567); // 2023-11-14 22:13:20 UTC
     EXPECT_EQ(text(date(t)), "2023-11-14");
     EXPECT_EQ(text(monthDay(t)), "11/14");
     EXPECT_EQ(text(timeofday(t)), "22:13:20");
     EXPECT_EQ(text(precisetimeofday(t)), "22:13:20.004567");
-
     std::ostringstream os;
     os << std::hex << monthDay(tv(0, 0)) << ' ' << 10;
     EXPECT_EQ(os.str(), "01/01 a");
-}
 
-TEST(UtlTime, ItimerspecPrintsValueAndInterval)
-{
     itimerspec its{};
     its.it_value.tv_sec = 1;
     its.it_value.tv_nsec = 500;
@@ -131,30 +111,26 @@ TEST(UtlTime, ItimerspecPrintsValueAndInterval)
 TEST(UtlTime, TextRoundTripsInUtcAndIsReadAsLocalTime)
 {
     {
-        ScopedTz utc("UTC");
+        useTz("UTC");
         const timeval t = tv(1700000000, 123000);
         const Parsed p = parse(text(t) + "\n");
         EXPECT_EQ(p.value, t);
         EXPECT_EQ(p.trace, "");
+        // The last element counts milliseconds; fields need not be zero-filled.
+        EXPECT_EQ(parse("01/01/1970 00:00:01.5\nrest").value, tv(1, 5000));
+        EXPECT_EQ(parse("1/2/1970 0:0:0.0").value, tv(86400, 0));
     }
     {
         // Printed in UTC, read back as wall-clock time five hours behind it.
-        ScopedTz est("EST5");
+        useTz("EST5");
         const Parsed p = parse(text(tv(1700000000, 0)));
         EXPECT_EQ(p.value, tv(1700000000 + 5 * 3600, 0));
     }
 }
 
-TEST(UtlTime, LastElementCountsMilliseconds)
-{
-    ScopedTz utc("UTC");
-    EXPECT_EQ(parse("01/01/1970 00:00:01.5\nrest").value, tv(1, 5000));
-    EXPECT_EQ(parse("1/2/1970 0:0:0.0").value, tv(86400, 0));
-}
-
 TEST(UtlTime, OutOfRangeFieldsLeaveZeroWithoutMessage)
 {
-    ScopedTz utc("UTC");
+    useTz("UTC");
     for (const char* line : {"13/01/2020 00:00:00.000", "00/01/2020 00:00:00.000", "01/00/2020 00:00:00.000",
                              "01/32/2020 00:00:00.000", "01/01/1899 00:00:00.000", "01/01/2020 24:00:00.000",
                              "01/01/2020 00:60:00.000", "01/01/2020 00:00:60.000", "01/01/2020 -1:00:00.000",
@@ -187,7 +163,7 @@ TEST(UtlTime, LineEndingEarlyReportsElementAndPosition)
     }
 }
 
-TEST(UtlTime, GmtimeConvertsAndRejectsNull)
+TEST(UtlTime, GmtimeConvertsAndRejectsNullAndUptimeIsKnown)
 {
     tm out{};
     const long t = 1700000000;
@@ -200,10 +176,6 @@ TEST(UtlTime, GmtimeConvertsAndRejectsNull)
     EXPECT_EQ(GMTIME(nullptr, &out), nullptr);
     EXPECT_EQ(out.tm_mday, 0);
     EXPECT_EQ(GMTIME(&t, nullptr), nullptr);
-}
-
-TEST(UtlTime, UptimeIsPositive)
-{
     EXPECT_GT(get_uptime(), 0);
 }
 
