@@ -90,7 +90,11 @@ DWORD CWinEventHandle::wait(DWORD ms)
     pthread_mutex_lock(&m_Mutex);
     const int start = m_Count;
     int rc = 0;
-    if (!m_Signaled.load(std::memory_order_relaxed) && m_Count == start) {
+    if (ms == 0 && !m_Signaled.load(std::memory_order_relaxed)) {
+        // A zero wait's deadline has already passed: report the time-out
+        // without a kernel round trip (every Shuttingdown() poll lands here).
+        rc = ETIMEDOUT;
+    } else if (!m_Signaled.load(std::memory_order_relaxed) && m_Count == start) {
         timespec deadline;
         const bool timed = ms < INFINITE;
         if (timed) getTimeout(&deadline, ms, m_ClockId);
