@@ -246,8 +246,10 @@ TEST_F(RouterTest, NetworkOrderMessagesCarryReversedHeadersWithoutTheFlag)
             ASSERT_EQ(response ? router.SendRsp(&rsp) : router.SendCmd(&cmd), 0);
             const Frame f = sw.sent().back();
             EXPECT_EQ(f.reversed, network);
-            EXPECT_EQ(f.ctl.size, 32u); // the in-memory order flag never goes out
-            EXPECT_EQ(f.app.appSize, 4u);
+            // The in-memory order flag never goes out (packed fields: copies).
+            const std::uint32_t ctlSize = f.ctl.size, appSize = f.app.appSize;
+            EXPECT_EQ(ctlSize, 32u);
+            EXPECT_EQ(appSize, 4u);
             EXPECT_EQ(f.app.getCmdCode(), CMD_CONN_PORT);
             EXPECT_EQ(f.payload(), std::vector<unsigned char>(data, data + 4));
         }
