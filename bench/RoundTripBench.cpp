@@ -1,0 +1,544 @@
+// A command with its response through the whole library (tracker, router,
+// session, socket reader) against a raw TCP ping-pong of the same frames,
+// both served by one minimal in-process responder that answers every frame
+// at once. Figures per iteration: median and p99 round trip (manual timing),
+// commands per second; 8 application threads sending at once; 64 KiB and
+// 2.5 MB payloads echoed back; resident memory across 1 million commands.
+// Run it pinned, from any directory (it works in a temporary one):
+//   taskset -c 0 ./RoundTripBench
+//   taskset -c 0 ./RoundTripBench --benchmark_filter=Rss   (the memory run only)
+// The library connects once per process; its first connection waits 2 s.
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/uio.h>
+#include <unistd.h>
+
+#include <benchmark/benchmark.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <iterator>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "Common/OS/Linux/OSAL.h"
+#include "Cr/CrDBCmd.h"
+#include "Cr/CrOrvMsg.h"
+#include "Io/IoDBClient.h"
+#include "Os/TAVRO.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// The responder echoes the payload of kEcho commands and answers kShort
+// commands with none.
+constexpr COMMAND_CODE kEcho = CMD_CONN_INIT;
+constexpr COMMAND_CODE kShort = CMD_CONN_PORT;
+constexpr std::uint32_t kHdr = sizeof(ORV_CTL_MSG) + sizeof(ORV_APP_MSG); // 40
+constexpr std::uint32_t k64K = 64 * 1024;
+constexpr std::uint32_t k2_5M = 2500000;
+
+struct FrameHeader {
+    ORV_CTL_MSG ctl;
+    ORV_APP_MSG app;
+};
+static_assert(sizeof(FrameHeader) == kHdr, "frame header");
+
+FrameHeader header(MSG_TYPE type, COMMAND_CODE code, std::uint32_t seq, std::uint32_t payload)
+{
+    FrameHeader h;
+    h.ctl = ORV_CTL_MSG(ORV_MSG_MARKER, MGR_CLASS(code / 10000));
+    h.ctl.setSize(sizeof(ORV_APP_MSG) + payload);
+    h.app.msgType = std::uint32_t(type);
+    h.app.cmdCode = std::uint32_t(code);
+    h.app.seqNbr = seq;
+    h.app.srcAddr = 1;
+    h.app.setAppSize(payload);
+    return h;
+}
+
+bool sendIov(int fd, iovec* iov, int n)
+{
+    while (n > 0) {
+        msghdr m{};
+        m.msg_iov = iov;
+        m.msg_iovlen = std::size_t(n);
+        ssize_t k = ::sendmsg(fd, &m, MSG_NOSIGNAL);
+        if (k < 0) {
+            if (errno == EINTR) continue;
+            return false;
+        }
+        while (n > 0 && std::size_t(k) >= iov->iov_len) {
+            k -= ssize_t(iov->iov_len);
+            ++iov;
+            --n;
+        }
+        if (n > 0) {
+            iov->iov_base = static_cast<char*>(iov->iov_base) + k;
+            iov->iov_len -= std::size_t(k);
+        }
+    }
+    return true;
+}
+
+// Answers every complete frame in what one recv brought, with one sendmsg,
+// payloads echoed straight from the receive buffer. One thread per
+// connection: the library's session and each raw client get their own.
+class Responder {
+public:
+    bool start()
+    {
+        listenFd_ = ::socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in a{};
+        a.sin_family = AF_INET;
+        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t len = sizeof a;
+        if (listenFd_ < 0 || ::bind(listenFd_, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0 ||
+            ::listen(listenFd_, 16) != 0 || ::getsockname(listenFd_, reinterpret_cast<sockaddr*>(&a), &len) != 0)
+            return false;
+        port_ = ntohs(a.sin_port);
+        acceptor_ = std::thread([this] { acceptLoop(); });
+        return true;
+    }
+    void stop()
+    {
+        if (listenFd_ < 0) return;
+        ::shutdown(listenFd_, SHUT_RDWR);
+        acceptor_.join();
+        ::close(listenFd_);
+        listenFd_ = -1;
+        std::lock_guard<std::mutex> lk(mu_);
+        for (int fd : fds_) ::shutdown(fd, SHUT_RDWR);
+        for (auto& t : threads_) t.join();
+        for (int fd : fds_) ::close(fd);
+    }
+    unsigned short port() const { return port_; }
+
+private:
+    void acceptLoop()
+    {
+        for (;;) {
+            const int fd = ::accept(listenFd_, nullptr, nullptr);
+            if (fd < 0) {
+                if (errno == EINTR || errno == ECONNABORTED) continue;
+                return;
+            }
+            const int one = 1;
+            ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+            std::lock_guard<std::mutex> lk(mu_);
+            fds_.push_back(fd);
+            threads_.emplace_back([this, fd] { serve(fd); });
+        }
+    }
+
+    static void serve(int fd)
+    {
+        std::vector<char> in(1 << 18);
+        std::size_t have = 0;
+        std::vector<FrameHeader> heads;
+        std::vector<iovec> iov;
+        for (;;) {
+            const ssize_t k = ::recv(fd, in.data() + have, in.size() - have, 0);
+            if (k < 0 && errno == EINTR) continue;
+            if (k <= 0) return;
+            have += std::size_t(k);
+            std::size_t at = 0;
+            heads.clear();
+            iov.clear();
+            std::vector<std::pair<std::size_t, std::uint32_t>> echoes; // offset, size
+            while (have - at >= sizeof(ORV_CTL_MSG)) {
+                ORV_CTL_MSG ctl;
+                std::memcpy(&ctl, in.data() + at, sizeof ctl);
+                if (ctl.marker == std::uint32_t(ORV_MSG_TEST)) {
+                    at += sizeof ctl;
+                    continue;
+                }
+                if (ctl.marker != std::uint32_t(ORV_MSG_MARKER)) return; // host order only
+                const std::size_t frame = sizeof ctl + ctl.getSize();
+                if (have - at < frame) {
+                    if (frame > in.size()) in.resize(frame);
+                    break;
+                }
+                ORV_APP_MSG app;
+                std::memcpy(&app, in.data() + at + sizeof ctl, sizeof app);
+                const std::uint32_t len = app.getCmdCode() == kEcho ? app.getAppSize() : 0;
+                heads.push_back(header(MSG_RESPONSE, app.getCmdCode(), app.getSeqNbr(), len));
+                echoes.emplace_back(at + kHdr, len);
+                at += frame;
+            }
+            for (std::size_t i = 0; i < heads.size(); ++i) {
+                iov.push_back({&heads[i], kHdr});
+                if (echoes[i].second != 0) iov.push_back({in.data() + echoes[i].first, echoes[i].second});
+            }
+            for (std::size_t i = 0; i < iov.size(); i += 512)
+                if (!sendIov(fd, iov.data() + i, int(std::min<std::size_t>(512, iov.size() - i)))) return;
+            if (at != 0) {
+                std::memmove(in.data(), in.data() + at, have - at);
+                have -= at;
+            }
+        }
+    }
+
+    int listenFd_ = -1;
+    unsigned short port_ = 0;
+    std::thread acceptor_;
+    std::mutex mu_;
+    std::vector<int> fds_;
+    std::vector<std::thread> threads_;
+};
+
+// The baseline: a plain blocking client, one sendmsg per command and as few
+// recv calls as the reply needs.
+class RawClient {
+public:
+    explicit RawClient(unsigned short port)
+    {
+        fd_ = ::socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in a{};
+        a.sin_family = AF_INET;
+        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        a.sin_port = htons(port);
+        const int one = 1;
+        ::setsockopt(fd_, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+        if (::connect(fd_, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0) {
+            ::close(fd_);
+            fd_ = -1;
+        }
+    }
+    ~RawClient()
+    {
+        if (fd_ >= 0) ::close(fd_);
+    }
+    bool ok() const { return fd_ >= 0; }
+
+    // True when the whole reply of the expected size came back.
+    bool roundTrip(COMMAND_CODE code, const std::vector<char>& payload)
+    {
+        FrameHeader h = header(MSG_COMMAND, code, ++seq_, std::uint32_t(payload.size()));
+        iovec iov[2] = {{&h, kHdr}, {const_cast<char*>(payload.data()), payload.size()}};
+        if (!sendIov(fd_, iov, payload.empty() ? 1 : 2)) return false;
+        const std::size_t want = kHdr + (code == kEcho ? payload.size() : 0);
+        if (buf_.size() < want) buf_.resize(want);
+        std::size_t got = 0;
+        while (got < want) {
+            const ssize_t k = ::recv(fd_, buf_.data() + got, buf_.size() - got, 0);
+            if (k < 0 && errno == EINTR) continue;
+            if (k <= 0) return false;
+            got += std::size_t(k);
+        }
+        FrameHeader r;
+        std::memcpy(&r, buf_.data(), kHdr);
+        return r.app.seqNbr == seq_ && got == want;
+    }
+
+private:
+    int fd_ = -1;
+    std::uint32_t seq_ = 0;
+    std::vector<char> buf_;
+};
+
+// One command with a response through the library, as the API's own
+// I_GetRawStats makes it.
+bool libraryRoundTrip(COMMAND_CODE code, const std::vector<char>& payload)
+{
+    CrCmd cmd;
+    cmd.SetCmdCode(code);
+    cmd.SetMsgAddr(1);
+    cmd.SetRspReq(true);
+    cmd.SetRspTimer(10000);
+    if (!payload.empty()) cmd.SetData(payload.data(), int(payload.size()));
+    cmd.Dispatch();
+    cmd.WaitForRsp();
+    CrRsp* rsp = cmd.GetFirstRsp();
+    const std::size_t want = code == kEcho ? payload.size() : 0;
+    return rsp != nullptr && rsp->GetRspStat() == RSP_OK && std::size_t(rsp->GetSize()) == want;
+}
+
+// ---------------------------------------------------------------------------
+// Process-wide set-up: the responder, and the library connected to it once.
+
+struct World {
+    Responder responder;
+    IoClientMgmt* session = nullptr;
+    std::string dir;
+    std::string error;
+    std::string commit;
+
+    World()
+    {
+        char tmpl[] = "/tmp/tavro-roundtrip-XXXXXX";
+        if (const char* d = ::mkdtemp(tmpl)) {
+            dir = d;
+            if (::chdir(d) != 0) {}
+        }
+        ::mkdir("log", 0755);
+        if (!responder.start()) {
+            error = "responder: cannot listen";
+            return;
+        }
+        if (I_SwitchInitialize() != I_SUCCESS) {
+            error = "I_SwitchInitialize failed";
+            return;
+        }
+        // The library's handlers only note the termination; a benchmark
+        // should stop on Ctrl-C.
+        std::signal(SIGINT, SIG_DFL);
+        std::signal(SIGTERM, SIG_DFL);
+        // What I_SwitchConnect does, on the responder's port.
+        session = IoClientMgmt::startClient(1, responder.port(), DispatchCommand);
+        for (int i = 0; i < 500 && session != nullptr && session->GetProcState() != TCP_NORMAL; ++i) Sleep(20);
+        if (session == nullptr || session->GetProcState() != TCP_NORMAL) error = "the library did not connect";
+    }
+    ~World()
+    {
+        if (session != nullptr) {
+            session->SignalShutdown();
+            session->WaitFinished(5000);
+        }
+        responder.stop();
+        if (!dir.empty()) {
+            std::error_code ec;
+            std::filesystem::remove_all(dir, ec);
+        }
+    }
+};
+
+World& world()
+{
+    static World w;
+    return w;
+}
+
+long rssKiB()
+{
+    long pages = 0, resident = 0;
+    if (FILE* f = std::fopen("/proc/self/statm", "r")) {
+        if (std::fscanf(f, "%ld %ld", &pages, &resident) != 2) resident = 0;
+        std::fclose(f);
+    }
+    return resident * (::sysconf(_SC_PAGESIZE) / 1024);
+}
+
+// Medians by benchmark name, for the summary after the run.
+std::mutex g_summaryMu;
+std::map<std::string, double> g_median;
+
+double percentile(std::vector<double>& v, double p)
+{
+    if (v.empty()) return 0;
+    const std::size_t k = std::min(v.size() - 1, std::size_t(p * double(v.size() - 1) + 0.5));
+    std::nth_element(v.begin(), v.begin() + std::ptrdiff_t(k), v.end());
+    return v[k];
+}
+
+template <typename RoundTrip>
+void timeRoundTrips(benchmark::State& state, RoundTrip roundTrip, const char* name)
+{
+    std::vector<double> us;
+    us.reserve(1 << 20);
+    for (int i = 0; i < 20; ++i) roundTrip(); // warm the path
+    for (auto _ : state) {
+        const auto t0 = Clock::now();
+        const bool ok = roundTrip();
+        const double s = std::chrono::duration<double>(Clock::now() - t0).count();
+        state.SetIterationTime(s);
+        if (!ok) {
+            state.SkipWithError("no or wrong reply");
+            break;
+        }
+        us.push_back(s * 1e6);
+    }
+    state.SetItemsProcessed(state.iterations());
+    const double med = percentile(us, 0.5);
+    const double p99 = percentile(us, 0.99);
+    state.counters["median_us"] = benchmark::Counter(med, benchmark::Counter::kAvgThreads);
+    state.counters["p99_us"] = benchmark::Counter(p99, benchmark::Counter::kAvgThreads);
+    std::lock_guard<std::mutex> lk(g_summaryMu);
+    if (state.thread_index() == 0) g_median[name] = med;
+}
+
+std::vector<char> payloadOf(std::size_t n)
+{
+    std::vector<char> p(n);
+    for (std::size_t i = 0; i < n; ++i) p[i] = char(i * 7);
+    return p;
+}
+
+void BM_Raw(benchmark::State& state, COMMAND_CODE code, std::size_t size, const char* name)
+{
+    World& w = world();
+    if (!w.error.empty()) return state.SkipWithError(w.error.c_str());
+    RawClient c(w.responder.port());
+    if (!c.ok()) return state.SkipWithError("raw client: cannot connect");
+    const auto payload = payloadOf(size);
+    timeRoundTrips(state, [&] { return c.roundTrip(code, payload); }, name);
+}
+
+void BM_Library(benchmark::State& state, COMMAND_CODE code, std::size_t size, const char* name)
+{
+    World& w = world();
+    if (!w.error.empty()) return state.SkipWithError(w.error.c_str());
+    const auto payload = payloadOf(size);
+    timeRoundTrips(state, [&] { return libraryRoundTrip(code, payload); }, name);
+}
+
+// Eight application threads: each has its own raw connection; the library
+// threads share the one session, as an application's threads would.
+std::unique_ptr<RawClient> g_raw8[8];
+
+void BM_Raw8(benchmark::State& state)
+{
+    World& w = world();
+    if (!w.error.empty()) return state.SkipWithError(w.error.c_str());
+    RawClient& c = *g_raw8[state.thread_index()];
+    const std::vector<char> none;
+    timeRoundTrips(state, [&] { return c.roundTrip(kShort, none); }, "raw 40 B x8");
+}
+
+void BM_Library8(benchmark::State& state)
+{
+    World& w = world();
+    if (!w.error.empty()) return state.SkipWithError(w.error.c_str());
+    const std::vector<char> none;
+    timeRoundTrips(state, [&] { return libraryRoundTrip(kShort, none); }, "library 40 B x8");
+}
+
+void raw8Setup(const benchmark::State&)
+{
+    for (auto& c : g_raw8) c.reset(new RawClient(world().responder.port()));
+}
+void raw8Teardown(const benchmark::State&)
+{
+    for (auto& c : g_raw8) c.reset();
+}
+
+// Resident memory across one million commands through the library.
+void BM_LibraryRss(benchmark::State& state)
+{
+    World& w = world();
+    if (!w.error.empty()) return state.SkipWithError(w.error.c_str());
+    const std::vector<char> none;
+    for (int i = 0; i < 10000; ++i) libraryRoundTrip(kShort, none);
+    const long start = rssKiB();
+    long peak = start;
+    long at100k = 0;
+    std::int64_t n = 0;
+    for (auto _ : state) {
+        if (!libraryRoundTrip(kShort, none)) {
+            state.SkipWithError("no or wrong reply");
+            break;
+        }
+        if (++n % 100000 == 0) {
+            const long r = rssKiB();
+            peak = std::max(peak, r);
+            if (n == 100000) at100k = r;
+        }
+    }
+    const long end = rssKiB();
+    state.SetItemsProcessed(state.iterations());
+    state.counters["rss_start_KiB"] = double(start);
+    state.counters["rss_100k_KiB"] = double(at100k);
+    state.counters["rss_peak_KiB"] = double(peak);
+    state.counters["rss_end_KiB"] = double(end);
+    state.counters["growth_after_100k_KiB"] = double(end - at100k);
+}
+
+void registerAll()
+{
+    struct Row {
+        const char* name;
+        COMMAND_CODE code;
+        std::size_t size;
+        double minTime;
+    };
+    const Row rows[] = {
+        {"40 B", kShort, 0, 2.0},
+        {"64 KiB echo", kEcho, k64K, 1.0},
+        {"2.5 MB echo", kEcho, k2_5M, 2.0},
+        {"2.5 MB, 40 B reply", kShort, k2_5M, 1.0},
+    };
+    static std::vector<std::string> names; // kept for the summary keys
+    names.reserve(2 * std::size(rows));
+    for (const Row& r : rows) {
+        names.push_back(std::string("raw ") + r.name);
+        const char* raw = names.back().c_str();
+        names.push_back(std::string("library ") + r.name);
+        const char* lib = names.back().c_str();
+        benchmark::RegisterBenchmark(("RoundTrip/raw/" + std::string(r.name)).c_str(), BM_Raw, r.code, r.size, raw)
+            ->UseManualTime()
+            ->MinTime(r.minTime)
+            ->Unit(benchmark::kMicrosecond);
+        benchmark::RegisterBenchmark(("RoundTrip/library/" + std::string(r.name)).c_str(), BM_Library, r.code,
+                                     r.size, lib)
+            ->UseManualTime()
+            ->MinTime(r.minTime)
+            ->Unit(benchmark::kMicrosecond);
+    }
+    benchmark::RegisterBenchmark("Concurrent/raw/40 B", BM_Raw8)
+        ->Threads(8)
+        ->UseRealTime()
+        ->MinTime(2.0)
+        ->Setup(raw8Setup)
+        ->Teardown(raw8Teardown)
+        ->Unit(benchmark::kMicrosecond);
+    benchmark::RegisterBenchmark("Concurrent/library/40 B", BM_Library8)
+        ->Threads(8)
+        ->UseRealTime()
+        ->MinTime(2.0)
+        ->Unit(benchmark::kMicrosecond);
+    benchmark::RegisterBenchmark("Rss/library/1M commands", BM_LibraryRss)
+        ->Iterations(1000000)
+        ->UseRealTime()
+        ->Unit(benchmark::kMicrosecond);
+}
+
+void summary()
+{
+    struct Target {
+        const char* what;
+        const char* lib;
+        const char* raw;
+        double limit;
+    };
+    const Target targets[] = {
+        {"40 B round trip", "library 40 B", "raw 40 B", 2.5},
+        {"64 KiB echo round trip", "library 64 KiB echo", "raw 64 KiB echo", 0},
+        {"2.5 MB echo round trip", "library 2.5 MB echo", "raw 2.5 MB echo", 1.5},
+        {"2.5 MB, 40 B reply", "library 2.5 MB, 40 B reply", "raw 2.5 MB, 40 B reply", 0},
+    };
+    std::printf("\nMedian round trip, library against raw TCP (same run):\n");
+    for (const Target& t : targets) {
+        if (!g_median.count(t.lib) || !g_median.count(t.raw) || g_median[t.raw] <= 0) continue;
+        const double ratio = g_median[t.lib] / g_median[t.raw];
+        std::printf("  %-24s %9.1f us vs %9.1f us  = %5.2fx", t.what, g_median[t.lib], g_median[t.raw], ratio);
+        if (t.limit > 0) std::printf("  (target <= %.1fx: %s)", t.limit, ratio <= t.limit ? "met" : "MISSED");
+        std::printf("\n");
+    }
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    registerAll();
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    summary();
+    return 0;
+}
