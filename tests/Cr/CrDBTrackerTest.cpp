@@ -292,13 +292,4 @@ TEST_F(TrackerTest, BadMessagesAreReportedAndDropped)
     EXPECT_EQ(GetCapturedStdout(), "  Tracker: Received bad message\r\n  Tracker: Unknown Cmd Type\n");
 }
 
-TEST_F(TrackerTest, QueuedWrappersGoWithTheTracker)
-{
-    // Wrappers still queued are freed with the tracker; what they point to
-    // is not theirs.
-    CrRsp kept;
-    tracker->AddToQueue(new TrackerMsg(&kept));
-    tracker->AddToQueue(new TrackerMsg(&kept));
-}
-
 } // namespace

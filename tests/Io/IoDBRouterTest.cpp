@@ -256,37 +256,6 @@ TEST_F(RouterTest, NetworkOrderMessagesCarryReversedHeadersWithoutTheFlag)
     }
 }
 
-TEST_F(RouterTest, HeadersDescribeTheMessage)
-{
-    FakeSwitch sw(1);
-    Routed r(swi, sw);
-    CrCmd cmd;
-    cmd.SetCmdCode(CMD_CONN_PORT);
-    cmd.SetMsgAddr(1);
-    cmd.SetRspReq(true);
-    ASSERT_EQ(router.SendCmd(&cmd), 0);
-    ASSERT_EQ(router.SendCmd(&cmd), 0);
-    const std::vector<Frame> f = sw.sent();
-    ASSERT_EQ(f.size(), 2u);
-    EXPECT_EQ(f[0].app.getMsgType(), MSG_COMMAND);
-    EXPECT_EQ(f[0].app.getCmdControl(), CMD_WITH_RSP);
-    EXPECT_EQ(f[0].ctl.getManagerClass(), MGR_CONN);
-    // Each send takes a fresh number and leaves the last one in the command,
-    // where the tracker matches responses against it.
-    EXPECT_NE(f[0].app.getSeqNbr(), f[1].app.getSeqNbr());
-    EXPECT_EQ(std::uint32_t(cmd.GetSeqNbr()), f[1].app.getSeqNbr());
-
-    CrRsp rsp(&cmd);
-    rsp.SetRspStat(RSP_BUSY);
-    rsp.SetErrorCode(I_ERR_NOT_SUPPORTED);
-    ASSERT_EQ(router.SendRsp(&rsp), 0);
-    const Frame back = sw.sent().back();
-    EXPECT_EQ(back.app.getMsgType(), MSG_RESPONSE);
-    EXPECT_EQ(back.app.getSeqNbr(), std::uint32_t(cmd.GetSeqNbr()));
-    EXPECT_EQ(back.app.getRspStatus(), RSP_BUSY);
-    EXPECT_EQ(back.app.getAppError(), I_ERR_NOT_SUPPORTED);
-}
-
 // ------------------------------------------------------------ event loop
 
 API_EVENT_PKT samplePacket()
