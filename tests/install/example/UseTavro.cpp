@@ -1,5 +1,6 @@
 // Uses every part of the public interface that needs no switch.
 #include <TAVRO/TAVRO.h>
+#include <TAVRO/TAVRORawStats.h>
 
 #include <cstdio>
 
