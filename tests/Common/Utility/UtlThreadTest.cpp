@@ -3,12 +3,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <string>
 #include <vector>
 
-#include "Common/OS/Linux/OSAL.h"
-#include "Common/OS/Linux/WinEvent.h"
+#include "Common/OS/Linux/PlatformTestSupport.h"
 
 namespace {
 
@@ -68,18 +65,19 @@ std::vector<unsigned> simulate(PACEMAKER_MODE mode, const std::vector<unsigned>&
     return sleeps;
 }
 
-TEST(PacemakerTest, SkipModeRealignsAfterALongAction)
+TEST(PacemakerTest, LateActionIsSkippedOrCaughtUp)
 {
-    // 3.5 periods: the sleep ends on the next period boundary (t0 + 4P).
-    EXPECT_EQ(std::vector<unsigned>({500, 1000, 1000}), simulate(PACEMAKER_SKIP_MODE, {3500, 0, 0}));
-    EXPECT_EQ(std::vector<unsigned>({700, 800}), simulate(PACEMAKER_SKIP_MODE, {2300, 200}));
-}
-
-TEST(PacemakerTest, CatchUpModeRunsMissedActionsBackToBack)
-{
-    // After the long action three actions follow without sleep; the third
-    // then sleeps to the next boundary.
-    EXPECT_EQ(std::vector<unsigned>({0, 0, 0, 500, 1000}), simulate(PACEMAKER_CATCHUP_MODE, {3500, 0, 0, 0, 0}));
+    const struct {
+        PACEMAKER_MODE mode;
+        std::vector<unsigned> durations, sleeps;
+    } cases[] = {
+        // 3.5 periods: the sleep ends on the next period boundary (t0 + 4P).
+        {PACEMAKER_SKIP_MODE, {3500, 0, 0}, {500, 1000, 1000}},
+        {PACEMAKER_SKIP_MODE, {2300, 200}, {700, 800}},
+        // Three actions follow back to back, the third sleeps to the boundary.
+        {PACEMAKER_CATCHUP_MODE, {3500, 0, 0, 0, 0}, {0, 0, 0, 500, 1000}},
+    };
+    for (const auto& c : cases) EXPECT_EQ(c.sleeps, simulate(c.mode, c.durations)) << c.mode << "/" << c.durations[0];
 }
 
 class CountingThread : public PeriodicThread {
@@ -100,7 +98,6 @@ public:
         m_PeriodicExecTimeUsec = now - dueAgo;
         Pacemaker(now - startAgo);
     }
-    unsigned due() const { return m_PeriodicExecTimeUsec; }
 
 private:
     HANDLE reached_, destroyed_;
@@ -111,33 +108,28 @@ private:
 TEST(PeriodicThreadTest, NameIsPaddedToFifteenCharacters)
 {
     const struct {
-        const char* in;
-        const char* name;
-        const char* thread;
+        const char *in, *name, *thread;
     } cases[] = {{"TenLetters", "TenLetters", "P-TenLetters   "},
                  {nullptr, "Periodic", "P-Periodic     "},
                  {"AVeryLongPeriodicName", "AVeryLongPeriodicName", "P-AVeryLongPeri"}};
     for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
         CountingThread t(c.in, PACEMAKER_SKIP_MODE, nullptr, nullptr, 0);
         EXPECT_EQ(c.name, t.Name());
         EXPECT_STREQ(c.thread, t.GetThreadName());
-        EXPECT_EQ(1000u, t.PeriodUsec());
-        EXPECT_EQ(PeriodicThread::STACK_SIZE, t.GetStackSize());
+        EXPECT_EQ(0x40000u, t.GetStackSize());
     }
 }
 
 TEST(PeriodicThreadTest, RunsActionsUntilShutdown)
 {
     for (PACEMAKER_MODE mode : {PACEMAKER_CATCHUP_MODE, PACEMAKER_SKIP_MODE}) {
-        HANDLE reached = CreateEvent(nullptr, TRUE, FALSE, nullptr);
-        HANDLE destroyed = CreateEvent(nullptr, TRUE, FALSE, nullptr);
-        auto* t = new CountingThread("count", mode, reached, destroyed, 3);
+        tavro_test::Events e(2, TRUE);
+        auto* t = new CountingThread("count", mode, e.h[0], e.h[1], 3);
         ASSERT_TRUE(t->Start(nullptr));
-        EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(reached, 10000));
+        EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(e.h[0], tavro_test::kStuckMs)) << mode;
         t->SignalShutdown();
-        EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(destroyed, 10000));
-        CloseHandle(reached);
-        CloseHandle(destroyed);
+        EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(e.h[1], tavro_test::kStuckMs)) << mode;
     }
 }
 

@@ -1,11 +1,11 @@
 // Bounded stress of the timers: many 1 ms periodic timers expire, get
 // re-armed, cancelled and closed while other threads hammer the event lock
-// with counted handshakes (see HandleTestSupport.h).
+// with counted handshakes (see PlatformTestSupport.h).
 #include <gtest/gtest.h>
 
 #include "Common/OS/Linux/CWinTimerHandle.h"
 #include "Common/OS/Linux/OSAL.h"
-#include "HandleTestSupport.h"
+#include "PlatformTestSupport.h"
 
 namespace {
 

@@ -9,7 +9,7 @@
 #include <sstream>
 
 #include "Common/OS/Linux/CWinEventHandle.h"
-#include "HandleTestSupport.h"
+#include "PlatformTestSupport.h"
 
 namespace {
 

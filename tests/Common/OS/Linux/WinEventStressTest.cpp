@@ -1,10 +1,10 @@
-// Bounded stress of the handle layer; see HandleTestSupport.h for why the
+// Bounded stress of the handle layer; see PlatformTestSupport.h for why the
 // outcome never depends on timing.
 #include <gtest/gtest.h>
 
 #include "Common/OS/Linux/CWinEventHandle.h"
 #include "Common/OS/Linux/OSAL.h"
-#include "HandleTestSupport.h"
+#include "PlatformTestSupport.h"
 
 namespace {
 

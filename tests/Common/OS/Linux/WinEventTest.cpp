@@ -5,7 +5,7 @@
 #include "Common/OS/Linux/CWinEventHandle.h"
 #include "Common/OS/Linux/CWinMutexHandle.h"
 #include "Common/OS/Linux/OSAL.h"
-#include "HandleTestSupport.h"
+#include "PlatformTestSupport.h"
 
 namespace {
 

@@ -1,8 +1,12 @@
 #pragma once
 
-// Helpers shared by the handle-layer tests. Every exchange in the stress
+// Helpers shared by the platform-layer tests. Every exchange in the stress
 // helpers is a counted handshake, so results never depend on timing; the
 // bounds only turn a lost wake-up or a deadlock into a failure, not a hang.
+#include <gtest/gtest.h>
+#include <pthread.h>
+
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <thread>
@@ -20,6 +24,22 @@ bool eventually(Cond cond)
 {
     for (int i = 0; i < 5000 && !cond(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(1));
     return cond();
+}
+
+// glibc may hand out a cached stack up to four times the size asked for
+// (ThreadSanitizer's runtime up to 1 MiB); the 8 MiB default is far outside.
+inline void expectOwnStackOf(size_t asked)
+{
+    pthread_attr_t attr;
+    size_t size = 0;
+    pthread_getattr_np(pthread_self(), &attr);
+    pthread_attr_getstacksize(&attr, &size);
+    pthread_attr_destroy(&attr);
+    EXPECT_GE(size, asked);
+#if defined(__SANITIZE_THREAD__)
+    asked = std::max<size_t>(asked, 0x40000);
+#endif
+    EXPECT_LE(size, 4 * asked);
 }
 
 struct Events {
