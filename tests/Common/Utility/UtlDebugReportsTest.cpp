@@ -6,28 +6,29 @@
 #include <sys/resource.h>
 
 #include <atomic>
-#include <cstdlib>
-#include <cstring>
+#include <cstdio>
 #include <string>
 #include <thread>
 
 namespace {
-
-unsigned long long number(const std::string& text, const char* field)
-{
-    const size_t at = text.find(std::string(field) + "[");
-    return at == std::string::npos ? 0 : std::strtoull(text.c_str() + at + std::strlen(field) + 1, nullptr, 10);
-}
 
 // Each level keeps 1 KiB live across the call, so no level can be folded.
 std::string reportAtDepth(int depth)
 {
     volatile char pad[1024];
     pad[0] = static_cast<char>(depth);
-    if (depth == 0) return stackUsageText("deep");
-    std::string text = reportAtDepth(depth - 1);
+    std::string text = depth == 0 ? stackUsageText("deep") : reportAtDepth(depth - 1);
     pad[1] = pad[0];
     return text;
+}
+
+std::string g_report;
+std::atomic<bool> g_ready{false}; // the detached thread's last touch of g_report
+void* reportDetached(void*)
+{
+    g_report = threadAttributesText(nullptr);
+    g_ready.store(true);
+    return nullptr;
 }
 
 } // namespace
@@ -49,38 +50,29 @@ TEST(UtlDebugReports, CoreDumpLimitIsRaised)
 TEST(UtlDebugReports, ThreadAttributesTellDetachedFromJoinable)
 {
     const std::string joinable = threadAttributesText("main");
-    EXPECT_NE(joinable.find("DisplayThreadAttributes: main thread["), std::string::npos) << joinable;
-    EXPECT_NE(joinable.find("detachstate[JOINABLE]"), std::string::npos) << joinable;
-    EXPECT_NE(joinable.find("policy[SCHED_OTHER] priority[0]\n"), std::string::npos) << joinable;
+    for (const char* part : {"DisplayThreadAttributes: main thread[", "detachstate[JOINABLE]",
+                             "policy[SCHED_OTHER] priority[0]\n"})
+        EXPECT_NE(joinable.find(part), std::string::npos) << joinable;
 
-    struct Report {
-        std::string text;
-        std::atomic<bool> ready{false}; // the thread's last touch of this record
-    } report;
-    auto body = [](void* p) -> void* {
-        Report* r = static_cast<Report*>(p);
-        r->text = threadAttributesText(nullptr);
-        r->ready.store(true);
-        return nullptr;
-    };
     pthread_attr_t attr;
     pthread_attr_init(&attr);
     pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
     pthread_t id;
-    ASSERT_EQ(pthread_create(&id, &attr, body, &report), 0);
+    ASSERT_EQ(pthread_create(&id, &attr, reportDetached, nullptr), 0);
     pthread_attr_destroy(&attr);
-    while (!report.ready.load()) std::this_thread::yield();
-    const std::string& detached = report.text;
-    EXPECT_NE(detached.find("unknown thread["), std::string::npos) << detached;
-    EXPECT_NE(detached.find("detachstate[DETACHED]"), std::string::npos) << detached;
+    while (!g_ready.load()) std::this_thread::yield();
+    EXPECT_NE(g_report.find("unknown thread["), std::string::npos) << g_report;
+    EXPECT_NE(g_report.find("detachstate[DETACHED]"), std::string::npos) << g_report;
 }
 
 TEST(UtlDebugReports, StackUsageGrowsWithDepthWithinTheStack)
 {
-    const std::string line = stackUsageText("main");
-    const unsigned long long used = number(line, "used");
+    unsigned long long used = 0, size = 0, deepUsed = 0;
+    const std::string line = stackUsageText("main"), deep = reportAtDepth(8);
+    const char* format = "DisplayStackUsage: %*s thread[%*u] stack used[%llu] of [%llu] bytes\n";
+    ASSERT_EQ(std::sscanf(line.c_str(), format, &used, &size), 2) << line;
+    ASSERT_EQ(std::sscanf(deep.c_str(), format, &deepUsed, &size), 2) << deep;
     EXPECT_GT(used, 0u) << line;
-    EXPECT_LT(used, number(line, "of ")) << line;
-    const std::string deep = reportAtDepth(8);
-    EXPECT_GE(number(deep, "used"), used + 8 * 1024) << line << deep;
+    EXPECT_LT(used, size) << line;
+    EXPECT_GE(deepUsed, used + 8 * 1024) << line << deep;
 }

@@ -2,13 +2,17 @@
 
 #include <gtest/gtest.h>
 
+#include <arpa/inet.h>
 #include <unistd.h>
 
 #include <cstring>
+#include <functional>
 #include <string>
 #include <vector>
 
+#include "Common/Utility/UtlSysLog.h"
 #include "Common/Utility/UtlSystemInternal.h"
+#include "Os/UDBServ.h"
 #include "TestSupport.h"
 
 using tavro_test::readFile;
@@ -19,11 +23,11 @@ namespace {
 // Captures command lines instead of running them; each "returns" status.
 struct FakeShell {
     explicit FakeShell(int status = 0)
+        : previous(utl_system_internal::setCommandRunner([this, status](const std::string& line) {
+              lines.push_back(line);
+              return status;
+          }))
     {
-        previous = utl_system_internal::setCommandRunner([this, status](const std::string& line) {
-            lines.push_back(line);
-            return status;
-        });
     }
     ~FakeShell() { utl_system_internal::setCommandRunner(previous); }
     std::vector<std::string> lines;
@@ -32,29 +36,52 @@ struct FakeShell {
 
 const c_inaddr LOCAL, LOOPBACK("127.0.0.1"), PEER("10.0.0.5");
 const std::string SSH = "ssh -t -o StrictHostKeyChecking=no corvid@10.0.0.5";
+bool exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
+
+SYSLOG_REC rec(const char* ip, unsigned short port, ALARM_PRIORITY threshold, bool enabled)
+{
+    SYSLOG_REC r;
+    r.ipv4 = inet_addr(ip);
+    r.sysLogPort = port;
+    r.alarmThreshold = threshold;
+    r.enabled = enabled;
+    return r;
+}
+
+const std::string CHECKED = "sudo /bin/sh -c \"if [ -f /x/y ]; then chown corvid:corvid /x/y; fi\"";
 
 } // namespace
 
 TEST(UtlSystem, BuildsCommandLines)
 {
+    const auto fg = FOREGROUND_SYSTEM_CALL, bg = BACKGROUND_SYSTEM_CALL;
+    const auto check = CHANGE_OWNER_MODE_CHECK_FILE_EXIST, nocheck = CHANGE_OWNER_MODE_NO_CHECK;
+    auto sys = [](const char* cmd, c_inaddr ip, SYSTEM_CALL_MODE mode) {
+        return [=] { return systemCall(cmd, ip, mode, SYS_CALL_DEBUG_ON_ERROR, "t"); };
+    };
+    auto chown1 = [](c_inaddr ip, CHANGE_OWNER_MODE m) { return [=] { return changeOwnerToCorvid("/x/y", ip, m); }; };
+    auto chown2 = [](c_inaddr ip, CHANGE_OWNER_MODE m) { return [=] { return changeOwnerToCorvid("/x/", "y", ip, m); }; };
     const struct {
-        std::string command;
-        c_inaddr ip;
-        SYSTEM_CALL_MODE mode;
+        std::function<int()> call;
         std::string line;
     } cases[] = {
-        {"ls -l", LOCAL, FOREGROUND_SYSTEM_CALL, "ls -l"},
-        {"ls -l", LOOPBACK, BACKGROUND_SYSTEM_CALL, "ls -l &"},
-        {"ls -l", PEER, FOREGROUND_SYSTEM_CALL, SSH + " 'cd /Tessara/Server; ls -l'"},
-        {"ls -l", PEER, BACKGROUND_SYSTEM_CALL, SSH + " 'cd /Tessara/Server; ls -l' &"},
+        {sys("ls -l", LOCAL, fg), "ls -l"},
+        {sys("ls -l", LOOPBACK, bg), "ls -l &"},
+        {sys("ls -l", PEER, fg), SSH + " 'cd /Tessara/Server; ls -l'"},
+        {sys("ls -l", PEER, bg), SSH + " 'cd /Tessara/Server; ls -l' &"},
         // A command with its own quotes goes as it stands, without the cd.
-        {"echo 'hi' > x", PEER, BACKGROUND_SYSTEM_CALL, SSH + " echo 'hi' > x &"},
-        {"ls", c_inaddr("127.0.0.2"), FOREGROUND_SYSTEM_CALL,
+        {sys("echo 'hi' > x", PEER, bg), SSH + " echo 'hi' > x &"},
+        {sys("ls", c_inaddr("127.0.0.2"), fg),
          "ssh -t -o StrictHostKeyChecking=no corvid@127.0.0.2 'cd /Tessara/Server; ls'"},
+        {chown1(PEER, check), SSH + " '" + CHECKED + "'"},
+        {chown2(PEER, nocheck), SSH + " 'sudo chown corvid:corvid /x/y'"},
+        // Locally the shell must see the sudo command, not one quoted word.
+        {chown2(LOCAL, check), CHECKED},
+        {chown1(LOOPBACK, nocheck), "sudo chown corvid:corvid /x/y"},
     };
     for (const auto& c : cases) {
         FakeShell shell;
-        EXPECT_EQ(systemCall(c.command, c.ip, c.mode, SYS_CALL_DEBUG_ON_ERROR, "t"), 0);
+        EXPECT_EQ(c.call(), 0);
         EXPECT_EQ(shell.lines, std::vector<std::string>{c.line});
     }
 }
@@ -69,32 +96,30 @@ TEST(UtlSystem, DecodesWaitStatusAndTracesByDebugMode)
         int result;
         std::string trace;
     } cases[] = {
+        // Exit codes and signals through a real shell: RunsRealLocalCommands.
         {0, SYS_CALL_DEBUG_ON_ERROR, 0, ""},
-        {3 << 8, SYS_CALL_DEBUG_ON_ERROR, 3, "tag ERROR: rc[3] from [cmd]\n"},
         {3 << 8, SYS_CALL_NO_DEBUG, 3, ""},
-        {9 | 0x80, SYS_CALL_DEBUG_ON_ERROR, -1, "tag: KILLED BY SIGNAL [ 9 ]: rc[137] from [cmd]\n"},
         {9, SYS_CALL_NO_DEBUG, -1, ""},
         // Low bits 0x7F are a stop, not a signal death; -1: no shell ran.
         {0x137F, SYS_CALL_DEBUG_ON_ERROR, -1, "tag: ABNORMAL TERMINATION: rc[4991] from [cmd]\n"},
         {-1, SYS_CALL_DEBUG_ON_ERROR, -1, "tag: ABNORMAL TERMINATION: rc[-1] from [cmd]\n"},
-        {0, SYS_CALL_DEBUG_ALWAYS, 0, always},
         {1 << 8, SYS_CALL_DEBUG_ALWAYS, 1, always + "tag ERROR: rc[1] from [cmd]\n"},
     };
     for (const auto& c : cases) {
+        SCOPED_TRACE(c.status);
         FakeShell shell(c.status);
         testing::internal::CaptureStdout();
-        EXPECT_EQ(systemCall("cmd", LOCAL, FOREGROUND_SYSTEM_CALL, c.debug, "tag"), c.result) << c.status;
-        EXPECT_EQ(testing::internal::GetCapturedStdout(), c.trace) << c.status;
+        EXPECT_EQ(systemCall("cmd", LOCAL, FOREGROUND_SYSTEM_CALL, c.debug, "tag"), c.result);
+        EXPECT_EQ(testing::internal::GetCapturedStdout(), c.trace);
     }
-    FakeShell shell;
-    std::stringstream ss;
-    ss << "x" << 1;
+    FakeShell failing(1 << 8);
     testing::internal::CaptureStdout();
-    systemCall(ss, PEER, FOREGROUND_SYSTEM_CALL, SYS_CALL_DEBUG_ALWAYS, nullptr);
-    EXPECT_EQ(testing::internal::GetCapturedStdout().rfind(
-                  "systemCall: ipAddr[10.0.0.5]  LOCAL_CALL_IPADDR [127.0.0.1]  remote[true]\n", 0),
-              0u);
-    EXPECT_EQ(shell.lines, std::vector<std::string>{SSH + " 'cd /Tessara/Server; x1'"});
+    EXPECT_EQ(changeOwnerToCorvid("/x", "y", PEER, CHANGE_OWNER_MODE_NO_CHECK), 1);
+    EXPECT_EQ(changeOwnerToCorvid(nullptr, "y", PEER, CHANGE_OWNER_MODE_NO_CHECK), -1);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "changeOwnerToCorvid ERROR: rc[1] from [" + SSH + " 'sudo chown corvid:corvid /xy']\n"
+              "Can't change owner to corvid for /xy on 10.0.0.5\n");
+    EXPECT_EQ(failing.lines.size(), 1u);
 }
 
 TEST(UtlSystem, RunsRealLocalCommands)
@@ -110,36 +135,6 @@ TEST(UtlSystem, RunsRealLocalCommands)
     EXPECT_EQ(systemCall("kill -TERM $$", LOCAL, FOREGROUND_SYSTEM_CALL, SYS_CALL_DEBUG_ON_ERROR, "t"), -1);
     EXPECT_EQ(testing::internal::GetCapturedStdout(),
               "t ERROR: rc[1] from [false]\nt: KILLED BY SIGNAL [ 15 ]: rc[15] from [kill -TERM $$]\n");
-}
-
-TEST(UtlSystem, ChangesOwnerThroughSudo)
-{
-    const std::string checked = "sudo /bin/sh -c \"if [ -f /x/y ]; then chown corvid:corvid /x/y; fi\"";
-    const struct {
-        c_inaddr ip;
-        CHANGE_OWNER_MODE mode;
-        std::string line;
-    } cases[] = {
-        {PEER, CHANGE_OWNER_MODE_CHECK_FILE_EXIST, SSH + " '" + checked + "'"},
-        {PEER, CHANGE_OWNER_MODE_NO_CHECK, SSH + " 'sudo chown corvid:corvid /x/y'"},
-        // Locally the shell must see the sudo command, not one quoted word.
-        {LOCAL, CHANGE_OWNER_MODE_CHECK_FILE_EXIST, checked},
-        {LOOPBACK, CHANGE_OWNER_MODE_NO_CHECK, "sudo chown corvid:corvid /x/y"},
-    };
-    for (const auto& c : cases) {
-        FakeShell shell;
-        EXPECT_EQ(changeOwnerToCorvid("/x/y", c.ip, c.mode), 0);
-        EXPECT_EQ(changeOwnerToCorvid("/x/", "y", c.ip, c.mode), 0);
-        EXPECT_EQ(shell.lines, std::vector<std::string>(2, c.line));
-    }
-    FakeShell failing(1 << 8);
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(changeOwnerToCorvid("/x", "y", PEER, CHANGE_OWNER_MODE_NO_CHECK), 1);
-    EXPECT_EQ(changeOwnerToCorvid(nullptr, "y", PEER, CHANGE_OWNER_MODE_NO_CHECK), -1);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              "changeOwnerToCorvid ERROR: rc[1] from [" + SSH + " 'sudo chown corvid:corvid /xy']\n"
-              "Can't change owner to corvid for /xy on 10.0.0.5\n");
-    EXPECT_EQ(failing.lines.size(), 1u);
 }
 
 TEST(UtlSystem, ReplacesTokens)
@@ -168,7 +163,7 @@ TEST(UtlSystem, ReplacesTokens)
     EXPECT_EQ(readFile("out.cfg"), "ip=sw1\r\n# sw1 sw1\n\nlast sw1");
     EXPECT_FALSE(replaceFileToken("missing.cfg", "x.cfg", tokens));
     EXPECT_FALSE(replaceFileToken("in.cfg", "no/dir/x.cfg", tokens));
-    EXPECT_NE(access("x.cfg", F_OK), 0);
+    EXPECT_FALSE(exists("x.cfg"));
 }
 
 TEST(UtlSystem, SplitsIpSwitchText)
@@ -184,13 +179,70 @@ TEST(UtlSystem, SplitsIpSwitchText)
     EXPECT_EQ(out[IP_SWITCH_STR_MAX][0], '#') << "nothing written beyond the documented room";
 }
 
+TEST(UtlSysLog, LookupFallbacks)
+{
+    EXPECT_STREQ(getSysLogPriorityText(ALARM_PRIORITY_AUDIT_TRAIL_ONLY), "info");
+    EXPECT_EQ(getSysLogFacility(7), 184);
+    for (int bad : {-1, 9}) {
+        EXPECT_STREQ(getSysLogPriorityText(static_cast<ALARM_PRIORITY>(bad)), "Invalid");
+        EXPECT_STREQ(getSysLogFacilityText(bad), "local0");
+        EXPECT_EQ(getSysLogFacility(bad), 128);
+    }
+}
+
+TEST(UtlSysLog, WritesTheForwardingConfigurationAndRestarts)
+{
+    tavro_test::ScopedTempDir dir;
+    const std::string cfg = dir.path() + "/Tessara.conf";
+    utl_system_internal::setSysLogCfgPaths(cfg, dir.path() + "/");
+    for (int i = 0; i < 4; ++i) writeFile("log" + std::to_string(i) + ".conf", "old");
+
+    std::string exec = "switchApp";
+    std::string* const savedExec = sysParm.pExecFile;
+    sysParm.pExecFile = &exec;
+    SYSLOG_REC recs[3] = {rec("10.1.2.3", 514, ALARM_PRIORITY_WARNING, true),
+                          rec("10.1.2.4", 514, ALARM_PRIORITY_AUDIT_TRAIL_ONLY, false),
+                          rec("192.168.0.200", 65535, ALARM_PRIORITY_EMERGENCY, true)};
+    EXPECT_TRUE(writeSysLogCfg(3, recs));
+    sysParm.pExecFile = savedExec;
+    EXPECT_EQ(readFile(cfg), "#Generated by switchApp. Do not edit manually.\n"
+                             ":msg, !contains, \"[TsR]\" ~ \n"
+                             "$template TessaraFormat,\"<%PRI%> %msg:::sp-if-no-1st-sp%%msg%\"\n"
+                             "local3.warn @10.1.2.3:514;TessaraFormat\n"
+                             "#local3.=info @10.1.2.4:514;TessaraFormat\n"
+                             "local3.emerg @192.168.0.200:65535;TessaraFormat\n");
+    EXPECT_FALSE(exists("log0.conf") || exists("log1.conf") || exists("log2.conf"));
+    EXPECT_TRUE(exists("log3.conf"));
+
+    // Rewriting truncates; without an executable name the header still forms.
+    ASSERT_TRUE(writeSysLogCfg(9, recs));
+    const std::string text = readFile(cfg);
+    EXPECT_EQ(text.substr(0, 48), "#Generated by . Do not edit manually.\n:msg, !con");
+    EXPECT_EQ(text.substr(text.rfind("\n", text.size() - 2)), "\nlocal0.emerg @192.168.0.200:65535;TessaraFormat\n");
+
+    // Unwritable: trace line, false, old files untouched.
+    const std::string bad = dir.path() + "/no-dir/Tessara.conf";
+    utl_system_internal::setSysLogCfgPaths(bad, dir.path() + "/");
+    writeFile("log1.conf", "old");
+    testing::internal::CaptureStdout();
+    EXPECT_FALSE(writeSysLogCfg(0, recs));
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "writeSysLogCfg: Failed to write " + bad + "\n");
+    EXPECT_TRUE(exists("log1.conf"));
+    utl_system_internal::setSysLogCfgPaths("", "");
+
+    FakeShell shell;
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(restartSysLog(2), 1);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "Reprocess SysLog configuration\n");
+    EXPECT_EQ(shell.lines, std::vector<std::string>{"sudo /etc/init.d/rsyslog restart"});
+}
+
 TEST(UtlSystemDeathTest, CoreDumpTracesAndAborts)
 {
-    // The re-executing style cannot work under user-mode emulation (the
-    // child would have to exec a foreign binary); this process runs no
-    // threads, so a plain fork is safe.
+    // The re-executing style cannot work under user-mode emulation (the child
+    // would have to exec a foreign binary); this process runs no threads, so a
+    // plain fork is safe. In the child stdout goes to stderr, where it looks.
     GTEST_FLAG_SET(death_test_style, "fast");
-    // In the child stdout goes to stderr, where the death test looks.
     EXPECT_DEATH((dup2(2, 1), coreDump("disk full")),
                  "coreDumpTERMINATE!{38}\ncoreDumpdisk full\ncoreDumpTERMINATE!{38}\n");
     EXPECT_DEATH((dup2(2, 1), coreDump(nullptr)), "coreDumpTERMINATE!{38}\ncoreDumpTERMINATE!{38}\n");

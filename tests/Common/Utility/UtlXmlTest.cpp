@@ -3,8 +3,11 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <random>
 #include <sstream>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "Common/Utility/UtlXmlGuard.h"
 #include "Os/UDBControl.h"
@@ -39,10 +42,26 @@ std::string fromFile(const char* path, const char* root = "Config")
 
 std::string nested(unsigned depth)
 {
-    std::string s;
-    for (unsigned i = 0; i < depth; ++i) s += "<a>";
-    for (unsigned i = 0; i < depth; ++i) s += "</a>";
-    return s;
+    std::string open, close;
+    for (unsigned i = 0; i < depth; ++i) open += "<a>", close += "</a>";
+    return open + close;
+}
+
+// Element nesting of the tree TinyXML built, walked without recursion. TinyXML
+// links every element it started, even when parsing then failed, so this is
+// the number of Element::Parse frames it had on the stack at once.
+unsigned treeDepth(const TiXmlNode* doc)
+{
+    unsigned deepest = 0;
+    std::vector<std::pair<const TiXmlNode*, unsigned>> todo{{doc, 0}};
+    while (!todo.empty()) {
+        auto [node, depth] = todo.back();
+        todo.pop_back();
+        deepest = std::max(deepest, depth);
+        for (const TiXmlNode* c = node->FirstChild(); c; c = c->NextSibling())
+            todo.emplace_back(c, depth + (c->ToElement() ? 1 : 0));
+    }
+    return deepest;
 }
 
 const std::string STRING_FAILED = "loadDOMFromString: Failed to load XML string (1st 50 chars)[";
@@ -73,9 +92,8 @@ TEST(UtlXml, LoadsStringsAndReportsEachFailure)
     EXPECT_EQ(UtlXml::getFirstChildElement(root, "Port"), root->FirstChildElement());
     EXPECT_EQ(UtlXml::getFirstChildElement(root, "Missing"), nullptr);
     EXPECT_EQ(UtlXml::getFirstChildElement(nullptr, "Port"), nullptr);
-    // A second load replaces the document instead of appending to it.
     root = UtlXml::loadDOMFromString(doc, "<Other/>", "Other");
-    EXPECT_EQ(root, doc.LastChild());
+    EXPECT_EQ(root, doc.LastChild()) << "a second load replaces the document";
 }
 
 TEST(UtlXml, LoadsFiles)
@@ -91,25 +109,50 @@ TEST(UtlXml, LoadsFiles)
     EXPECT_STREQ(doc.Value(), "good.xml");
     EXPECT_STREQ(root->FirstChildElement("Item")->GetText(), "a b") << "line ends normalised as TinyXML does";
 
+    testing::internal::CaptureStdout();
     for (const char* path : {"bad.xml", "empty.xml", "missing.xml", ".", "deep.xml"})
         EXPECT_EQ(fromFile(path), std::string("loadDOMFromFile: Failed to load file[") + path + "].");
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "loadDOMFromFile: XML nesting or attribute count beyond limits in [deep.xml]\n");
     EXPECT_EQ(fromFile("good.xml", "Other"), "getRootElement: XML root is not an Other element.");
 }
 
 TEST(UtlXml, HostileStringsFailCleanly)
 {
+    using utl_xml_internal::MAX_XML_ATTRIBUTES;
+    using utl_xml_internal::MAX_XML_DEPTH;
+    auto withAttributes = [](unsigned n) {
+        std::string s = "<a";
+        for (unsigned i = 0; i < n; ++i) s += " a" + std::to_string(i) + "='1'";
+        return s + "/>";
+    };
     // 100000 levels would overflow the stack inside TinyXML; they are refused.
-    const std::string deep = nested(100000);
-    EXPECT_EQ(fromString(deep, "a"), STRING_FAILED + deep.substr(0, 50) + "].");
-    EXPECT_EQ(fromString(nested(utl_xml_internal::MAX_XML_DEPTH), "a"), "");
+    const std::string deep = nested(100000), tooDeep = nested(MAX_XML_DEPTH + 1);
+    const std::string wide = withAttributes(MAX_XML_ATTRIBUTES + 1);
+    const struct {
+        std::string xml, error;
+        bool traced;
+    } cases[] = {
+        {deep, STRING_FAILED + deep.substr(0, 50) + "].", true},
+        {tooDeep, STRING_FAILED + tooDeep.substr(0, 50) + "].", true},
+        {nested(MAX_XML_DEPTH), "", false},
+        {wide, STRING_FAILED + wide.substr(0, 50) + "].", true},
+        {withAttributes(MAX_XML_ATTRIBUTES), "", false},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(&c - cases);
+        testing::internal::CaptureStdout();
+        EXPECT_EQ(fromString(c.xml, "a"), c.error);
+        EXPECT_EQ(testing::internal::GetCapturedStdout(),
+                  c.traced ? "loadDOMFromString: XML nesting or attribute count beyond limits\n" : "");
+    }
 
     const std::string big(4 << 20, 'v');
     TiXmlDocument doc;
     EXPECT_EQ(UtlXml::loadDOMFromString(doc, ("<Config big=\"" + big + "\"/>").c_str(), "Config")->Attribute("big"),
               big);
-
-    // UTF-8 sequences cut by the end of the text and other byte salad: a
-    // document or a UtlXmlException (xmlError lets nothing else through).
+    // UTF-8 cut by the end of the text and other byte salad: a document or a
+    // UtlXmlException (xmlError lets nothing else through).
     for (const char* xml : {"<Config>\xF0", "<Config a=\"\xF0", "<Config>\xFF\xFE\x80</Config>", "<Config \xE2=\"1\"/>",
                             "<Config>&#x", "<Config>&#99999999999999;</Config>", "<Config><![CDATA[\xF0", "<?xml \xF0"})
         fromString(xml);
@@ -119,33 +162,30 @@ TEST(UtlXml, HostileStringsFailCleanly)
 TEST(UtlXml, LoadPortNum)
 {
     const struct {
-        const char* value;
+        const char* value; // nullptr: attribute missing
         unsigned char swId;
         PORT_NUM expected; // INVALID_PORT_NUM: must throw
-    } cases[] = {
-        {"1.2.3", 0, PORT_NUM(0x00000102u)},     {"1.2.3", 5, PORT_NUM(0x05000102u)},
-        {" 8.12.255 ", 0, PORT_NUM(0x00070BFEu)}, {"ALL", 5, PORT_NUM::ALL_PORT_NUMS},
-        {"9.1.1", 0, PORT_NUM()},                {"1.13.1", 0, PORT_NUM()},
-        {"1.x.3", 0, PORT_NUM()},                {"", 0, PORT_NUM()},
-    };
+    } cases[] = {{"1.2.3", 0, PORT_NUM(0x00000102u)}, {"1.2.3", 5, PORT_NUM(0x05000102u)},
+                 {" 8.12.255 ", 0, PORT_NUM(0x00070BFEu)}, {"ALL", 5, PORT_NUM::ALL_PORT_NUMS},
+                 {"9.1.1", 0, PORT_NUM()}, {"1.13.1", 0, PORT_NUM()}, {"1.x.3", 0, PORT_NUM()}, {"", 0, PORT_NUM()},
+                 {nullptr, 0, PORT_NUM()}};
+    const std::string prefix = "loadPortNum: Invalid XML file.  A port number element[Port] ";
     for (const auto& c : cases) {
+        SCOPED_TRACE(c.value ? c.value : "(missing)");
         TiXmlElement elem("Port");
-        elem.SetAttribute("num", c.value);
+        if (c.value) elem.SetAttribute("num", c.value);
         PORT_NUM port;
         bool valid = false;
         const std::string error = xmlError([&] { valid = UtlXml::loadPortNum(&elem, "num", port, c.swId); });
-        if (c.expected == PORT_NUM::INVALID_PORT_NUM) {
-            EXPECT_EQ(error, std::string("loadPortNum: Invalid XML file.  A port number element[Port] has an invalid "
-                                         "attribute[num] value[") + c.value + "].");
+        if (c.expected != PORT_NUM::INVALID_PORT_NUM) {
+            EXPECT_TRUE(valid && error.empty());
+            EXPECT_EQ(port, c.expected);
+        } else if (c.value) {
+            EXPECT_EQ(error, prefix + "has an invalid attribute[num] value[" + c.value + "].");
         } else {
-            EXPECT_TRUE(valid && error.empty()) << c.value;
-            EXPECT_EQ(port, c.expected) << c.value;
+            EXPECT_EQ(error, prefix + "is missing the attribute[num].");
         }
     }
-    TiXmlElement elem("Port");
-    PORT_NUM port;
-    EXPECT_EQ(xmlError([&] { UtlXml::loadPortNum(&elem, "num", port, 0); }),
-              "loadPortNum: Invalid XML file.  A port number element[Port] is missing the attribute[num].");
 }
 
 TEST(UtlXml, LinksNewNodes)
@@ -168,18 +208,14 @@ TEST(UtlXml, LinksNewNodes)
 
 TEST(UtlXml, ExceptionsTextsAndLogging)
 {
-    int node = 0;
-    EXPECT_EQ(xmlError([&] { UtlXml::AssertValidNode(&node, "TiXmlComment"); }), "");
     EXPECT_EQ(xmlError([] { UtlXml::AssertValidNode(nullptr, "TiXmlComment"); }),
               "UtlXml Error: Failed to allocate TiXmlComment TiXmlElement.");
     EXPECT_EQ(xmlError([] { UtlXml::throwUtlXmlException("fn", std::string("as string")); }), "fn: as string");
 
     const UtlXmlException e("loadPortNum: bad");
-    std::ostringstream byRef, byPtr;
-    byRef << e;
-    byPtr << &e;
-    EXPECT_EQ(byRef.str(), "UtlXmlException: loadPortNum: bad\n");
-    EXPECT_EQ(byPtr.str(), byRef.str());
+    std::ostringstream os;
+    os << e << &e;
+    EXPECT_EQ(os.str(), "UtlXmlException: loadPortNum: bad\nUtlXmlException: loadPortNum: bad\n");
 
     // Before the debug writer runs, the trace goes straight to stdout.
     testing::internal::CaptureStdout();
@@ -189,4 +225,45 @@ TEST(UtlXml, ExceptionsTextsAndLogging)
         caught.logException(); // the XML form, through the base
     }
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "UtlXmlException: fn: thrown\n");
+}
+
+// Random documents built from the places where a naive tag count and
+// TinyXML part (closes hidden in comments, CDATA, attribute values, unknown
+// tags, swallowed by numeric entities or UTF-8 lead bytes; declarations that
+// switch the encoding). The guard may only over-estimate, and must be exact
+// whenever TinyXML accepts a document of known encoding.
+TEST(UtlXmlGuard, NeverUnderestimatesRandomDocuments)
+{
+    const char* const fragments[] = {
+        "<a>", "<a x='1'>", "<b y=\"&#x41;\">", "</a>", "</b>", "<c/>", "text", " ", "\n", "<!-- </a> -->",
+        "<![CDATA[ </a> ]]>", "&#", "#5;", "&#x", "x5;", "\xF0\"", "\xE2<", "\xC3", "\xEF\xBB\xBF",
+        "<?xml version='1.0' encoding='UTF-8'?>", "<?xml version='>' ?>", "<?xml encoding='x'?>", "<!DOCTYPE x>",
+        "<?pi </a> ?>", "<a q=\"</a>\">", "'", "\"", ">", "<", "&amp;", "<_z>", "</_z>", "<\xC3\xA9>", "<a x=1>",
+        "/>", "<!--", "-->", "<![CDATA[", "]]>", "&lt;", "&#59;", ";", "<a x='&#x3e;'>", "</a >",
+    };
+    // Single characters of the same constructs, for splits no fragment has.
+    static const char chars[] = "<>/a\"'&#x5;!-[]?= \n\xF0\xC3\xE2" "CDATmlb\xEF\xBB\xBF";
+    std::mt19937 rng(20240611u);
+    std::uniform_int_distribution<size_t> pick(0, sizeof fragments / sizeof fragments[0] - 1);
+    std::uniform_int_distribution<int> length(1, 60);
+    for (int iteration = 0; iteration < 4000; ++iteration) {
+        std::string xml;
+        for (int n = length(rng); n > 0; --n) {
+            if (iteration % 2 == 0) xml += fragments[pick(rng)];
+            else for (int k = 0; k < 3; ++k) xml += chars[rng() % (sizeof chars - 1)];
+        }
+        const std::string padded = utl_xml_internal::paddedXml(xml.c_str());
+        for (TiXmlEncoding enc : {TIXML_ENCODING_UTF8, TIXML_ENCODING_UNKNOWN}) {
+            SCOPED_TRACE(testing::Message() << "encoding " << enc << " xml: " << testing::PrintToString(xml));
+            TiXmlDocument doc;
+            doc.Parse(padded.c_str(), nullptr, enc);
+            const unsigned actual = treeDepth(&doc);
+            const unsigned measured = utl_xml_internal::measureXml(padded.c_str(), enc, 1000).maxDepth;
+            ASSERT_GE(measured, actual);
+            // Without a known encoding both outcomes of a declaration count.
+            if (!doc.Error() && enc == TIXML_ENCODING_UTF8) {
+                ASSERT_EQ(measured, actual);
+            }
+        }
+    }
 }
