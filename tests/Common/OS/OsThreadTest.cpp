@@ -9,15 +9,11 @@
 #include "Common/OS/Linux/PlatformTestSupport.h"
 
 struct WorkerState {
-    HANDLE started = CreateEvent(nullptr, TRUE, FALSE, nullptr), destroyed = CreateEvent(nullptr, TRUE, FALSE, nullptr);
+    tavro_test::Events events{2, TRUE};
+    HANDLE started = events.h[0], destroyed = events.h[1];
     std::string name;
     void* arg = nullptr;
-    bool terminating = true;
-    ~WorkerState()
-    {
-        CloseHandle(started);
-        CloseHandle(destroyed);
-    }
+    bool terminating = true, setUp = false;
 };
 
 // Global namespace: the demangled names are what unnamed threads get.
@@ -26,6 +22,7 @@ public:
     OsThreadTestWorker(WorkerState& s, const char* name, unsigned stack) : OsThread(name, stack), s_(s) {}
     explicit OsThreadTestWorker(WorkerState& s) : OsThread(0), s_(s) {}
     ~OsThreadTestWorker() override { SetEvent(s_.destroyed); }
+    void Setup() override { s_.setUp = true; }
     void* Execute(void* arg) override
     {
         s_.name = GetThreadName();
@@ -34,7 +31,7 @@ public:
         if (GetStackSize() != 0) tavro_test::expectOwnStackOf(GetStackSize());
         SetEvent(s_.started);
         while (ContinueRunning()) WaitForSingleObject(evntShutdownThread, 1000);
-        return nullptr;
+        return arg;
     }
 
 private:
@@ -87,20 +84,13 @@ TEST(OsThreadTest, ThreadNames)
 
 TEST(OsThreadTest, RunExecutesInTheCallingThreadAfterSetup)
 {
-    struct Inline : OsThread {
-        Inline() : OsThread("inline", 0) {}
-        void Setup() override { order += "S"; }
-        void* Execute(void* arg) override
-        {
-            order += "E";
-            return arg;
-        }
-        std::string order;
-    } t;
+    WorkerState s;
+    OsThreadTestWorker t(s, "inline", 0);
+    t.SignalShutdown(); // lets the body return at once
     int x;
     EXPECT_EQ(&x, t.Run(&x));
-    EXPECT_EQ("SE", t.order);
-    EXPECT_TRUE(t.IsTerminating());
+    EXPECT_TRUE(s.setUp);
+    EXPECT_TRUE(s.terminating);
 }
 
 TEST(OsThreadTest, DestroyingARunningObjectIsReported)

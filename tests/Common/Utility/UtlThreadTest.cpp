@@ -82,26 +82,27 @@ TEST(PacemakerTest, LateActionIsSkippedOrCaughtUp)
 
 class CountingThread : public PeriodicThread {
 public:
-    CountingThread(const char* name, PACEMAKER_MODE mode, HANDLE reached, HANDLE destroyed, int target)
-        : PeriodicThread(1, name, mode), reached_(reached), destroyed_(destroyed), target_(target)
+    CountingThread(const char* name, PACEMAKER_MODE mode, HANDLE reached = nullptr, HANDLE destroyed = nullptr)
+        : PeriodicThread(1, name, mode), reached_(reached), destroyed_(destroyed)
     {
     }
     ~CountingThread() override { SetEvent(destroyed_); }
     void PeriodicAction() override
     {
-        if (++count_ == target_) SetEvent(reached_);
+        if (++count_ == 3) SetEvent(reached_);
     }
-    // Test access to one pacemaker step with a chosen past.
-    void step(unsigned startAgo, unsigned dueAgo)
+    // One pacemaker step with a chosen past; returns what it printed.
+    std::string step(unsigned startAgo, unsigned dueAgo)
     {
+        testing::internal::CaptureStdout();
         const unsigned now = Clock();
         m_PeriodicExecTimeUsec = now - dueAgo;
         Pacemaker(now - startAgo);
+        return testing::internal::GetCapturedStdout();
     }
 
 private:
     HANDLE reached_, destroyed_;
-    int target_;
     std::atomic<int> count_{0};
 };
 
@@ -114,7 +115,7 @@ TEST(PeriodicThreadTest, NameIsPaddedToFifteenCharacters)
                  {"AVeryLongPeriodicName", "AVeryLongPeriodicName", "P-AVeryLongPeri"}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
-        CountingThread t(c.in, PACEMAKER_SKIP_MODE, nullptr, nullptr, 0);
+        CountingThread t(c.in, PACEMAKER_SKIP_MODE);
         EXPECT_EQ(c.name, t.Name());
         EXPECT_STREQ(c.thread, t.GetThreadName());
         EXPECT_EQ(0x40000u, t.GetStackSize());
@@ -125,7 +126,7 @@ TEST(PeriodicThreadTest, RunsActionsUntilShutdown)
 {
     for (PACEMAKER_MODE mode : {PACEMAKER_CATCHUP_MODE, PACEMAKER_SKIP_MODE}) {
         tavro_test::Events e(2, TRUE);
-        auto* t = new CountingThread("count", mode, e.h[0], e.h[1], 3);
+        auto* t = new CountingThread("count", mode, e.h[0], e.h[1]);
         ASSERT_TRUE(t->Start(nullptr));
         EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(e.h[0], tavro_test::kStuckMs)) << mode;
         t->SignalShutdown();
@@ -135,30 +136,25 @@ TEST(PeriodicThreadTest, RunsActionsUntilShutdown)
 
 TEST(PeriodicThreadTest, PacemakerTraceTexts)
 {
-    CountingThread t("Tracer", PACEMAKER_CATCHUP_MODE, nullptr, nullptr, 0);
+    using testing::HasSubstr;
+    using testing::Not;
+    CountingThread t("Tracer", PACEMAKER_CATCHUP_MODE);
     PeriodicThread::s_EnableDebugEvents = true;
-
     // Two periods late and the action took a whole period: no sleep, one report.
-    testing::internal::CaptureStdout();
-    t.step(P, 2 * P);
-    std::string out = testing::internal::GetCapturedStdout();
-    EXPECT_THAT(out, testing::HasSubstr("Periodic Action [Tracer] took more time (["));
-    EXPECT_THAT(out, testing::HasSubstr("]  usecs) than the timer period ([1000] usecs)!"));
-    EXPECT_THAT(out, testing::Not(testing::HasSubstr("Pacemaker time")));
+    std::string out = t.step(P, 2 * P);
+    EXPECT_THAT(out, HasSubstr("Periodic Action [Tracer] took more time (["));
+    EXPECT_THAT(out, HasSubstr("]  usecs) than the timer period ([1000] usecs)!"));
+    EXPECT_THAT(out, Not(HasSubstr("Pacemaker time")));
 
     t.SetDebugPacemaker(true);
-    testing::internal::CaptureStdout();
-    t.step(0, 0);
-    out = testing::internal::GetCapturedStdout();
+    out = t.step(0, 0);
     EXPECT_THAT(out, testing::ContainsRegex("Pacemaker time before sleep \\[[0-9]+\\]\\. Time to sleep \\[[0-9]+\\]"));
     EXPECT_THAT(out, testing::ContainsRegex("Pacemaker time after sleep \\[[0-9]+\\]"));
-    EXPECT_THAT(out, testing::Not(testing::HasSubstr("took more time")));
+    EXPECT_THAT(out, Not(HasSubstr("took more time")));
 
     PeriodicThread::s_EnableDebugEvents = false;
-    testing::internal::CaptureStdout();
     t.SetDebugPacemaker(false);
-    t.step(P, 2 * P);
-    EXPECT_EQ("", testing::internal::GetCapturedStdout());
+    EXPECT_EQ("", t.step(P, 2 * P));
 }
 
 } // namespace

@@ -51,20 +51,18 @@ TEST(CWinTimerHandleTest, DueTimeAndPeriodConversion)
         std::int64_t due;
         LONG period;
         bool relative;
-        time_t sec;
-        long nsec;
-        time_t isec;
-        long insec;
+        time_t sec, isec;
+        long nsec, insec;
     } cases[] = {
         {-10000000, 0, true, 1, 0, 0, 0},
-        {-500000, 20, true, 0, 50000000, 0, 20000000},
-        {-1, 250, true, 0, 100, 0, 250000000},
-        {0, 1000, false, 0, 0, 1, 0},
-        {12345678901LL, 1500, false, 1234, 567890100, 1, 500000000},
+        {-500000, 20, true, 0, 0, 50000000, 20000000},
+        {-1, 250, true, 0, 0, 100, 250000000},
+        {0, 1000, false, 0, 1, 0, 0},
+        {12345678901LL, 1500, false, 1234, 1, 567890100, 500000000},
         // Magnitude of the most negative value, clamped where time_t is short.
-        {std::numeric_limits<std::int64_t>::min(), 0, true, clampedSec, 477580800, 0, 0},
+        {std::numeric_limits<std::int64_t>::min(), 0, true, clampedSec, 0, 477580800, 0},
         // Left negative so that arming refuses it.
-        {-1, -1, true, 0, 100, 0, -1000000},
+        {-1, -1, true, 0, 0, 100, -1000000},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(testing::Message() << c.due << " / " << c.period);
@@ -79,127 +77,98 @@ TEST(CWinTimerHandleTest, DueTimeAndPeriodConversion)
     }
 }
 
-TEST(CWinTimerHandleTest, OneShotFiresOnceAndPeriodicKeepsFiring)
+TEST(CWinTimerHandleTest, OneShotFiresOnceAndResetModeDecidesHowLongItIsSeen)
 {
-    static Calls once, periodic;
-    HANDLE t = CreateWaitableTimer(nullptr, FALSE, "ignored");
-    ASSERT_NE(nullptr, t);
-    const DWORD start = GetTickCount();
-    ASSERT_TRUE(arm(t, -50 * kMs, 0, &once));
-    ASSERT_EQ(WAIT_OBJECT_0, WaitForSingleObject(t, kFireBoundMs));
-    // Timer clock and tick clock differ slightly.
-    EXPECT_GE(GetTickCount() - start, 45u);
-    ASSERT_TRUE(eventually([&] { return once.n == 1; }));
-    EXPECT_EQ(0u, once.low.load());
-    EXPECT_EQ(0u, once.high.load());
-    EXPECT_EQ(WAIT_TIMEOUT, WaitForSingleObject(t, 150));
-    EXPECT_EQ(1, once.n.load());
-    EXPECT_TRUE(CloseHandle(t));
+    static Calls calls[2];
+    for (BOOL manual : {FALSE, TRUE}) {
+        SCOPED_TRACE(manual ? "manual" : "auto");
+        HANDLE t = CreateWaitableTimer(nullptr, manual, "ignored");
+        const DWORD start = GetTickCount();
+        ASSERT_TRUE(arm(t, -50 * kMs, 0, &calls[manual]));
+        ASSERT_EQ(WAIT_OBJECT_0, WaitForSingleObject(t, kFireBoundMs));
+        // Timer clock and tick clock differ slightly.
+        EXPECT_GE(GetTickCount() - start, 45u);
+        EXPECT_EQ(manual ? WAIT_OBJECT_0 : WAIT_TIMEOUT, WaitForSingleObject(t, 0));
+        ASSERT_TRUE(eventually([&] { return calls[manual].n == 1; }));
+        EXPECT_EQ(0u, calls[manual].low | calls[manual].high);
+        // A manual timer stays signalled until it is armed again.
+        EXPECT_TRUE(!manual || arm(t, -10000 * kMs, 0));
+        EXPECT_EQ(WAIT_TIMEOUT, WaitForSingleObject(t, manual ? 0 : 150));
+        EXPECT_EQ(1, calls[manual].n.load());
+        EXPECT_TRUE(CloseHandle(t));
+    }
+}
 
-    t = CreateWaitableTimer(nullptr, FALSE, nullptr);
-    ASSERT_TRUE(arm(t, -20 * kMs, 20, &periodic));
+TEST(CWinTimerHandleTest, PeriodicTimerKeepsFiringWithTheFirstRoutine)
+{
+    static Calls first, second;
+    HANDLE t = CreateWaitableTimer(nullptr, FALSE, nullptr);
+    ASSERT_TRUE(arm(t, -10000 * kMs, 0, &first));
+    ASSERT_TRUE(arm(t, -20 * kMs, 20, &second));
     for (int i = 0; i < 3; ++i) ASSERT_EQ(WAIT_OBJECT_0, WaitForSingleObject(t, kFireBoundMs)) << i;
-    EXPECT_TRUE(eventually([&] { return periodic.n >= 3; }));
+    EXPECT_TRUE(eventually([&] { return first.n >= 3; }));
+    EXPECT_EQ(0, second.n.load());
     EXPECT_TRUE(CloseHandle(t));
 }
 
 TEST(CWinTimerHandleTest, AbsoluteDueTimeIsRealTimeSinceTheEpoch)
 {
+    static Calls calls;
     HANDLE t = CreateWaitableTimer(nullptr, TRUE, nullptr);
-    // Long past: due at once.
-    ASSERT_TRUE(arm(t, 1, 0));
-    EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(t, kFireBoundMs));
     timespec now;
     clock_gettime(CLOCK_REALTIME, &now);
     ASSERT_TRUE(arm(t, (static_cast<std::int64_t>(now.tv_sec) * 1000000000 + now.tv_nsec) / 100 + 50 * kMs, 0));
     EXPECT_FALSE(timerEvent(t)->signaled());
     EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(t, kFireBoundMs));
+    // Due time 0 is a zero timer value, which disarms; it still counts as
+    // set, so it can be cancelled.
+    for (LONG period : {0, 20}) {
+        EXPECT_TRUE(arm(t, 0, period, &calls));
+        EXPECT_EQ(WAIT_TIMEOUT, WaitForSingleObject(t, 100)) << period;
+        EXPECT_TRUE(CancelWaitableTimer(t));
+    }
+    EXPECT_EQ(0, calls.n.load());
     EXPECT_TRUE(CloseHandle(t));
 }
 
-TEST(CWinTimerHandleTest, DueTimeZeroDisarms)
+TEST(CWinTimerHandleTest, CancelStopsAnArmedTimerOnlyAndEveryCallIsCounted)
 {
     static Calls calls;
-    for (LONG period : {0, 20}) {
-        SCOPED_TRACE(period);
-        HANDLE t = CreateWaitableTimer(nullptr, TRUE, nullptr);
-        EXPECT_TRUE(arm(t, 0, period, &calls));
-        EXPECT_EQ(WAIT_TIMEOUT, WaitForSingleObject(t, 100));
-        EXPECT_EQ(0, calls.n.load());
-        // It counts as set, so it can be cancelled.
-        EXPECT_TRUE(CancelWaitableTimer(t));
-        EXPECT_TRUE(CloseHandle(t));
-    }
-}
-
-TEST(CWinTimerHandleTest, FirstCompletionRoutineStaysInForce)
-{
-    static Calls first, second;
-    HANDLE t = CreateWaitableTimer(nullptr, FALSE, nullptr);
-    ASSERT_TRUE(arm(t, -10000 * kMs, 0, &first));
-    ASSERT_TRUE(arm(t, -20 * kMs, 0, &second));
-    ASSERT_EQ(WAIT_OBJECT_0, WaitForSingleObject(t, kFireBoundMs));
-    EXPECT_TRUE(eventually([&] { return first.n == 1; }));
-    EXPECT_EQ(0, second.n.load());
-    EXPECT_TRUE(CloseHandle(t));
-}
-
-TEST(CWinTimerHandleTest, ResetModeDecidesHowLongExpiryIsSeen)
-{
-    for (BOOL manual : {FALSE, TRUE}) {
-        SCOPED_TRACE(manual ? "manual" : "auto");
-        HANDLE t = CreateWaitableTimer(nullptr, manual, nullptr);
-        ASSERT_TRUE(arm(t, -20 * kMs, 0));
-        ASSERT_EQ(WAIT_OBJECT_0, WaitForSingleObject(t, kFireBoundMs));
-        EXPECT_EQ(manual ? WAIT_OBJECT_0 : WAIT_TIMEOUT, WaitForSingleObject(t, 0));
-        EXPECT_EQ(manual ? WAIT_OBJECT_0 : WAIT_TIMEOUT, WaitForSingleObject(t, 0));
-        // Arming again clears it.
-        ASSERT_TRUE(arm(t, -10000 * kMs, 0));
-        EXPECT_EQ(WAIT_TIMEOUT, WaitForSingleObject(t, 0));
-        EXPECT_TRUE(CloseHandle(t));
-    }
-}
-
-TEST(CWinTimerHandleTest, CancelNeedsAnArmedTimer)
-{
+    TimerStats& s = timerStats();
+    const unsigned create = s.nCallsToCreateTimer, close = s.nCallsToCloseTimer, set = s.nCallsToSetTimer,
+                   cancel = s.nCallsToCancelTimer, elapsed = s.nCallsToElapsedTimer;
     HANDLE t = CreateWaitableTimer(nullptr, TRUE, nullptr);
     EXPECT_FALSE(CancelWaitableTimer(t)) << "never armed";
-    ASSERT_TRUE(arm(t, -10000 * kMs, 0));
-    EXPECT_TRUE(CancelWaitableTimer(t));
+    ASSERT_TRUE(arm(t, -1 * kMs, 1, &calls));
+    ASSERT_TRUE(eventually([&] { return calls.n >= 2; }));
+    ASSERT_TRUE(CancelWaitableTimer(t));
     EXPECT_FALSE(castToWinTimerHandle(t)->hasTimer());
+    EXPECT_FALSE(castToWinTimerHandle(t)->hasThread());
     EXPECT_FALSE(CancelWaitableTimer(t)) << "already cancelled";
-    // Setting again makes a new POSIX timer, which fires.
+    // The event keeps its state through a cancel.
+    EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(t, 0));
+    const int atCancel = calls.n;
+    ResetEvent(castToWinTimerHandle(t)->timerEvent());
+    // Expiries still in flight are dropped; a routine already woken may
+    // still finish its one call.
+    EXPECT_EQ(WAIT_TIMEOUT, WaitForSingleObject(t, 100));
+    EXPECT_LE(calls.n.load(), atCancel + 1);
+    // Setting again makes (and counts) a new POSIX timer, which fires.
     ASSERT_TRUE(arm(t, -20 * kMs, 0));
     EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(t, kFireBoundMs));
-    // The event keeps its state through a cancel.
-    EXPECT_TRUE(CancelWaitableTimer(t));
-    EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(t, 0));
     EXPECT_TRUE(CloseHandle(t));
+    EXPECT_EQ(create + 2, s.nCallsToCreateTimer);
+    EXPECT_EQ(close + 1, s.nCallsToCloseTimer);
+    EXPECT_EQ(set + 2, s.nCallsToSetTimer);
+    EXPECT_EQ(cancel + 1, s.nCallsToCancelTimer);
+    EXPECT_GE(s.nCallsToElapsedTimer, elapsed + 3);
 
     HANDLE ev = CreateEvent(nullptr, FALSE, FALSE, nullptr);
     for (HANDLE notTimer : {ev, HANDLE(nullptr)}) {
         EXPECT_FALSE(CancelWaitableTimer(notTimer));
         EXPECT_FALSE(arm(notTimer, -20 * kMs, 0));
-        EXPECT_EQ(nullptr, castToWinTimerHandle(notTimer));
     }
     CloseHandle(ev);
-}
-
-TEST(CWinTimerHandleTest, CancelStopsAPeriodicTimer)
-{
-    static Calls calls;
-    HANDLE t = CreateWaitableTimer(nullptr, TRUE, nullptr);
-    ASSERT_TRUE(arm(t, -1 * kMs, 1, &calls));
-    ASSERT_TRUE(eventually([&] { return calls.n >= 2; }));
-    ASSERT_TRUE(CancelWaitableTimer(t));
-    EXPECT_FALSE(castToWinTimerHandle(t)->hasThread());
-    const int atCancel = calls.n;
-    ResetEvent(castToWinTimerHandle(t)->timerEvent());
-    // Expiries still in flight are dropped, so nothing sets it again.
-    EXPECT_EQ(WAIT_TIMEOUT, WaitForSingleObject(t, 100));
-    // A routine already woken may still finish its one call.
-    EXPECT_LE(calls.n.load(), atCancel + 1);
-    EXPECT_TRUE(CloseHandle(t));
 }
 
 TEST(CWinTimerHandleTest, FailedSetReleasesWaitersAtOnce)
@@ -223,12 +192,10 @@ TEST(CWinTimerHandleTest, HandlerSignalsOnlyTheTimerNamedInATimerSignal)
     info.si_code = SI_TIMER;
     WinTimerHandler(SIGUSR1, &info, nullptr);
     WinTimerHandler(SIGUSR1, nullptr, nullptr);
-    // Not from a timer: the value is not looked at; a stray SIGUSR1 finds no
-    // timer either.
+    // Stray signals name no timer, whatever their value holds.
     info.si_code = SI_USER;
     info.si_value.sival_ptr = castToWinTimerHandle(t);
     WinTimerHandler(SIGUSR1, &info, nullptr);
-    EXPECT_EQ(0, raise(SIGUSR1));
     EXPECT_EQ(0, kill(getpid(), SIGUSR1));
     EXPECT_EQ(WAIT_TIMEOUT, WaitForSingleObject(t, 50));
     info.si_code = SI_TIMER;
@@ -261,37 +228,7 @@ TEST(CWinTimerHandleTest, ExpiryNeverRunsOnApplicationThreads)
     EXPECT_EQ(0, s_appHandlerCalls);
 }
 
-TEST(CWinTimerHandleTest, CallCountersFollowTheOperations)
-{
-    TimerStats& s = timerStats();
-    const unsigned create = s.nCallsToCreateTimer, close = s.nCallsToCloseTimer, set = s.nCallsToSetTimer,
-                   cancel = s.nCallsToCancelTimer, elapsed = s.nCallsToElapsedTimer;
-    HANDLE t = CreateWaitableTimer(nullptr, TRUE, nullptr);
-    EXPECT_FALSE(CancelWaitableTimer(t));
-    arm(t, -10000 * kMs, 0);
-    CancelWaitableTimer(t);
-    // Re-arming after a cancel creates a POSIX timer again, and counts it.
-    arm(t, -10 * kMs, 0);
-    ASSERT_EQ(WAIT_OBJECT_0, WaitForSingleObject(t, kFireBoundMs));
-    CloseHandle(t);
-    EXPECT_EQ(create + 2, s.nCallsToCreateTimer);
-    EXPECT_EQ(close + 1, s.nCallsToCloseTimer);
-    EXPECT_EQ(set + 2, s.nCallsToSetTimer);
-    EXPECT_EQ(cancel + 1, s.nCallsToCancelTimer);
-    EXPECT_GE(s.nCallsToElapsedTimer, elapsed + 1);
-
-    TimerStats labelled;
-    labelled.nCallsToCreateTimer = 1;
-    labelled.nCallsToCloseTimer = 2;
-    labelled.nCallsToSetTimer = 3;
-    labelled.nCallsToElapsedTimer = 4;
-    labelled.nCallsToCancelTimer = 5;
-    std::ostringstream os;
-    os << labelled;
-    EXPECT_EQ("create calls[1]     close calls[2]\nset    calls[3]  elapsed timers[4]  cancel calls[5]", os.str());
-}
-
-TEST(CWinTimerHandleTest, EachLeakedTimerBeyondSevenIsReportedOnce)
+TEST(CWinTimerHandleTest, LeakReportAndStatsText)
 {
     TimerStats& s = timerStats();
     const unsigned create = s.nCallsToCreateTimer, close = s.nCallsToCloseTimer, threshold = checkStatsThreshold();
@@ -318,6 +255,16 @@ TEST(CWinTimerHandleTest, EachLeakedTimerBeyondSevenIsReportedOnce)
     s.nCallsToCreateTimer += create;
     s.nCallsToCloseTimer += close;
     setCheckStatsThreshold(threshold);
+
+    TimerStats labelled;
+    labelled.nCallsToCreateTimer = 1;
+    labelled.nCallsToCloseTimer = 2;
+    labelled.nCallsToSetTimer = 3;
+    labelled.nCallsToElapsedTimer = 4;
+    labelled.nCallsToCancelTimer = 5;
+    std::ostringstream os;
+    os << labelled;
+    EXPECT_EQ("create calls[1]     close calls[2]\nset    calls[3]  elapsed timers[4]  cancel calls[5]", os.str());
 }
 
 } // namespace
