@@ -357,17 +357,33 @@ long rssKiB()
     return resident * (::sysconf(_SC_PAGESIZE) / 1024);
 }
 
-// Medians by benchmark name, for the summary after the run.
-std::mutex g_summaryMu;
-std::map<std::string, double> g_median;
-// Commands of all threads of a run over the wall time from the first
-// thread's start to the last one's end.
-struct Rate {
-    std::uint64_t commands = 0;
+// Every run of every benchmark, by name, for the summary after the run.
+// Google Benchmark also calls a function while it sizes the run; only the
+// runs with the most commands (the measured one and its repetitions) count.
+struct Run {
+    double medianUs = 0;
+    std::uint64_t commands = 0; // of all threads
     Clock::time_point first = Clock::time_point::max();
     Clock::time_point last = Clock::time_point::min();
+    double perSecond() const { return double(commands) / std::chrono::duration<double>(last - first).count(); }
 };
-std::map<std::string, Rate> g_rate;
+std::mutex g_summaryMu;
+std::map<std::string, std::vector<Run>> g_runs;
+
+// The median over the measured runs of `name` of what `get` gives, or 0.
+template <typename Get>
+double overRuns(const std::string& name, Get get)
+{
+    const auto it = g_runs.find(name);
+    if (it == g_runs.end()) return 0;
+    std::uint64_t most = 0;
+    for (const Run& r : it->second) most = std::max(most, r.commands);
+    std::vector<double> v;
+    for (const Run& r : it->second)
+        if (r.commands == most) v.push_back(get(r));
+    std::sort(v.begin(), v.end());
+    return v.empty() ? 0 : v[v.size() / 2];
+}
 
 double percentile(std::vector<double>& v, double p)
 {
@@ -403,11 +419,11 @@ void timeRoundTrips(benchmark::State& state, RoundTrip roundTrip, const char* na
     state.counters["p99_us"] = benchmark::Counter(p99, benchmark::Counter::kAvgThreads);
     const Clock::time_point ended = Clock::now();
     std::lock_guard<std::mutex> lk(g_summaryMu);
-    if (state.thread_index() == 0) g_median[name] = med;
-    // Google Benchmark runs a function more than once while it sizes the
-    // run; a thread that began after the recorded end is in a later run.
-    Rate& r = g_rate[name];
-    if (began > r.last) r = Rate{};
+    // A thread that began after the last recorded end is in a new run.
+    std::vector<Run>& runs = g_runs[name];
+    if (runs.empty() || began > runs.back().last) runs.emplace_back();
+    Run& r = runs.back();
+    if (state.thread_index() == 0) r.medianUs = med;
     r.commands += us.size();
     r.first = std::min(r.first, began);
     r.last = std::max(r.last, ended);
@@ -576,22 +592,24 @@ void summary()
         {"2.5 MB echo", "raw 2.5 MB echo", 1.5},
         {"2.5 MB, 40 B reply", "raw 2.5 MB, 40 B reply", 0},
     };
-    std::printf("\nMedian round trip against raw TCP of the same frames (same run):\n");
+    std::printf("\nMedian round trip against raw TCP of the same frames (same run; with repetitions,\n"
+                "the median of the runs' medians):\n");
     for (const char* variant : {"library", "library+nodelay"}) {
         for (const Target& t : targets) {
             const std::string lib = std::string(variant) + " " + t.what;
-            if (!g_median.count(lib) || !g_median.count(t.raw) || g_median[t.raw] <= 0) continue;
-            const double ratio = g_median[lib] / g_median[t.raw];
-            std::printf("  %-36s %9.1f us vs %8.1f us = %7.2fx", lib.c_str(), g_median[lib], g_median[t.raw], ratio);
+            const double l = overRuns(lib, [](const Run& r) { return r.medianUs; });
+            const double raw = overRuns(t.raw, [](const Run& r) { return r.medianUs; });
+            if (l <= 0 || raw <= 0) continue;
+            const double ratio = l / raw;
+            std::printf("  %-36s %9.1f us vs %8.1f us = %7.2fx", lib.c_str(), l, raw, ratio);
             if (t.limit > 0) std::printf("  (target <= %.1fx: %s)", t.limit, ratio <= t.limit ? "met" : "MISSED");
             std::printf("\n");
         }
     }
     std::printf("Commands per second, 8 threads at once:\n");
     for (const char* name : {"raw 40 B x8", "library 40 B x8", "library+nodelay 40 B x8"}) {
-        if (!g_rate.count(name)) continue;
-        const Rate& r = g_rate[name];
-        const double perSecond = double(r.commands) / std::chrono::duration<double>(r.last - r.first).count();
+        const double perSecond = overRuns(name, [](const Run& r) { return r.perSecond(); });
+        if (perSecond <= 0) continue;
         std::printf("  %-36s %9.0f /s", name, perSecond);
         if (std::strncmp(name, "library", 7) == 0)
             std::printf("  (target >= 75000: %s)", perSecond >= 75000 ? "met" : "MISSED");
