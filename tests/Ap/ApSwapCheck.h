@@ -3,84 +3,87 @@
 // Checking byte-order conversion against an independent description of a
 // record's layout.
 //
-// A layout is a list of tokens, one per field in declaration order: "2",
-// "4" or "8" for a number of that width (reversed by Swap), "bN" for N bytes
-// that Swap must leave alone (bytes, flags, character arrays). The
-// expected image of a swapped record is computed from the layout alone, so
-// a Swap that forgets a field, converts one with the wrong width, or
-// touches a character array fails the comparison.
+// A layout lists the fields in declaration order: "2", "4" or "8" for a
+// number of that width (reversed by Swap), "bN" for N bytes Swap must leave
+// alone, "P" for a port address (4x4), "T" for a time stamp (4x2). Any
+// item, or a "( ... )" group, may end in "xN" to repeat it N times. The
+// expected image of a swapped record comes from the layout alone, so a Swap
+// that forgets a field, uses the wrong width or touches bytes fails.
 
 #include <gtest/gtest.h>
 
 #include <cstddef>
-#include <cstdint>
 #include <cstring>
-#include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace apcheck {
 
 using Bytes = std::vector<unsigned char>;
+using Fields = std::vector<std::pair<std::size_t, bool>>; // width, reversed
 
-inline std::string b(std::size_t n) { return "b" + std::to_string(n) + " "; }
-inline std::string rep(const std::string& s, int n)
+inline std::size_t number(const std::string& s, std::size_t& i)
 {
-    std::string out;
-    for (int i = 0; i < n; ++i)
-        out += s;
+    std::size_t n = 0;
+    while (i < s.size() && s[i] >= '0' && s[i] <= '9') n = n * 10 + std::size_t(s[i++] - '0');
+    return n;
+}
+
+inline Fields parse(const std::string& s, std::size_t& i)
+{
+    Fields out;
+    while (i < s.size() && s[i] != ')') {
+        Fields one;
+        const char c = s[i];
+        if (c == ' ') {
+            ++i;
+            continue;
+        }
+        if (c == '(') {
+            one = parse(s, ++i);
+            ++i;
+        } else if (c == 'P' || c == 'T') {
+            one.assign(c == 'P' ? 4 : 2, {4, true});
+            ++i;
+        } else if (c == 'b') {
+            one.push_back({number(s, ++i), false});
+        } else {
+            const std::size_t w = number(s, i);
+            if (w != 2 && w != 4 && w != 8) {
+                ADD_FAILURE() << "bad layout item at " << i << ": " << s;
+                return {};
+            }
+            one.push_back({w, true});
+        }
+        std::size_t times = 1;
+        if (i < s.size() && s[i] == 'x') times = number(s, ++i);
+        for (std::size_t k = 0; k < times; ++k) out.insert(out.end(), one.begin(), one.end());
+    }
     return out;
 }
-const std::string U16 = "2 ";
-const std::string U32 = "4 ";
-const std::string U64 = "8 ";
-const std::string F32 = "4 ";
-const std::string PORT_ADDR = rep(U32, 4);
-const std::string TIME_STAMP = U32 + U32;
+
+// Reverses each number of the layout in `bytes`; returns the bytes covered,
+// or -1 if the layout runs past `size`.
+inline long applyLayout(const std::string& layout, unsigned char* bytes, std::size_t size)
+{
+    std::size_t i = 0, at = 0;
+    for (const auto& f : parse(layout, i)) {
+        if (at + f.first > size) return -1;
+        if (f.second)
+            for (std::size_t k = 0; k < f.first / 2; ++k) std::swap(bytes[at + k], bytes[at + f.first - 1 - k]);
+        at += f.first;
+    }
+    return long(at);
+}
 
 // Every byte differs from its neighbours, and no 2-, 4- or 8-byte group
 // reads the same reversed.
 inline Bytes pattern(std::size_t n, unsigned seed = 0)
 {
     Bytes v(n);
-    for (std::size_t i = 0; i < n; ++i)
-        v[i] = static_cast<unsigned char>((i + seed) * 7 + 1);
+    for (std::size_t i = 0; i < n; ++i) v[i] = static_cast<unsigned char>((i + seed) * 7 + 1);
     return v;
-}
-
-// Applies the layout to `bytes` (reversing each number) and returns the
-// number of bytes the layout covers; -1 on a malformed token or overrun.
-inline long applyLayout(const std::string& layout, unsigned char* bytes, std::size_t size)
-{
-    std::istringstream in(layout);
-    std::string tok;
-    std::size_t at = 0;
-    while (in >> tok) {
-        std::size_t width = 0;
-        bool reverse = true;
-        if (tok[0] == 'b') {
-            width = std::stoul(tok.substr(1));
-            reverse = false;
-        } else {
-            width = std::stoul(tok);
-            if (width != 2 && width != 4 && width != 8)
-                return -1;
-        }
-        if (at + width > size)
-            return -1;
-        if (reverse) {
-            for (std::size_t i = 0; i < width / 2; ++i)
-                std::swap(bytes[at + i], bytes[at + width - 1 - i]);
-        }
-        at += width;
-    }
-    return static_cast<long>(at);
-}
-
-inline long layoutSize(const std::string& layout)
-{
-    std::vector<unsigned char> scratch(1 << 17);
-    return applyLayout(layout, scratch.data(), scratch.size());
 }
 
 using SwapFn = int (*)(unsigned char*);
@@ -93,37 +96,29 @@ int swapAs(unsigned char* p)
 
 struct RecordCase {
     const char* name;
-    std::size_t wireSize; // the size the protocol fixes
-    std::size_t actualSize;
+    std::size_t wireSize, actualSize;
     std::string layout;
     SwapFn swap;
 };
 
-template <typename R>
-RecordCase recordCase(const char* name, std::size_t wireSize, const std::string& layout)
-{
-    return RecordCase{name, wireSize, sizeof(R), layout, &swapAs<R>};
-}
+#define AP_RECORD(R, wireSize, layout) ::apcheck::RecordCase{#R, wireSize, sizeof(R), layout, &::apcheck::swapAs<R>}
 
 // Size, one conversion against the layout, and a second conversion back.
 inline void checkRecord(const RecordCase& c)
 {
     SCOPED_TRACE(c.name);
     EXPECT_EQ(c.actualSize, c.wireSize);
-    ASSERT_EQ(layoutSize(c.layout), static_cast<long>(c.actualSize)) << "layout does not cover the record";
-
     const Bytes original = pattern(c.actualSize);
     Bytes expected = original;
-    applyLayout(c.layout, expected.data(), expected.size());
+    ASSERT_EQ(applyLayout(c.layout, expected.data(), expected.size()), long(c.actualSize)) << "layout != record";
 
     Bytes work = original; // heap storage, exactly the record's size
     EXPECT_EQ(c.swap(work.data()), 1);
-    for (std::size_t i = 0; i < work.size(); ++i) {
+    for (std::size_t i = 0; i < work.size(); ++i)
         if (work[i] != expected[i]) {
             ADD_FAILURE() << "first wrong byte at offset " << i;
             break;
         }
-    }
     c.swap(work.data());
     EXPECT_TRUE(work == original) << "converting twice must restore the record";
 }

@@ -22,16 +22,48 @@ using fake_switch::Routed;
 
 namespace {
 
-constexpr int kSenders = 8;
-constexpr int kCommandsEach = 120;
+constexpr int kSenders = 8, kCommandsEach = 120, kStrays = 1500;
 constexpr int kSilent = 4; // the switch that never answers
-constexpr int kStrays = 1500;
 
 std::vector<unsigned char> seqBytes(std::uint32_t seq)
 {
     std::vector<unsigned char> b(4);
     std::memcpy(b.data(), &seq, 4);
     return b;
+}
+
+// One command to a random non-empty subset of switches 1..4; the number of
+// faults found in what came back.
+int sendOne(std::mt19937& rng)
+{
+    const unsigned mask = 1u + rng() % 15u;
+    const bool wantRsp = rng() % 5 != 0;
+    CrCmd cmd;
+    cmd.SetCmdCode(CMD_CONN_PORT);
+    for (int a = 1; a <= 4; ++a)
+        if (mask & (1u << (a - 1))) cmd.SetMsgAddr(a);
+    cmd.SetRspReq(wantRsp);
+    // Answers of live switches are queued before the sender is released, so
+    // even a tiny time-out only ever hits the silent one.
+    cmd.SetRspTimer(cmd.GetMsgAddr().SlaveAddrSet(kSilent) ? 2 : 60000);
+    cmd.Dispatch();
+    int faults = cmd.WaitForRsp() ? 0 : 1;
+    if (!wantRsp) return faults + (cmd.GetRspCount() != 0);
+    int seen[5] = {};
+    const std::vector<unsigned char> seq = seqBytes(std::uint32_t(cmd.GetSeqNbr()));
+    for (CrRsp* r = cmd.GetFirstRsp(); r != nullptr; r = cmd.GetNextRsp()) {
+        const int a = r->GetMsgAddr().GetNextSlaveAddr(0);
+        if (a < 1 || a > 4 || r->GetSeqNbr() != cmd.GetSeqNbr()) {
+            ++faults;
+            continue;
+        }
+        ++seen[a];
+        const RSP_STATUS want = a == kSilent ? RSP_TIME_OUT : RSP_OK;
+        if (r->GetRspStat() != want) ++faults;
+        if (want == RSP_OK && (r->GetSize() != 4 || std::memcmp(r->GetData(), seq.data(), 4) != 0)) ++faults;
+    }
+    for (int a = 1; a <= 4; ++a) faults += seen[a] != (cmd.GetMsgAddr().SlaveAddrSet(a) ? 1 : 0);
+    return faults; // cmd goes out of scope right after its wait
 }
 
 TEST(TrackerStressTest, EveryDestinationEndsWithExactlyOneResponse)
@@ -54,7 +86,6 @@ TEST(TrackerStressTest, EveryDestinationEndsWithExactlyOneResponse)
 
     testing::internal::CaptureStdout(); // orphan and time-out lines by the thousand
     std::thread pump([tracker] { tracker->Run(nullptr); });
-
     std::atomic<bool> sendersDone{false};
     std::thread strays([&] {
         std::mt19937 rng(99);
@@ -67,49 +98,13 @@ TEST(TrackerStressTest, EveryDestinationEndsWithExactlyOneResponse)
             if (i % 64 == 0) std::this_thread::yield();
         }
     });
-
-    std::atomic<int> failures{0};
+    std::atomic<int> faults{0};
     std::vector<std::thread> senders;
-    for (int t = 0; t < kSenders; ++t) {
-        senders.emplace_back([t, &failures] {
+    for (int t = 0; t < kSenders; ++t)
+        senders.emplace_back([t, &faults] {
             std::mt19937 rng(unsigned(t) * 7919u + 1u);
-            for (int i = 0; i < kCommandsEach; ++i) {
-                const unsigned mask = 1u + rng() % 15u; // non-empty subset of 1..4
-                const bool wantRsp = rng() % 5 != 0;
-                CrCmd cmd;
-                cmd.SetCmdCode(CMD_CONN_PORT);
-                for (int a = 1; a <= 4; ++a)
-                    if (mask & (1u << (a - 1))) cmd.SetMsgAddr(a);
-                cmd.SetRspReq(wantRsp);
-                // Answers of live switches are queued before the sender is
-                // released, so even a tiny time-out only ever hits the silent one.
-                cmd.SetRspTimer(cmd.GetMsgAddr().SlaveAddrSet(kSilent) ? 2 : 60000);
-                cmd.Dispatch();
-                if (!cmd.WaitForRsp()) ++failures;
-                if (!wantRsp) {
-                    if (cmd.GetRspCount() != 0) ++failures;
-                    continue;
-                }
-                int seen[5] = {};
-                for (CrRsp* r = cmd.GetFirstRsp(); r != nullptr; r = cmd.GetNextRsp()) {
-                    const int a = r->GetMsgAddr().GetNextSlaveAddr(0);
-                    if (a < 1 || a > 4 || r->GetSeqNbr() != cmd.GetSeqNbr()) {
-                        ++failures;
-                        continue;
-                    }
-                    ++seen[a];
-                    const RSP_STATUS want = a == kSilent ? RSP_TIME_OUT : RSP_OK;
-                    if (r->GetRspStat() != want) ++failures;
-                    if (want == RSP_OK &&
-                        (r->GetSize() != 4 || std::memcmp(r->GetData(), seqBytes(std::uint32_t(cmd.GetSeqNbr())).data(), 4) != 0))
-                        ++failures;
-                }
-                for (int a = 1; a <= 4; ++a)
-                    if (seen[a] != (cmd.GetMsgAddr().SlaveAddrSet(a) ? 1 : 0)) ++failures;
-                // cmd goes out of scope here, right after its wait.
-            }
+            for (int i = 0; i < kCommandsEach; ++i) faults += sendOne(rng);
         });
-    }
     for (auto& s : senders) s.join();
     sendersDone = true;
     strays.join();
@@ -124,7 +119,7 @@ TEST(TrackerStressTest, EveryDestinationEndsWithExactlyOneResponse)
     pump.join();
     testing::internal::GetCapturedStdout();
 
-    EXPECT_EQ(failures.load(), 0);
+    EXPECT_EQ(faults.load(), 0);
     EXPECT_EQ(tracker->PendingCount(), 0u);
     routes.clear();
     delete tracker;

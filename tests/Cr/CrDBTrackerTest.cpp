@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <thread>
@@ -16,8 +17,9 @@
 using fake_switch::FakeSwitch;
 using fake_switch::Frame;
 using fake_switch::Routed;
+using testing::ElementsAre;
+using testing::ElementsAreArray;
 using testing::HasSubstr;
-using testing::Not;
 using testing::internal::CaptureStdout;
 using testing::internal::GetCapturedStdout;
 
@@ -34,7 +36,13 @@ struct Answer {
     int addr;
     RSP_STATUS status;
     int size;
+    bool operator==(const Answer& o) const { return addr == o.addr && status == o.status && size == o.size; }
 };
+
+std::ostream& operator<<(std::ostream& os, const Answer& a)
+{
+    return os << "{" << a.addr << ", " << a.status << ", " << a.size << "}";
+}
 
 std::vector<Answer> answersOf(CrCmd& cmd)
 {
@@ -46,16 +54,6 @@ std::vector<Answer> answersOf(CrCmd& cmd)
         out.push_back({r->GetMsgAddr().GetNextSlaveAddr(0), r->GetRspStat(), r->GetSize()});
     }
     return out;
-}
-
-bool operator==(const Answer& a, const Answer& b)
-{
-    return a.addr == b.addr && a.status == b.status && a.size == b.size;
-}
-
-std::ostream& operator<<(std::ostream& os, const Answer& a)
-{
-    return os << "{" << a.addr << ", " << a.status << ", " << a.size << "}";
 }
 
 struct TrackerTest : testing::Test {
@@ -70,7 +68,10 @@ struct TrackerTest : testing::Test {
     }
     void TearDown() override
     {
-        if (thread.joinable()) stop();
+        if (thread.joinable()) {
+            tracker->SignalShutdown();
+            thread.join();
+        }
         delete tracker;
         UDBControl::ResetStaticsForTest();
         tavro_internal::resetRouteTableSeams();
@@ -79,44 +80,36 @@ struct TrackerTest : testing::Test {
     {
         thread = std::thread([this] { tracker->Run(nullptr); });
     }
-    void stop()
-    {
-        tracker->SignalShutdown();
-        thread.join();
-    }
     // Everything queued so far has been handled once a command to nobody,
     // queued behind it, has passed.
-    void sync()
+    static void sync()
     {
         CrCmd marker;
         marker.SetCmdCode(CMD_CONN_INIT);
         marker.SetMsgAddr(100);
         marker.Dispatch();
     }
-    // A switch that answers every frame with status.
     static void answering(FakeSwitch& sw, RSP_STATUS status, std::vector<unsigned char> data = {})
     {
         sw.reply = [status, data](FakeSwitch& s, const Frame& f) { s.answer(f, status, data); };
     }
-    static CrCmd* command(std::initializer_list<int> dst, int timeoutMs)
+    static std::unique_ptr<CrCmd> command(const std::vector<int>& dst, int timeoutMs, bool rspReq = true)
     {
-        auto* cmd = new CrCmd();
+        std::unique_ptr<CrCmd> cmd(new CrCmd());
         cmd->SetCmdCode(CMD_CONN_PORT);
         for (int a : dst) cmd->SetMsgAddr(a);
-        cmd->SetRspReq(true);
+        cmd->SetRspReq(rspReq);
         cmd->SetRspTimer(timeoutMs);
         return cmd;
     }
 
-    RouteTable api{TCP_SERVER};
-    RouteTable swi{TCP_CLIENT};
-    RouteTable poll{TCP_POLL};
+    RouteTable api{TCP_SERVER}, swi{TCP_CLIENT}, poll{TCP_POLL};
     IoRouter router{&api, &swi, &poll};
     CrTracker* tracker = nullptr;
     std::thread thread;
 };
 
-TEST_F(TrackerTest, MissingAnswersAreMadeUpAsTimeOuts)
+TEST_F(TrackerTest, EveryDestinationEndsWithOneAnswerMissingOnesAsTimeOuts)
 {
     FakeSwitch sw1(1), sw2(2), sw3(3);
     Routed r1(swi, sw1), r2(swi, sw2), r3(swi, sw3);
@@ -124,132 +117,95 @@ TEST_F(TrackerTest, MissingAnswersAreMadeUpAsTimeOuts)
     answering(sw3, RSP_OK);
     const struct {
         std::vector<int> dst;
+        int timeoutMs;
         std::vector<Answer> expected;
     } cases[] = {
-        {{1, 2}, {{1, RSP_ERROR, 2}, {2, RSP_TIME_OUT, 0}}},
-        {{2, 4, 9}, {{2, RSP_TIME_OUT, 0}, {4, RSP_TIME_OUT, 0}, {9, RSP_TIME_OUT, 0}}},
-        {{3, 1, 2}, {{1, RSP_ERROR, 2}, {3, RSP_OK, 0}, {2, RSP_TIME_OUT, 0}}},
+        {{1, 2}, 20, {{1, RSP_ERROR, 2}, {2, RSP_TIME_OUT, 0}}},
+        {{2, 4, 9}, 20, {{2, RSP_TIME_OUT, 0}, {4, RSP_TIME_OUT, 0}, {9, RSP_TIME_OUT, 0}}},
+        {{3, 1, 2}, 20, {{1, RSP_ERROR, 2}, {3, RSP_OK, 0}, {2, RSP_TIME_OUT, 0}}},
+        {{3, 1}, 10000, {{1, RSP_ERROR, 2}, {3, RSP_OK, 0}}}, // complete: the wait ends at once
     };
     start();
     for (const auto& c : cases) {
-        std::unique_ptr<CrCmd> cmd(command({}, 20));
-        for (int a : c.dst) cmd->SetMsgAddr(a);
+        std::unique_ptr<CrCmd> cmd = command(c.dst, c.timeoutMs);
         CaptureStdout();
         cmd->Dispatch();
+        EXPECT_NE(cmd->GetTrackerInfo(), nullptr) << "registered before Dispatch returns";
         EXPECT_TRUE(cmd->WaitForRsp());
         const std::string out = GetCapturedStdout();
-        EXPECT_THAT(answersOf(*cmd), testing::ElementsAreArray(c.expected));
-        EXPECT_THAT(out, HasSubstr("TimeoutAction TIMED OUT WAITING FOR RESPONSE: seqNbr["));
+        EXPECT_THAT(answersOf(*cmd), ElementsAreArray(c.expected));
+        EXPECT_EQ(out.find("TimeoutAction TIMED OUT WAITING FOR RESPONSE: seqNbr[") != std::string::npos,
+                  c.timeoutMs == 20);
         EXPECT_EQ(cmd->GetTrackerInfo(), nullptr);
         EXPECT_EQ(tracker->PendingCount(), 0u);
     }
 }
 
-TEST_F(TrackerTest, CompleteAnswersEndTheWaitWithoutTimeOut)
+TEST_F(TrackerTest, StrayAnswersAreOrphans)
 {
     FakeSwitch sw1(1), sw2(2);
     Routed r1(swi, sw1), r2(swi, sw2);
-    answering(sw1, RSP_OK, {1, 2, 3});
-    answering(sw2, RSP_BUSY);
-    start();
-    CaptureStdout();
-    std::unique_ptr<CrCmd> cmd(command({1, 2}, 10000));
-    cmd->Dispatch();
-    EXPECT_TRUE(cmd->WaitForRsp());
-    EXPECT_THAT(GetCapturedStdout(), Not(HasSubstr("TimeoutAction")));
-    EXPECT_THAT(answersOf(*cmd), testing::ElementsAre(Answer{1, RSP_OK, 3}, Answer{2, RSP_BUSY, 0}));
-    EXPECT_EQ(tracker->PendingCount(), 0u);
-}
-
-TEST_F(TrackerTest, CommandWithoutResponseIsNeverListedAndItsAnswerIsAnOrphan)
-{
-    FakeSwitch sw1(1);
-    Routed r1(swi, sw1);
-    answering(sw1, RSP_OK);
-    start();
-    CaptureStdout();
-    std::unique_ptr<CrCmd> cmd(command({1}, 10000));
-    cmd->SetRspReq(false);
-    cmd->Dispatch();
-    // Dispatch returns after the tracker handled it: nothing was listed.
-    EXPECT_EQ(tracker->PendingCount(), 0u);
-    EXPECT_EQ(cmd->GetTrackerInfo(), nullptr);
-    EXPECT_EQ(sw1.sentCount(), 1u);
-    EXPECT_TRUE(cmd->WaitForRsp());
-    sync();
-    EXPECT_THAT(GetCapturedStdout(), HasSubstr("  Orphan RSP: 2712, Swi: 1, Status: 0\r\n"));
-    EXPECT_EQ(cmd->GetRspCount(), 0);
-}
-
-TEST_F(TrackerTest, SecondAnswerFromOneAddressIsAnOrphan)
-{
-    FakeSwitch sw1(1), sw2(2);
-    Routed r1(swi, sw1), r2(swi, sw2);
-    sw1.reply = [](FakeSwitch& s, const Frame& f) {
-        s.answer(f, RSP_OK);
-        s.answer(f, RSP_BUSY);
-    };
     answering(sw2, RSP_OK);
-    start();
-    CaptureStdout();
-    std::unique_ptr<CrCmd> cmd(command({1, 2}, 10000));
-    cmd->Dispatch();
-    EXPECT_TRUE(cmd->WaitForRsp());
-    const std::string out = GetCapturedStdout();
-    EXPECT_THAT(answersOf(*cmd), testing::ElementsAre(Answer{1, RSP_OK, 0}, Answer{2, RSP_OK, 0}));
-    EXPECT_THAT(out, HasSubstr("  Orphan RSP: 2712, Swi: 1, Status: 7\r\n"));
-    EXPECT_EQ(occurrences(out, "Orphan RSP"), 1);
-}
-
-TEST_F(TrackerTest, OnlyCodeSequenceAndAddressTogetherMatch)
-{
-    FakeSwitch sw1(1);
-    Routed r1(swi, sw1);
-    sw1.reply = [](FakeSwitch&, const Frame& f) {
-        const struct {
-            int codeDelta, seqDelta, addr;
-        } wrong[] = {{1, 0, 1}, {0, 1, 1}, {0, 0, 2}};
-        for (const auto& w : wrong) {
-            auto* rsp = new CrRsp();
-            rsp->SetCmdCode(COMMAND_CODE(f.app.getCmdCode() + w.codeDelta));
-            rsp->SetSeqNbr(int(f.app.getSeqNbr()) + w.seqDelta);
-            rsp->SetMsgAddr(w.addr);
-            CrTracker::getIt()->ReceiveRsp(rsp);
-        }
+    const struct {
+        const char* name;
+        std::vector<int> dst;
+        bool rspReq;
+        int timeoutMs;
+        FakeSwitch::Reply reply;
+        bool lateAnswer; // switch 1 answers after the wait ended
+        std::vector<Answer> expected;
+        std::vector<const char*> orphans;
+    } cases[] = {
+        {"answer to a command that wanted none", {1}, false, 10000,
+         [](FakeSwitch& s, const Frame& f) { s.answer(f, RSP_OK); }, false, {},
+         {"  Orphan RSP: 2712, Swi: 1, Status: 0\r\n"}},
+        {"second answer from one address", {1, 2}, true, 10000,
+         [](FakeSwitch& s, const Frame& f) { s.answer(f, RSP_OK); s.answer(f, RSP_BUSY); }, false,
+         {{1, RSP_OK, 0}, {2, RSP_OK, 0}}, {"  Orphan RSP: 2712, Swi: 1, Status: 7\r\n"}},
+        {"answer after the made-up time-out", {1}, true, 10, nullptr, true, {{1, RSP_TIME_OUT, 0}},
+         {"  Orphan RSP: 2712, Swi: 1, Status: 0\r\n"}},
+        {"only code, sequence and address together match", {1}, true, 20,
+         [](FakeSwitch&, const Frame& f) {
+             const int wrong[][3] = {{1, 0, 1}, {0, 1, 1}, {0, 0, 2}}; // code, sequence, address
+             for (const auto& w : wrong) {
+                 auto* rsp = new CrRsp();
+                 rsp->SetCmdCode(COMMAND_CODE(f.app.getCmdCode() + w[0]));
+                 rsp->SetSeqNbr(int(f.app.getSeqNbr()) + w[1]);
+                 rsp->SetMsgAddr(w[2]);
+                 CrTracker::getIt()->ReceiveRsp(rsp);
+             }
+         },
+         false, {{1, RSP_TIME_OUT, 0}},
+         {"  Orphan RSP: 2713, Swi: 1, Status: 0\r\n", "  Orphan RSP: 2712, Swi: 1, Status: 0\r\n",
+          "  Orphan RSP: 2712, Swi: 2, Status: 0\r\n"}},
     };
     start();
-    CaptureStdout();
-    std::unique_ptr<CrCmd> cmd(command({1}, 20));
-    cmd->Dispatch();
-    EXPECT_TRUE(cmd->WaitForRsp());
-    const std::string out = GetCapturedStdout();
-    EXPECT_THAT(answersOf(*cmd), testing::ElementsAre(Answer{1, RSP_TIME_OUT, 0}));
-    EXPECT_EQ(occurrences(out, "Orphan RSP"), 3);
-    EXPECT_THAT(out, HasSubstr("  Orphan RSP: 2713, Swi: 1, Status: 0\r\n"));
-    EXPECT_THAT(out, HasSubstr("  Orphan RSP: 2712, Swi: 2, Status: 0\r\n"));
-}
-
-TEST_F(TrackerTest, AnswerAfterTheMadeUpOneIsAnOrphan)
-{
-    FakeSwitch sw1(1);
-    Routed r1(swi, sw1);
-    start();
-    CaptureStdout();
-    std::unique_ptr<CrCmd> cmd(command({1}, 10));
-    cmd->Dispatch();
-    EXPECT_TRUE(cmd->WaitForRsp());
-    ASSERT_EQ(sw1.sentCount(), 1u);
-    sw1.answer(sw1.sent()[0], RSP_OK);
-    sync();
-    EXPECT_THAT(GetCapturedStdout(), HasSubstr("  Orphan RSP: 2712, Swi: 1, Status: 0\r\n"));
-    EXPECT_THAT(answersOf(*cmd), testing::ElementsAre(Answer{1, RSP_TIME_OUT, 0}));
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        sw1.reply = c.reply;
+        std::unique_ptr<CrCmd> cmd = command(c.dst, c.timeoutMs, c.rspReq);
+        CaptureStdout();
+        cmd->Dispatch();
+        if (!c.rspReq) {
+            // Dispatch returns after the tracker handled it: nothing was listed.
+            EXPECT_EQ(tracker->PendingCount(), 0u);
+            EXPECT_EQ(cmd->GetTrackerInfo(), nullptr);
+        }
+        EXPECT_TRUE(cmd->WaitForRsp());
+        if (c.lateAnswer) sw1.answer(sw1.sent().back(), RSP_OK);
+        sync();
+        const std::string out = GetCapturedStdout();
+        EXPECT_THAT(answersOf(*cmd), ElementsAreArray(c.expected));
+        EXPECT_EQ(occurrences(out, "Orphan RSP"), int(c.orphans.size()));
+        for (const char* line : c.orphans) EXPECT_THAT(out, HasSubstr(line));
+    }
 }
 
 TEST_F(TrackerTest, AnswerBeforeTheMadeUpOneWins)
 {
     // Driven by hand: the time-out's answer is queued, then the real one is
     // handled before the queue is.
-    std::unique_ptr<CrCmd> cmd(command({1}, 10));
+    std::unique_ptr<CrCmd> cmd = command({1}, 10);
     tracker->ProcessMsg(new TrackerMsg(cmd.get()));
     ASSERT_NE(cmd->GetTrackerInfo(), nullptr);
     CaptureStdout();
@@ -261,7 +217,7 @@ TEST_F(TrackerTest, AnswerBeforeTheMadeUpOneWins)
     sync();
     EXPECT_THAT(GetCapturedStdout(), HasSubstr("  Orphan RSP: 2712, Swi: 1, Status: 3\r\n"));
     EXPECT_TRUE(cmd->WaitForRsp()); // already complete: no second time-out
-    EXPECT_THAT(answersOf(*cmd), testing::ElementsAre(Answer{1, RSP_BUSY, 0}));
+    EXPECT_THAT(answersOf(*cmd), ElementsAre(Answer{1, RSP_BUSY, 0}));
 }
 
 TEST_F(TrackerTest, WithoutTimeLimitTheSenderWaitsForTheAnswer)
@@ -270,7 +226,7 @@ TEST_F(TrackerTest, WithoutTimeLimitTheSenderWaitsForTheAnswer)
     Routed r1(swi, sw1);
     start();
     CaptureStdout();
-    std::unique_ptr<CrCmd> cmd(command({1}, -1));
+    std::unique_ptr<CrCmd> cmd = command({1}, -1);
     std::thread sender([&] {
         cmd->Dispatch();
         cmd->WaitForRsp();
@@ -278,8 +234,8 @@ TEST_F(TrackerTest, WithoutTimeLimitTheSenderWaitsForTheAnswer)
     ASSERT_TRUE(sw1.waitFor(1));
     sw1.answer(sw1.sent()[0], RSP_OK);
     sender.join();
-    EXPECT_THAT(GetCapturedStdout(), Not(HasSubstr("TimeoutAction")));
-    EXPECT_THAT(answersOf(*cmd), testing::ElementsAre(Answer{1, RSP_OK, 0}));
+    EXPECT_THAT(GetCapturedStdout(), testing::Not(HasSubstr("TimeoutAction")));
+    EXPECT_THAT(answersOf(*cmd), ElementsAre(Answer{1, RSP_OK, 0}));
 }
 
 TEST_F(TrackerTest, BadMessagesAreReportedAndDropped)

@@ -9,7 +9,7 @@
 #include "Ap/ApRawStats.h"
 #include "TAVRO/TAVRORawStats.h"
 
-#define SAME_FIELD(pub, priv, field)                                             \
+#define SAME_FIELD(pub, priv, field)                                                \
     static_assert(offsetof(pub, field) == offsetof(priv, field), #field " offset"); \
     static_assert(sizeof(pub::field) == sizeof(priv::field), #field " size")
 
@@ -29,9 +29,9 @@ namespace {
 
 using Bytes = std::vector<unsigned char>;
 
+// Every byte of every counter differs, so a missed or misplaced swap shows.
 std::uint64_t counter(unsigned port, unsigned i, bool tx)
 {
-    // Every byte of every counter differs, so a missed or misplaced swap shows.
     return 0x0102030405060708ull * (port + 1) + (std::uint64_t(i) << 8) + (tx ? 0x8000000000000000ull : 0);
 }
 
@@ -53,9 +53,7 @@ Bytes reply(std::uint16_t entries, std::uint16_t format, bool reversed)
         }
         std::memcpy(out.data() + sizeof head + p * sizeof e, &e, sizeof e);
     }
-    if (reversed) {
-        EXPECT_EQ(int(entries), I_RAW_STATS_REPLY::Swap(out.data(), out.size(), true));
-    }
+    if (reversed) { EXPECT_EQ(int(entries), I_RAW_STATS_REPLY::Swap(out.data(), out.size(), true)); }
     return out;
 }
 
@@ -90,14 +88,12 @@ TEST(TAVRORawStats, RefusesWhatItCannotReadInsteadOfReadingPastTheBlock)
 {
     TAVRO_RAW_STATS_HEAD head{};
     TAVRO_RAW_PORT_STATS e{};
-    struct Case {
+    const struct {
         const char* name;
-        std::uint16_t entries;
-        std::uint16_t format;
+        std::uint16_t entries, format;
         bool reversed;
         int readable; // entries TAVRO_RawStatsEntries reports
-    };
-    const Case cases[] = {
+    } cases[] = {
         {"no entries", 0, TAVRO_RAW_STATS_FORMAT, false, 0},
         {"unknown format", 2, 2, false, -1},
         {"unknown format, reversed", 2, 2, true, -1},
@@ -105,7 +101,7 @@ TEST(TAVRORawStats, RefusesWhatItCannotReadInsteadOfReadingPastTheBlock)
         // 2 reversed reads 0x0200, so only the 2 real entries may be read.
         {"reversed count larger in host order", 2, TAVRO_RAW_STATS_FORMAT, true, 2},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         const Bytes block = reply(c.entries, c.format, c.reversed);
         EXPECT_EQ(c.readable, TAVRO_RawStatsEntries(block.data()));
