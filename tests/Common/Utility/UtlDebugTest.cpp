@@ -24,14 +24,6 @@ namespace {
 
 const char kLog[] = "log/Test.Debug.log";
 
-timeval tv(long s, long us)
-{
-    timeval t{};
-    t.tv_sec = s;
-    t.tv_usec = us;
-    return t;
-}
-
 // The log in unit-test mode, without a day change marker (midnight passing).
 std::string readLog()
 {
@@ -39,13 +31,6 @@ std::string readLog()
     const std::string newDay = "\n[New Day]\n\n";
     for (size_t p; (p = text.find(newDay)) != std::string::npos;) text.erase(p, newDay.size());
     return text;
-}
-
-std::string received(int fd)
-{
-    char buf[256];
-    const ssize_t n = recv(fd, buf, sizeof buf, MSG_DONTWAIT);
-    return n > 0 ? std::string(buf, static_cast<size_t>(n)) : std::string();
 }
 
 class UtlDebugTest : public testing::Test {
@@ -101,11 +86,9 @@ TEST_F(UtlDebugTest, RealTimeStampsFromTheMessagesOwnStamp)
         << got;
     t.tm_mon -= 1;
     t.tm_year -= 1900;
-    const time_t stamp = timegm(&t);
-    const long long stampMs = static_cast<long long>(stamp) * 1000 + ms;
+    const long long stampMs = static_cast<long long>(timegm(&t)) * 1000 + ms;
     EXPECT_GE(stampMs, static_cast<long long>(before.tv_sec) * 1000 + before.tv_usec / 1000);
     EXPECT_LE(stampMs, static_cast<long long>(after.tv_sec) * 1000 + after.tv_usec / 1000);
-
     char line[64];
     std::snprintf(line, sizeof line, "%02d/%02d %02d:%02d:%02d %04u hello\n", t.tm_mon + 1, t.tm_mday, t.tm_hour,
                   t.tm_min, t.tm_sec, static_cast<unsigned>(GetCurrentThreadId()));
@@ -122,14 +105,14 @@ TEST_F(UtlDebugTest, LineFormatFollowsTheStampsDayAndKeepsStreamState)
         const char* text;
         const char* line;
     } steps[] = {
-        {tv(t0, 123456), 42, false, "a\n",
+        {{t0, 123456}, 42, false, "a\n",
          "\n[11/14/2023 22:13:20.123] -- Unknown Application STARTUP\n\n11/14 22:13:20 0042 a\n"},
-        {tv(t0 + 60, 0), 123456, false, "b\n", "11/14 22:14:20 123456 b\n"},
-        {tv(t0 + 86400, 0), 7, false, "c", "\n2023-11-15 \n\n11/15 22:13:20 0007 c"},
-        {tv(t0 + 86400 + 5, 0), 0, false, "", "11/15 22:13:25 0000 "},
-        {tv(t0 + 2 * 86400, 0), 7, true, "d\n", "\n[New Day]\n\n[][] d\n"},
-        {tv(t0 + 2 * 86400, 1), 7, true, "e\n", "[][] e\n"},
-        {tv(t0, 0), 7, false, "f\n", "\n2023-11-14 \n\n11/14 22:13:20 0007 f\n"}, // an earlier day changes too
+        {{t0 + 60, 0}, 123456, false, "b\n", "11/14 22:14:20 123456 b\n"},
+        {{t0 + 86400, 0}, 7, false, "c", "\n2023-11-15 \n\n11/15 22:13:20 0007 c"},
+        {{t0 + 86400 + 5, 0}, 0, false, "", "11/15 22:13:25 0000 "},
+        {{t0 + 2 * 86400, 0}, 7, true, "d\n", "\n[New Day]\n\n[][] d\n"},
+        {{t0 + 2 * 86400, 1}, 7, true, "e\n", "[][] e\n"},
+        {{t0, 0}, 7, false, "f\n", "\n2023-11-14 \n\n11/14 22:13:20 0007 f\n"}, // an earlier day changes too
     };
     debugSetLastDay(0);
     for (const auto& s : steps) {
@@ -193,6 +176,11 @@ TEST_F(UtlDebugTest, ListenersGetTheTextWithoutPrefix)
     first.SetSocket(a[0]);
     second.SetSocket(b[0]);
     sameAsFirst.SetSocket(a[0]);
+    auto received = [](int fd) {
+        char buf[256];
+        const ssize_t n = recv(fd, buf, sizeof buf, MSG_DONTWAIT);
+        return n > 0 ? std::string(buf, static_cast<size_t>(n)) : std::string();
+    };
     UtlDebug* d = UtlDebug::GetTheUtlDebug();
     d->Register(&first);
     d->Register(&first); // no second copy

@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <csignal>
+#include <new>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -33,7 +34,8 @@ std::string text(const T& v)
 std::vector<unsigned int> chainAddresses(addrinfo* chain)
 {
     std::vector<unsigned int> out;
-    for (addrinfo* a = chain; a; a = a->ai_next) out.push_back(reinterpret_cast<sockaddr_in*>(a->ai_addr)->sin_addr.s_addr);
+    for (addrinfo* a = chain; a; a = a->ai_next)
+        out.push_back(reinterpret_cast<sockaddr_in*>(a->ai_addr)->sin_addr.s_addr);
     return out;
 }
 
@@ -63,28 +65,22 @@ TEST(CInaddr, TextForms)
     }
 }
 
-TEST(CSockaddr, KeepsThePortAsGivenAndReadsDescriptors)
+TEST(CSockaddr, KeepsThePortAsGivenAndZeroesTheRest)
 {
-    c_sockaddr sa(AF_INET, c_inaddr("10.0.0.7"), htons(3500));
-    EXPECT_EQ(sa.sin_family, AF_INET);
-    EXPECT_EQ(sa.sin_port, htons(3500));
-    EXPECT_EQ(sa.sin_addr.s_addr, addr(10, 0, 0, 7));
-    const c_sockaddr zero;
-    EXPECT_EQ(std::memcmp(sa.sin_zero, zero.sin_zero, sizeof sa.sin_zero), 0);
-    EXPECT_EQ(text(sa), "10.0.0.7:3500");
-    c_sockaddr copy(static_cast<const sockaddr_in&>(sa));
-    EXPECT_EQ(std::memcmp(&copy, &sa, sizeof sa), 0);
+    sockaddr_in expected;
+    std::memset(&expected, 0, sizeof expected);
+    expected.sin_family = AF_INET;
+    expected.sin_port = htons(3500);
+    expected.sin_addr.s_addr = addr(10, 0, 0, 7);
+    alignas(c_sockaddr) unsigned char raw[sizeof(c_sockaddr)];
+    std::memset(raw, 0xAA, sizeof raw); // garbage the constructor must clear
+    const c_sockaddr* sa = new (raw) c_sockaddr(AF_INET, c_inaddr("10.0.0.7"), htons(3500));
+    EXPECT_EQ(std::memcmp(sa, &expected, sizeof expected), 0);
+    EXPECT_EQ(text(*sa), "10.0.0.7:3500");
 
-    const int fd = socket(AF_INET, SOCK_STREAM, 0);
-    ASSERT_GE(fd, 0);
-    ASSERT_EQ(bind(fd, c_sockaddr(AF_INET, c_inaddr("127.0.0.1"), 0), sizeof(sockaddr_in)), 0);
-    const c_sockaddr local(fd);
-    close(fd);
-    EXPECT_EQ(local.sin_addr.s_addr, addr(127, 0, 0, 1));
-    EXPECT_NE(local.sin_port, 0);
-
+    // A descriptor without an address (the good case: socket tests) leaves it zeroed.
     testing::internal::CaptureStdout();
-    const c_sockaddr bad(-1);
+    const c_sockaddr bad(-1), zero;
     EXPECT_THAT(testing::internal::GetCapturedStdout(), testing::HasSubstr(" : getsockname() failed!"));
     EXPECT_EQ(std::memcmp(&bad, &zero, sizeof zero), 0);
 }
@@ -130,13 +126,13 @@ TEST(AddrInfo, ListsLocalInterfacesWhateverTheName)
     ASSERT_EQ(mygetaddrinfo("ignored", "ignored", nullptr, &chain), 0);
     ASSERT_NE(chain, nullptr);
     EXPECT_EQ(chainAddresses(chain), local);
-    EXPECT_THAT(local, testing::Contains(addr(127, 0, 0, 1)));
     for (addrinfo* a = chain; a; a = a->ai_next) {
         EXPECT_EQ(a->ai_family, AF_INET);
         EXPECT_EQ(a->ai_addrlen, 16u);
         // Only the first entry names itself.
         const sockaddr_in* sin = reinterpret_cast<sockaddr_in*>(a->ai_addr);
-        EXPECT_EQ(a->ai_canonname ? std::string(a->ai_canonname) : "-", a == chain ? text(c_inaddr(sin->sin_addr)) : "-");
+        const std::string name = a == chain ? text(c_inaddr(sin->sin_addr)) : "-";
+        EXPECT_EQ(a->ai_canonname ? std::string(a->ai_canonname) : "-", name);
     }
     addrinfo* other = GetAddrInfo("no-such-host.invalid", AF_INET);
     EXPECT_EQ(chainAddresses(other), local);

@@ -115,13 +115,4 @@ TEST(UtlStreamers, EventTypesAndActionsHaveDistinctNamesOverTheirWholeRange)
     EXPECT_EQ(text(I_EVENT_ACTION_UPDATE_STATUS), "I_EVENT_ACTION_UPDATE_STATUS");
 }
 
-TEST(UtlStreamers, LookupPrefersTheFirstOfDuplicateValues)
-{
-    const UtlCodeName table[] = {{3, "PRIMARY"}, {3, "ALIAS"}, {-7, "NEG"}};
-    EXPECT_STREQ(findCodeName(table, 3, 3), "PRIMARY");
-    EXPECT_STREQ(findCodeName(table, 3, -7), "NEG");
-    EXPECT_EQ(findCodeName(table, 3, 4), nullptr);
-    EXPECT_EQ(findCodeName(table, 0, 3), nullptr);
-}
-
 } // namespace

@@ -60,7 +60,9 @@ TEST(UtlSystem, BuildsCommandLines)
         return [=] { return systemCall(cmd, ip, mode, SYS_CALL_DEBUG_ON_ERROR, "t"); };
     };
     auto chown1 = [](c_inaddr ip, CHANGE_OWNER_MODE m) { return [=] { return changeOwnerToCorvid("/x/y", ip, m); }; };
-    auto chown2 = [](c_inaddr ip, CHANGE_OWNER_MODE m) { return [=] { return changeOwnerToCorvid("/x/", "y", ip, m); }; };
+    auto chown2 = [](c_inaddr ip, CHANGE_OWNER_MODE m) {
+        return [=] { return changeOwnerToCorvid("/x/", "y", ip, m); };
+    };
     const struct {
         std::function<int()> call;
         std::string line;
@@ -182,7 +184,6 @@ TEST(UtlSystem, SplitsIpSwitchText)
 TEST(UtlSysLog, LookupFallbacks)
 {
     EXPECT_STREQ(getSysLogPriorityText(ALARM_PRIORITY_AUDIT_TRAIL_ONLY), "info");
-    EXPECT_EQ(getSysLogFacility(7), 184);
     for (int bad : {-1, 9}) {
         EXPECT_STREQ(getSysLogPriorityText(static_cast<ALARM_PRIORITY>(bad)), "Invalid");
         EXPECT_STREQ(getSysLogFacilityText(bad), "local0");
