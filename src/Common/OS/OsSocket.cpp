@@ -202,6 +202,7 @@ OsSocket& OsSocket::operator=(const OsSocket& other)
 
 void OsSocket::copyStateFrom(const OsSocket& other)
 {
+    descriptorChanged();
     Socket.store(other.Socket.load());
     tcpState.store(other.tcpState.load());
     tcpType = other.tcpType;
@@ -477,6 +478,7 @@ bool OsSocket::PrepareTCPSocket(int backlog)
         setError(errno);
         return false;
     }
+    descriptorChanged();
     Socket = fd;
     disableInheritance(fd, op);
     setLingerOnCloseOffOption(fd, op);
@@ -560,6 +562,7 @@ bool OsSocket::PrepareUDPSocket(int option, const char* interfaceName)
         setError(errno);
         return false;
     }
+    descriptorChanged();
     Socket = fd;
     disableInheritance(fd, op);
     enableOptions(fd, option, op);
@@ -820,6 +823,7 @@ void OsSocket::releaseFd()
 
 void OsSocket::Close()
 {
+    descriptorChanged();
     {
         std::lock_guard<std::mutex> g(fdLock);
         const int fd = Socket.exchange(-1);
@@ -861,6 +865,7 @@ void OsSocket::CloseAllSocketsInContainerAndExit()
 
 void OsSocket::SetSocket(int fd)
 {
+    descriptorChanged();
     Socket = fd;
     if (fd >= 0) {
         errNum = 0;

@@ -10,6 +10,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <memory>
 #include <mutex>
 #include <set>
 #include <string>
@@ -105,6 +106,8 @@ public:
     };
 
     static constexpr unsigned APP_MSG_PIECE = 2048;
+    // Bytes a stream socket's reader takes from the kernel in one recv.
+    static constexpr unsigned READ_AHEAD_SIZE = 64 * 1024;
     static constexpr unsigned MAX_READ_INTERRUPTS = 5;
     static constexpr unsigned MAX_SEND_WOULD_BLOCK = 5;
     static constexpr int TOO_MANY_INTERRUPTS = 98989898;
@@ -293,6 +296,42 @@ private:
     std::mutex fdLock;
     int fdUsers = 0;
     int pendingClose = -1;
+
+    // Bytes a stream socket's reader took from the kernel before anyone
+    // asked for them; they count as waiting on the socket. A recv per
+    // 2048-byte piece costs more than the piece (and every small recv makes
+    // the kernel send a window update), so the reader asks for much more:
+    // - readAhead: one recv of up to READ_AHEAD_SIZE, for headers and small
+    //   bodies; the pieces are copied out of it.
+    // - in place: a body whose rest would not fit in readAhead is received
+    //   straight into the caller's body buffer, up to the body's end; the
+    //   next pieces find their bytes already there. Such bytes live only
+    //   while readFrame runs; a frame left unfinished moves them to
+    //   readAhead (growing it for once), so the stream is never cut.
+    // Only the reader thread touches these. A descriptor change (new,
+    // adopted or closed, from any thread) bumps fdGeneration, and the
+    // reader drops what it held for the old descriptor.
+    std::unique_ptr<char[]> readAhead;
+    unsigned aheadCapacity = 0;
+    unsigned aheadBegin = 0;
+    unsigned aheadEnd = 0;
+    char* placedAt = nullptr;
+    unsigned placedBytes = 0;
+    // While readFrame reads a piece of a body: bytes from the piece's start
+    // to the body's end (else 0).
+    unsigned bodyRoom = 0;
+    unsigned aheadGeneration = 0;
+    std::atomic<unsigned> fdGeneration{0};
+    void descriptorChanged() { fdGeneration.fetch_add(1, std::memory_order_release); }
+    // Bytes held for the current descriptor.
+    unsigned bufferedBytes();
+    // Moves up to len held bytes to buf; the count moved.
+    unsigned takeBuffered(char* buf, unsigned len);
+    void dropBuffered();
+    // Moves bytes received in place into readAhead.
+    void holdPlaced();
+    // Allocates readAhead on first use; false when there is no memory.
+    bool haveReadAhead();
 
     static std::atomic<bool> bProgramTerminating;
 };

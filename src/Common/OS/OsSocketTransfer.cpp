@@ -47,9 +47,13 @@ bool OsSocket::readFrame(ORV_CTL_MSG* ctl, CtlStep ctlStep, ORV_APP_MSG*& app, c
             state = ctlStep();
             count = 0;
             break;
-        case READ_APP_MSG:
-            state = ReadAppMsg(app, ctl->getSize(), count);
+        case READ_APP_MSG: {
+            const unsigned size = ctl->getSize();
+            bodyRoom = count < size ? size - count : 0;
+            state = ReadAppMsg(app, size, count);
+            bodyRoom = 0;
             break;
+        }
         case READ_PURGE: {
             std::string text(name);
             text += ": Purging socket...\n";
@@ -65,6 +69,8 @@ bool OsSocket::readFrame(ORV_CTL_MSG* ctl, CtlStep ctlStep, ORV_APP_MSG*& app, c
         if (state == READ_COMPLETE || state == READ_FAILED) break;
         if (!mayContinue()) break;
     }
+    // A body left unfinished keeps its received rest for the next read.
+    if (placedBytes > 0) holdPlaced();
     if (state != READ_COMPLETE) return false;
     OrvMessageNetworkOrder(ctl, app);
     return true;
@@ -184,6 +190,8 @@ void OsSocket::OrvMessageNetworkOrder(ORV_CTL_MSG* ctl, ORV_APP_MSG* app)
 bool OsSocket::PurgeMessage()
 {
     bSockErr = false;
+    // Bytes already taken ahead were waiting too.
+    dropBuffered();
     int avail = 0;
     {
         FdUse use(*this);
@@ -199,6 +207,81 @@ bool OsSocket::PurgeMessage()
 // ---------------------------------------------------------------------------
 // Primitive waits and reads
 
+void OsSocket::dropBuffered()
+{
+    aheadBegin = aheadEnd = 0;
+    placedAt = nullptr;
+    placedBytes = 0;
+    if (aheadCapacity > READ_AHEAD_SIZE) {
+        readAhead.reset();
+        aheadCapacity = 0;
+    }
+}
+
+unsigned OsSocket::bufferedBytes()
+{
+    const unsigned gen = fdGeneration.load(std::memory_order_acquire);
+    if (gen != aheadGeneration) {
+        aheadGeneration = gen;
+        dropBuffered();
+    }
+    return aheadEnd - aheadBegin + placedBytes;
+}
+
+bool OsSocket::haveReadAhead()
+{
+    if (aheadCapacity == 0) {
+        readAhead.reset(new (std::nothrow) char[READ_AHEAD_SIZE]);
+        if (readAhead) aheadCapacity = READ_AHEAD_SIZE;
+    }
+    return aheadCapacity != 0;
+}
+
+void OsSocket::holdPlaced()
+{
+    if (placedBytes == 0) return;
+    // Bytes lie in place only after the recv that put them there, which
+    // found readAhead empty.
+    if (aheadCapacity < placedBytes) {
+        std::unique_ptr<char[]> bigger(new (std::nothrow) char[placedBytes]);
+        if (!bigger) {
+            // They cannot be kept: the stream is cut, so the socket is done.
+            placedAt = nullptr;
+            placedBytes = 0;
+            setError(ENOMEM);
+            SignalShutdown();
+            return;
+        }
+        readAhead = std::move(bigger);
+        aheadCapacity = placedBytes;
+    }
+    std::memcpy(readAhead.get(), placedAt, placedBytes);
+    aheadBegin = 0;
+    aheadEnd = placedBytes;
+    placedAt = nullptr;
+    placedBytes = 0;
+}
+
+unsigned OsSocket::takeBuffered(char* buf, unsigned len)
+{
+    if (bufferedBytes() == 0) return 0;
+    if (placedBytes > 0 && buf != placedAt) holdPlaced();
+    unsigned n;
+    if (placedBytes > 0) {
+        // Already where the caller wants them.
+        n = placedBytes < len ? placedBytes : len;
+        placedBytes -= n;
+        placedAt = placedBytes > 0 ? placedAt + n : nullptr;
+        return n;
+    }
+    n = aheadEnd - aheadBegin;
+    if (n > len) n = len;
+    std::memcpy(buf, readAhead.get() + aheadBegin, n);
+    aheadBegin += n;
+    if (aheadBegin == aheadEnd) dropBuffered();
+    return n;
+}
+
 bool OsSocket::Read(char* buf, unsigned len, unsigned* got)
 {
     if (bSockErr || tcpState != TCP_INITIALIZED || len == 0 || buf == nullptr || got == nullptr) return false;
@@ -210,6 +293,8 @@ bool OsSocket::Read(char* buf, unsigned len, unsigned* got)
 int OsSocket::waitForReadySocket()
 {
     int n = 0;
+    // Bytes taken ahead are ready without asking the kernel.
+    if (bufferedBytes() > 0 && mayContinue()) n = 1;
     while (n == 0 && mayContinue()) {
         FdUse use(*this);
         const int fd = use.get();
@@ -264,15 +349,41 @@ int OsSocket::readAllData(char* buf, unsigned len, unsigned* got)
         sockLog(os.str());
     }
     if (!mayContinue()) return static_cast<int>(*got);
+    // Held bytes first: they stand for the recv that returned them.
+    *got = takeBuffered(buf, len);
+    ssize_t n = *got;
+    if (*got == len && len > 0) return static_cast<int>(*got);
     const tavro_internal::SocketSeams& seams = tavro_internal::socketSeams();
+    // Datagrams keep one recv per read.
+    const bool stream = tcpType != UDP_SERVICE;
+    const unsigned room = stream && bodyRoom >= len ? bodyRoom : len;
     FdUse use(*this);
-    *got = 0;
     unsigned interrupts = 0;
-    ssize_t n = 0;
     while (*got < len) {
-        n = seams.recvFn(use.get(), buf + *got, len - *got, 0);
+        const unsigned want = len - *got;
+        // Into readAhead, unless what the caller's buffer may take from here
+        // (the rest of the body) is too big for it.
+        const bool ahead = stream && room - *got < READ_AHEAD_SIZE && haveReadAhead();
+        if (ahead) {
+            n = seams.recvFn(use.get(), readAhead.get(), aheadCapacity, 0);
+        } else {
+            n = seams.recvFn(use.get(), buf + *got, room - *got, 0);
+        }
         if (n > 0) {
-            *got += static_cast<unsigned>(n);
+            const unsigned k = static_cast<unsigned>(n) < want ? static_cast<unsigned>(n) : want;
+            if (ahead) {
+                // A descriptor change meanwhile drops the rest at the next look.
+                std::memcpy(buf + *got, readAhead.get(), k);
+                aheadBegin = k;
+                aheadEnd = static_cast<unsigned>(n);
+                if (aheadBegin == aheadEnd) aheadBegin = aheadEnd = 0;
+            } else if (static_cast<unsigned>(n) > k) {
+                placedAt = buf + *got + k;
+                placedBytes = static_cast<unsigned>(n) - k;
+            }
+            *got += k;
+        }
+        if (n > 0) {
             interrupts = 0;
             continue;
         }
@@ -322,8 +433,9 @@ int OsSocket::ReadAvailableBytes(char* buf, unsigned len)
             return -1;
         }
     }
-    if (avail <= 0) return 0;
-    const unsigned want = static_cast<unsigned>(avail) < len ? static_cast<unsigned>(avail) : len;
+    const unsigned waitingNow = bufferedBytes() + static_cast<unsigned>(avail > 0 ? avail : 0);
+    if (waitingNow == 0) return 0;
+    const unsigned want = waitingNow < len ? waitingNow : len;
     unsigned got = 0;
     return readAllData(buf, want, &got);
 }
@@ -347,8 +459,9 @@ int OsSocket::waitForAllData(unsigned n)
             e = errno;
         }
         if (rc != 0) break;
-        if (avail <= 0) return 0;
-        if (static_cast<unsigned>(avail) >= n) return avail;
+        const unsigned waitingNow = bufferedBytes() + static_cast<unsigned>(avail > 0 ? avail : 0);
+        if (waitingNow == 0) return 0;
+        if (waitingNow >= n) return static_cast<int>(waitingNow);
         seams.sleepMs(0);
     }
     errNum = e;
@@ -373,6 +486,7 @@ int OsSocket::waitForAllData(unsigned n)
 bool OsSocket::ReadReady()
 {
     if (bSockErr || tcpState != TCP_INITIALIZED) return false;
+    if (bufferedBytes() > 0) return true;
     int avail = 0;
     int rc;
     int e;

@@ -135,6 +135,54 @@ TEST(FrameStreamStress, WholeStreamAtOnceOverTcp)
     testing::internal::GetCapturedStdout();
 }
 
+// Frames smaller and larger than the read-ahead, written in pseudo-random
+// chunk sizes, so that the read-ahead and the in-place body reads meet every
+// kind of boundary; both readers take turns.
+TEST(FrameStreamStress, RandomChunksAcrossTheReadAhead)
+{
+    SeamGuard seams;
+    const unsigned ahead = OsSocket::READ_AHEAD_SIZE;
+    const Stream s = mixedStream({0, 3, 2021, ahead - 40, ahead - 39, ahead, ahead + 2048, 3 * ahead + 7, 1, 250000});
+    FdPair fds;
+    tcpPair(fds);
+    OsSocket sock;
+    sock.SetSocket(fds.a);
+    fds.a = -1;
+    std::thread peer([&] {
+        std::uint32_t seed = 12345;
+        for (int round = 0; round < 3; ++round)
+            for (std::size_t at = 0; at < s.bytes.size();) {
+                seed = seed * 1103515245u + 12345u;
+                // Mostly small chunks, now and then a large one.
+                const std::size_t chunk = (seed >> 16) % 8 == 0 ? (seed >> 8) % 300000 + 1 : (seed >> 8) % 3000 + 1;
+                const std::size_t n = std::min(chunk, s.bytes.size() - at);
+                if (!writeAll(fds.b, s.bytes.data() + at, n)) return;
+                at += n;
+            }
+    });
+    std::vector<char> body(260000);
+    ORV_CTL_MSG ctl;
+    testing::internal::CaptureStdout();
+    bool allocating = false;
+    for (int round = 0; round < 3; ++round)
+        for (const auto& f : s.frames) {
+            SCOPED_TRACE(f.seqNbr);
+            allocating = !allocating;
+            if (allocating) {
+                ORV_APP_MSG* app = nullptr;
+                ASSERT_TRUE(sock.GetOrvMessageWithAppMsgMemAlloc(&ctl, app));
+                expectFrame(ctl, reinterpret_cast<char*>(app), f);
+                delete[] reinterpret_cast<char*>(app);
+            } else {
+                ASSERT_TRUE(sock.GetOrvMessage(&ctl, reinterpret_cast<ORV_APP_MSG*>(body.data()),
+                                               static_cast<unsigned>(body.size())));
+                expectFrame(ctl, body.data(), f);
+            }
+        }
+    peer.join();
+    testing::internal::GetCapturedStdout();
+}
+
 // Several threads send whole frames through one socket at once; the peer
 // reads them with the frame reader and checks every byte, so an interleaved
 // chain shows up as a bad header or a wrong payload.

@@ -150,30 +150,97 @@ TEST_F(ReaderFixture, FramesInBothByteOrdersAreReadIntoHostOrder)
     }
 }
 
-TEST_F(ReaderFixture, HeaderOnlyFrameCompletesWithEmptyPayload)
+// The reader asks for the header, then for the body in pieces of at most
+// 2048 bytes (the CONNECT bit traces each request); a frame that is all
+// waiting still costs a single recv.
+TEST_F(ReaderFixture, BodyIsRequestedInPiecesOf2048)
 {
-    open();
-    g_recvLens.clear();
-    tavro_internal::socketSeams().recvFn = recordingRecv;
-    FrameSpec f;
-    f.order = hostOrder();
-    ASSERT_TRUE(writeAll(fds.b, buildFrame(f)));
-    ASSERT_TRUE(get());
-    expectFrame(ctl, body.data(), f);
-    EXPECT_EQ(g_recvLens, (std::vector<size_t>{12, 28}));
+    struct Case {
+        std::uint32_t payload;
+        std::vector<unsigned> requests;
+    };
+    const std::vector<Case> cases = {
+        {0, {12, 28}},
+        {2048 - 28, {12, 2048}},
+        {5000 - 28, {12, 2048, 2048, 904}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.payload);
+        FdPair local;
+        unixPair(local);
+        OsSocket s;
+        s.SetSocket(local.a);
+        local.a = -1;
+        FrameSpec f;
+        f.order = hostOrder();
+        f.payload = c.payload;
+        ASSERT_TRUE(writeAll(local.b, buildFrame(f)));
+        g_recvLens.clear();
+        tavro_internal::socketSeams().recvFn = recordingRecv;
+        socketTraceFeature().SetMask(SOCK_TRACE_CONNECT);
+        TraceCapture cap;
+        std::vector<char> buf(kBuf);
+        ORV_CTL_MSG hdr;
+        ASSERT_TRUE(s.GetOrvMessage(&hdr, reinterpret_cast<ORV_APP_MSG*>(buf.data()), kBuf));
+        const std::string out = cap.text();
+        expectFrame(hdr, buf.data(), f);
+        std::string want;
+        for (unsigned n : c.requests) want += "readAllData: IP[0.0.0.0] nRequestedBytes[" + std::to_string(n) + "]\n";
+        EXPECT_EQ(out, want);
+        EXPECT_EQ(g_recvLens.size(), 1u);
+    }
 }
 
-TEST_F(ReaderFixture, BodyIsReadInPiecesOf2048)
+TEST_F(ReaderFixture, WaitingFramesShareOneRecv)
 {
     open();
+    std::string stream;
+    std::vector<FrameSpec> frames;
+    for (std::uint32_t i = 0; i < 300; ++i) {
+        FrameSpec f;
+        f.seqNbr = i;
+        f.tag = i;
+        f.payload = i % 7;
+        f.order = (i % 2) ? Order::Big : Order::Little;
+        frames.push_back(f);
+        stream += buildFrame(f);
+    }
+    ASSERT_LT(stream.size(), OsSocket::READ_AHEAD_SIZE);
+    ASSERT_TRUE(writeAll(fds.b, stream));
     g_recvLens.clear();
     tavro_internal::socketSeams().recvFn = recordingRecv;
+    for (const auto& f : frames) {
+        ASSERT_TRUE(get());
+        expectFrame(ctl, body.data(), f);
+    }
+    EXPECT_EQ(g_recvLens.size(), 1u);
+    EXPECT_FALSE(sock->ReadReady()); // nothing held back
+}
+
+// A body larger than the read-ahead is received straight into the caller's
+// buffer, as much of it as waits, never past the body's end.
+TEST_F(ReaderFixture, LargeBodyIsReceivedInPlace)
+{
+    open();
+    const int big = 1 << 20;
+    ASSERT_EQ(::setsockopt(fds.b, SOL_SOCKET, SO_SNDBUF, &big, sizeof big), 0);
     FrameSpec f;
-    f.payload = 5000 - 28;
-    ASSERT_TRUE(writeAll(fds.b, buildFrame(f)));
+    f.payload = 200000;
+    FrameSpec next;
+    next.payload = 5;
+    next.tag = 3;
+    const std::string frame = buildFrame(f);
+    ASSERT_TRUE(writeAll(fds.b, frame + buildFrame(next)));
+    g_recvLens.clear();
+    tavro_internal::socketSeams().recvFn = recordingRecv;
+    std::vector<char> buf(frame.size());
+    ASSERT_TRUE(sock->GetOrvMessage(&ctl, reinterpret_cast<ORV_APP_MSG*>(buf.data()), frame.size()));
+    expectFrame(ctl, buf.data(), f);
     ASSERT_TRUE(get());
-    expectFrame(ctl, body.data(), f);
-    EXPECT_EQ(g_recvLens, (std::vector<size_t>{12, 2048, 2048, 904}));
+    expectFrame(ctl, body.data(), next);
+    const std::vector<size_t> want = {OsSocket::READ_AHEAD_SIZE, frame.size() - OsSocket::READ_AHEAD_SIZE,
+                                      OsSocket::READ_AHEAD_SIZE};
+    EXPECT_EQ(g_recvLens, want);
 }
 
 TEST_F(ReaderFixture, LinkTestHeadersAreSkippedWithoutPurging)
@@ -272,6 +339,8 @@ TEST_F(ReaderFixture, BadHeadersArePurgedAndTheNextFrameIsRead)
             writeAll(local.b, c.bad);
             // The good frame must arrive after the purge sampled the input.
             if (waitPurges(1)) writeAll(local.b, buildFrame(good));
+            // A reader that lost its place fails at the end instead of waiting.
+            local.closeB();
         });
         TraceCapture cap;
         std::vector<char> buf(kBuf);
@@ -309,6 +378,78 @@ TEST_F(ReaderFixture, AllocatingReaderNamesItselfWhenPurging)
     expectFrame(ctl, reinterpret_cast<char*>(app), good);
     delete[] reinterpret_cast<char*>(app);
     EXPECT_EQ(countOf(out, "GetOrvMessageWithAppMsgMemAlloc: Purging socket...\n"), 1u) << out;
+}
+
+// Stops the program after the first recv into a body buffer.
+ssize_t terminatingRecv(int fd, void* buf, size_t len, int flags)
+{
+    const ssize_t n = ::recv(fd, buf, len, flags);
+    if (len > OsSocket::READ_AHEAD_SIZE) OsSocket::setProgramTerminating(true);
+    return n;
+}
+
+// A frame left unfinished (here: the program stops between two pieces)
+// must not lose the bytes already received for the rest of its body: the
+// next read continues the stream exactly where the kernel would have.
+TEST_F(ReaderFixture, UnfinishedBodyKeepsItsRestForTheNextRead)
+{
+    open();
+    const int big = 1 << 20;
+    ASSERT_EQ(::setsockopt(fds.b, SOL_SOCKET, SO_SNDBUF, &big, sizeof big), 0);
+    FrameSpec f;
+    f.payload = 200000;
+    const std::string frame = buildFrame(f);
+    ASSERT_TRUE(writeAll(fds.b, frame));
+    ASSERT_EQ(waiting(sock->GetSocket()), static_cast<int>(frame.size()));
+    tavro_internal::socketSeams().recvFn = terminatingRecv;
+    std::vector<char> buf(frame.size());
+    EXPECT_FALSE(sock->GetOrvMessage(&ctl, reinterpret_cast<ORV_APP_MSG*>(buf.data()), frame.size()));
+    OsSocket::setProgramTerminating(false);
+    tavro_internal::socketSeams().recvFn = recordingRecv;
+    g_recvLens.clear();
+
+    // Everything was received; more than a read-ahead's worth is held.
+    EXPECT_EQ(waiting(sock->GetSocket()), 0);
+    const int held = sock->waitForAllData(1);
+    ASSERT_GT(held, static_cast<int>(OsSocket::READ_AHEAD_SIZE));
+    EXPECT_TRUE(sock->ReadReady());
+    std::string rest(static_cast<std::size_t>(held), '\0');
+    unsigned got = 0;
+    EXPECT_EQ(sock->readAllData(&rest[0], static_cast<unsigned>(held), &got), held);
+    EXPECT_TRUE(rest == frame.substr(frame.size() - static_cast<std::size_t>(held))) << "stream cut";
+    EXPECT_TRUE(g_recvLens.empty());
+
+    FrameSpec next;
+    next.payload = 9;
+    next.tag = 4;
+    ASSERT_TRUE(writeAll(fds.b, buildFrame(next)));
+    ASSERT_TRUE(get());
+    expectFrame(ctl, body.data(), next);
+}
+
+TEST_F(ReaderFixture, NewDescriptorDropsBytesHeldForTheOldOne)
+{
+    open();
+    FrameSpec first, stale, fresh;
+    first.tag = 1;
+    stale.tag = 2;
+    stale.seqNbr = 2;
+    fresh.tag = 3;
+    fresh.seqNbr = 3;
+    fresh.payload = 12;
+    ASSERT_TRUE(writeAll(fds.b, buildFrame(first) + buildFrame(stale)));
+    ASSERT_TRUE(get());
+    expectFrame(ctl, body.data(), first);
+    ASSERT_TRUE(sock->ReadReady()); // the second frame is held
+
+    FdPair other;
+    unixPair(other);
+    sock->SetSocket(other.a);
+    other.a = -1;
+    EXPECT_FALSE(sock->ReadReady());
+    ASSERT_TRUE(writeAll(other.b, buildFrame(fresh)));
+    ASSERT_TRUE(get());
+    expectFrame(ctl, body.data(), fresh);
 }
 
 // --- the peer goes away ------------------------------------------------------
@@ -504,14 +645,21 @@ TEST_F(ReaderFixture, PurgeClearsTheStickyErrorAndDiscardsWhatWaits)
 TEST_F(ReaderFixture, PurgeDiscardsEverythingWaiting)
 {
     open();
+    // Some bytes already taken ahead by a read, more still in the kernel.
+    ASSERT_TRUE(writeAll(fds.b, std::string(100, 'h')));
+    char c[10];
+    unsigned got = 0;
+    ASSERT_TRUE(sock->Read(c, sizeof c, &got));
     ASSERT_TRUE(writeAll(fds.b, std::string(5000, 'p')));
+    EXPECT_EQ(sock->waitForAllData(1), 90 + 5000);
     EXPECT_TRUE(sock->PurgeMessage());
     EXPECT_EQ(waiting(sock->GetSocket()), 0);
     EXPECT_FALSE(sock->ReadReady());
+    EXPECT_EQ(sock->waitForAllData(1), 0);
     EXPECT_TRUE(sock->PurgeMessage()); // nothing waiting is fine too
 }
 
-TEST_F(ReaderFixture, ReadReadyAndWaitForAllDataReportFionread)
+TEST_F(ReaderFixture, ReadReadyAndWaitForAllDataReportWhatWaits)
 {
     open();
     EXPECT_FALSE(sock->ReadReady());
@@ -522,7 +670,14 @@ TEST_F(ReaderFixture, ReadReadyAndWaitForAllDataReportFionread)
     char buf[16];
     EXPECT_EQ(sock->ReadAvailableBytes(buf, 4), 4);
     EXPECT_EQ(std::string(buf, 4), "abcd");
-    EXPECT_EQ(sock->ReadAvailableBytes(buf, sizeof buf), 2);
+    // The kernel has nothing left; the two bytes taken ahead still wait.
+    EXPECT_EQ(waiting(sock->GetSocket()), 0);
+    EXPECT_TRUE(sock->ReadReady());
+    EXPECT_EQ(sock->waitForAllData(2), 2);
+    ASSERT_TRUE(writeAll(fds.b, "gh"));
+    EXPECT_EQ(sock->waitForAllData(4), 4);
+    EXPECT_EQ(sock->ReadAvailableBytes(buf, sizeof buf), 4);
+    EXPECT_EQ(std::string(buf, 4), "efgh");
 
     socketTraceFeature().SetMask(SOCK_TRACE_INTERRUPT);
     g_failErrno = EBADF;
