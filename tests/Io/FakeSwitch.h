@@ -4,6 +4,7 @@
 // hands it and, if told to, answers through the tracker as a session would.
 #include <pthread.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -31,8 +32,7 @@ struct Frame {
 
     std::vector<unsigned char> payload() const
     {
-        if (bytes.size() <= 40) return {};
-        return std::vector<unsigned char>(bytes.begin() + 40, bytes.end());
+        return std::vector<unsigned char>(bytes.begin() + std::min<long>(40, long(bytes.size())), bytes.end());
     }
 };
 
@@ -49,16 +49,15 @@ public:
     {
         Frame f;
         for (TCP_BD* bd = chain; bd != nullptr; bd = bd->pNextBD) {
-            ++f.pieces;
-            if (f.pieces == 3) f.payloadPiece = bd->pBuf;
+            if (++f.pieces == 3) f.payloadPiece = bd->pBuf;
             const auto* p = static_cast<const unsigned char*>(bd->pBuf);
             if (p != nullptr && bd->size > 0) f.bytes.insert(f.bytes.end(), p, p + bd->size);
         }
         if (f.bytes.size() >= 40) {
             std::memcpy(static_cast<void*>(&f.ctl), f.bytes.data(), 12);
             std::memcpy(static_cast<void*>(&f.app), f.bytes.data() + 12, 28);
-            if (f.ctl.marker == __builtin_bswap32(std::uint32_t(ORV_MSG_MARKER))) {
-                f.reversed = true;
+            f.reversed = f.ctl.marker == __builtin_bswap32(std::uint32_t(ORV_MSG_MARKER));
+            if (f.reversed) {
                 f.ctl.fromNetwork();
                 f.app.fromNetwork();
             }
@@ -89,11 +88,7 @@ public:
         std::lock_guard<std::mutex> g(lock);
         return frames;
     }
-    std::size_t sentCount()
-    {
-        std::lock_guard<std::mutex> g(lock);
-        return frames.size();
-    }
+    std::size_t sentCount() { return sent().size(); }
     // Waits (bounded generously) until n frames have arrived.
     bool waitFor(std::size_t n)
     {
@@ -116,7 +111,7 @@ private:
 class Routed {
 public:
     Routed(RouteTable& table, FakeSwitch& sw, const char* ip = nullptr)
-        : table(table), ip(ip ? c_inaddr(ip) : c_inaddr(("10.0.0." + std::to_string(sw.id)).c_str())), id(sw.id)
+        : table(table), ip(c_inaddr(ip ? std::string(ip) : "10.0.0." + std::to_string(sw.id))), id(sw.id)
     {
         sw.setMyThread(pthread_self());
         table.AddRoute(this->ip, id, &sw);

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <memory>
 #include <thread>
@@ -38,7 +39,7 @@ struct RouterTest : testing::Test {
         UDBControl::ResetStaticsForTest();
         tavro_internal::resetRouteTableSeams();
     }
-    // Sends a CMD_CONN_PORT command or response to switch 1, set up by f.
+    // Sends a CMD_CONN_PORT command or response to switch 1, set up further by f.
     template <typename F>
     int send(bool response, F f)
     {
@@ -133,14 +134,10 @@ TEST_F(RouterTest, EachDestinationIsTriedAndAnyTakerMeansSuccess)
         for (int id : c.routed) routes.emplace_back(new Routed(swi, id == 1 ? sw1 : sw3));
         for (int id : c.failing) (id == 1 ? sw1 : sw3).sendResult = false;
         const unsigned noRouteBefore = tavro_internal::netSocketHdlNoRouteCount();
-        CrCmd cmd;
-        cmd.SetCmdCode(CMD_CONN_PORT);
-        cmd.SetMsgAddr(addrs(c.to));
-        EXPECT_EQ(router.SendCmd(&cmd), c.result);
+        auto to = [&](Message& m) { m.SetMsgAddr(addrs(c.to)); };
+        EXPECT_EQ(send(false, to), c.result);
         if (c.to.empty()) {
-            CrRsp rsp;
-            rsp.SetCmdCode(CMD_CONN_PORT);
-            EXPECT_EQ(router.SendRsp(&rsp), 3);
+            EXPECT_EQ(send(true, to), 3);
         }
         EXPECT_EQ(sw1.sentCount(), c.frames1);
         EXPECT_EQ(sw3.sentCount(), c.frames3);
@@ -211,60 +208,29 @@ TEST_F(RouterTest, ClientAddressSendsEveryDestinationThroughThatRoute)
 
 // ------------------------------------------------------------ event loop
 
-API_EVENT_PKT samplePacket()
+// Runs an event router over the events until done() returns, with logons as
+// the logon list; it is made after a control block, whose eventlock it takes.
+template <typename F>
+void runEvents(RouterTest& t, LogonList* logons, const std::vector<std::vector<unsigned char>>& events, F done)
 {
-    API_EVENT_PKT pkt;
-    std::memset(static_cast<void*>(&pkt), 0, sizeof pkt);
-    pkt.hdr.apiHdr.iCategory = 5;
-    pkt.hdr.iDataSize = 1234;
-    return pkt;
-}
-
-std::vector<unsigned char> bytesOf(const void* p, std::size_t n = sizeof(API_EVENT_PKT))
-{
-    const auto* b = static_cast<const unsigned char*>(p);
-    return std::vector<unsigned char>(b, b + n);
-}
-
-struct EventLoopTest : RouterTest {
-    void SetUp() override
-    {
-        RouterTest::SetUp();
-        CaptureStdout();
-        ctl.reset(new UDBControl(&parm, UDBControl::SKIP_PREPARE));
-        GetCapturedStdout();
-        UDBControl::InsertClassRef(SMN_LOGON_CTL, &logons);
-        loop = new IoRouter(&api, &swi, &poll); // after the control block: it takes its eventlock
-    }
-    void start()
-    {
-        thread = std::thread([this] { loop->Run(nullptr); });
-    }
-    void stop()
-    {
-        loop->SignalShutdown();
-        thread.join();
-        delete loop; // frees whatever the loop did not take
-        loop = nullptr;
-    }
-    void TearDown() override
-    {
-        if (loop != nullptr) stop();
-        ctl.reset();
-        RouterTest::TearDown();
-    }
-
     SYS_PARM parm;
-    std::unique_ptr<UDBControl> ctl;
-    LogonList logons;
-    IoRouter* loop = nullptr;
-    std::thread thread;
-};
+    CaptureStdout();
+    UDBControl ctl(&parm, UDBControl::SKIP_PREPARE);
+    GetCapturedStdout();
+    UDBControl::InsertClassRef(SMN_LOGON_CTL, logons);
+    std::unique_ptr<IoRouter> loop(new IoRouter(&t.api, &t.swi, &t.poll));
+    for (auto e : events) loop->SendEvent(e.data(), int(e.size()));
+    std::thread thread([&] { loop->Run(nullptr); });
+    done();
+    loop->SignalShutdown();
+    thread.join();
+}
 
-TEST_F(EventLoopTest, BroadcastsPaddedEventsInBothOrdersAndKeepsCopiesForLogonsInProgress)
+TEST_F(RouterTest, EventsGoOutPaddedInBothOrdersWithCopiesForLogonsInProgress)
 {
     FakeSwitch hostClient(1), netClient(2);
     Routed r1(api, hostClient), r2(api, netClient);
+    LogonList logons;
     logons.SetBroadcastEndian(false, addrs({1}));
     logons.SetBroadcastEndian(true, addrs({2}));
     auto* waiting = new LogonCtl;
@@ -275,48 +241,39 @@ TEST_F(EventLoopTest, BroadcastsPaddedEventsInBothOrdersAndKeepsCopiesForLogonsI
     auto* done = new LogonCtl;
     logons.Logons() = {waiting, telnet, done};
 
-    API_EVENT_PKT pkt = samplePacket();
-    API_EVENT_PKT swapped = samplePacket();
-    swapped.Swap();
-    const unsigned char shortEvent[10] = {9, 8, 7, 6, 5, 4, 3, 2, 1, 0};
-    std::vector<unsigned char> padded(sizeof(API_EVENT_PKT), 0);
-    std::memcpy(padded.data(), shortEvent, sizeof shortEvent);
-    start();
-    EXPECT_EQ(loop->SendEvent(&pkt, sizeof pkt), 0);
-    loop->SendEvent(const_cast<unsigned char*>(shortEvent), sizeof shortEvent);
-    ASSERT_TRUE(hostClient.waitFor(2));
-    ASSERT_TRUE(netClient.waitFor(2));
-    stop();
-
+    API_EVENT_PKT pkt;
+    std::memset(static_cast<void*>(&pkt), 0, sizeof pkt);
+    pkt.hdr.apiHdr.iCategory = 5;
+    pkt.hdr.iDataSize = 1234;
+    const auto* p = reinterpret_cast<const unsigned char*>(&pkt);
+    const std::vector<unsigned char> whole(p, p + sizeof pkt), shortEvent = {9, 8, 7, 6, 5, 4, 3, 2, 1, 0};
+    std::vector<unsigned char> padded(sizeof pkt, 0);
+    std::copy(shortEvent.begin(), shortEvent.end(), padded.begin());
+    runEvents(*this, &logons, {whole, shortEvent}, [&] {
+        ASSERT_TRUE(hostClient.waitFor(2));
+        ASSERT_TRUE(netClient.waitFor(2));
+    });
     const Frame h = hostClient.sent()[0];
     EXPECT_FALSE(h.reversed);
     EXPECT_EQ(h.app.getCmdCode(), CMD_API_EVENT);
     EXPECT_EQ(h.app.getCmdControl(), CMD_WITHOUT_RSP);
-    EXPECT_EQ(h.payload(), bytesOf(&pkt));
+    EXPECT_EQ(h.payload(), whole);
     EXPECT_EQ(hostClient.sent()[1].payload(), padded);
-    const Frame n = netClient.sent()[0];
-    EXPECT_TRUE(n.reversed);
-    EXPECT_EQ(n.payload(), bytesOf(&swapped));
-
+    pkt.Swap();
+    EXPECT_TRUE(netClient.sent()[0].reversed);
+    EXPECT_EQ(netClient.sent()[0].payload(), std::vector<unsigned char>(p, p + sizeof pkt));
     ASSERT_EQ(waiting->pendingEvents.size(), 2u);
-    EXPECT_EQ(bytesOf(waiting->pendingEvents.front()), bytesOf(&pkt));
-    EXPECT_EQ(bytesOf(waiting->pendingEvents.back()), padded);
+    const auto* first = reinterpret_cast<const unsigned char*>(waiting->pendingEvents.front());
+    const auto* second = reinterpret_cast<const unsigned char*>(waiting->pendingEvents.back());
+    EXPECT_EQ(std::vector<unsigned char>(first, first + sizeof pkt), whole);
+    EXPECT_EQ(std::vector<unsigned char>(second, second + sizeof pkt), padded);
     EXPECT_TRUE(telnet->pendingEvents.empty());
     EXPECT_TRUE(done->pendingEvents.empty());
-}
 
-TEST_F(EventLoopTest, WithoutLogonsEventsAreOnlyConsumedAndLeftoversFreed)
-{
-    UDBControl::InsertClassRef(SMN_LOGON_CTL, nullptr);
-    FakeSwitch client(1);
-    Routed r(api, client);
-    API_EVENT_PKT pkt = samplePacket();
-    for (int i = 0; i < 3; ++i) loop->SendEvent(&pkt, sizeof pkt);
-    // Whatever the loop takes before it stops is consumed, the rest is freed
-    // with the router: the leak checker of the sanitizer build has the last word.
-    start();
-    stop();
-    EXPECT_EQ(client.sentCount(), 0u);
+    // Without a logon list events are only consumed; those the loop did not
+    // take are freed with it (the sanitizer build's leak checker has the last word).
+    runEvents(*this, nullptr, {whole, whole, whole}, [] {});
+    EXPECT_EQ(hostClient.sentCount(), 2u);
 }
 
 } // namespace

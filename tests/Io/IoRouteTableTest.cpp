@@ -5,7 +5,7 @@
 #include <chrono>
 #include <functional>
 #include <future>
-#include <memory>
+#include <deque>
 #include <vector>
 
 #include "Io/IoDBRouter.h"
@@ -38,7 +38,7 @@ std::string traced(F f)
 
 struct Routes : testing::Test {
     RouteTable swi{TCP_CLIENT}, api{TCP_SERVER}, poll{TCP_POLL};
-    std::vector<std::unique_ptr<FakeEntry>> entries;
+    std::deque<FakeEntry> entries;
 
     void SetUp() override
     {
@@ -58,20 +58,16 @@ struct Routes : testing::Test {
         tavro_internal::routeTableSeams().maxDrainWaits = 0;
         for (bool again = true; again;) {
             again = false;
-            for (auto& e : entries)
-                if (NET_SOCKET* r = e->getNetSocket()) {
+            for (FakeEntry& e : entries)
+                if (NET_SOCKET* r = e.getNetSocket()) {
                     RouteTable& t = r->type == TCP_SERVER ? api : r->type == TCP_POLL ? poll : swi;
-                    e->ownedByThisThread();
+                    e.ownedByThisThread();
                     traced([&] { again |= t.DeleteRoute(r->ipAddr, r->id, r) == 1; });
                 }
         }
         tavro_internal::resetRouteTableSeams();
     }
-    FakeEntry& make(int id, bool active = true)
-    {
-        entries.emplace_back(new FakeEntry(id, active));
-        return *entries.back();
-    }
+    FakeEntry& make(int id, bool active = true) { return entries.emplace_back(id, active); }
 };
 
 } // namespace
@@ -111,7 +107,7 @@ TEST_F(Routes, LogLinesOfAddingAndRemovingPerTable)
 
     // Own removals by address, by number (logged with the number), from the
     // API table, and an own route replaced by a duplicate add.
-    for (auto& e : entries) e->ownedByThisThread();
+    for (FakeEntry& e : entries) e.ownedByThisThread();
     EXPECT_EQ(traced([&] {
                   EXPECT_EQ(swi.DeleteRoute(kIp, 3, plain.getNetSocket()), 1);
                   EXPECT_EQ(swi.DeleteRoute(4), 1);

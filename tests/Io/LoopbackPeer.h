@@ -1,18 +1,16 @@
 #pragma once
 
-// A switch end written with plain sockets and explicit byte packing, sharing
-// nothing with the library's framing code: what it reads and writes is what
-// is on the wire.
+// The other end of a switch connection, written with plain sockets and
+// explicit byte packing, sharing nothing with the library's framing code or
+// the simulator's: what it reads and writes is what is on the wire.
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstdint>
 #include <cstring>
-#include <string>
 #include <vector>
 
 namespace loopback_peer {
@@ -29,83 +27,66 @@ inline Order hostOrder()
     return first == 1 ? Order::Little : Order::Big;
 }
 
-inline Order reversedOrder()
+inline Order orderOf(bool reversed)
 {
-    return hostOrder() == Order::Big ? Order::Little : Order::Big;
+    return (hostOrder() == Order::Big) != reversed ? Order::Big : Order::Little;
 }
 
-inline void putWord(Bytes& out, std::uint32_t v, Order o)
+inline unsigned shiftOf(unsigned i, Order o, unsigned width)
 {
-    for (int i = 0; i < 4; ++i) {
-        const int shift = o == Order::Big ? 24 - 8 * i : 8 * i;
-        out.push_back(static_cast<std::uint8_t>(v >> shift));
-    }
+    return o == Order::Big ? 8 * (width - 1 - i) : 8 * i;
 }
 
-inline std::uint32_t getWord(const std::uint8_t* p, Order o)
+inline void putWord(Bytes& out, std::uint64_t v, Order o, unsigned width = 4)
 {
-    std::uint32_t v = 0;
-    for (int i = 0; i < 4; ++i) {
-        const int shift = o == Order::Big ? 24 - 8 * i : 8 * i;
-        v |= std::uint32_t(p[i]) << shift;
-    }
+    for (unsigned i = 0; i < width; ++i) out.push_back(std::uint8_t(v >> shiftOf(i, o, width)));
+}
+
+inline std::uint64_t getWord(const std::uint8_t* p, Order o, unsigned width = 4)
+{
+    std::uint64_t v = 0;
+    for (unsigned i = 0; i < width; ++i) v |= std::uint64_t(p[i]) << shiftOf(i, o, width);
     return v;
 }
 
-constexpr std::uint32_t kMarker = 0x4D53473A;  // "MSG:"
-constexpr std::uint32_t kTest = 0x5453543A;    // "TST:"
-constexpr std::uint32_t kLink = 0x4C494E4B;    // "LINK"
-constexpr std::uint32_t kCommand = 0x434D443A; // "CMD:"
+constexpr std::uint32_t kMarker = 0x4D53473A;   // "MSG:"
+constexpr std::uint32_t kTest = 0x5453543A;     // "TST:"
+constexpr std::uint32_t kLink = 0x4C494E4B;     // "LINK"
+constexpr std::uint32_t kCommand = 0x434D443A;  // "CMD:"
 constexpr std::uint32_t kResponse = 0x5253503A; // "RSP:"
 
-// One frame, header words as numbers.
+// One frame, header words as numbers; size words the true ones unless given.
 struct Frame {
-    std::uint32_t marker = kMarker;
-    std::uint32_t manager = 0;
-    std::uint32_t msgType = kResponse;
-    std::uint32_t cmdCode = 0;
-    std::uint32_t seqNbr = 0;
-    std::uint32_t msgStat = 0;
-    std::uint32_t srcAddr = 1;
-    std::uint32_t appError = 0;
+    std::uint32_t marker = kMarker, manager = 0, msgType = kResponse, cmdCode = 0, seqNbr = 0, msgStat = 0,
+                  srcAddr = 1, appError = 0;
     Bytes payload;
-    // Size words; by default the true ones.
-    std::int64_t sizeOverride = -1;
-    std::int64_t appSizeOverride = -1;
+    std::int64_t sizeOverride = -1, appSizeOverride = -1;
 
     Bytes encode(Order o) const
     {
+        const auto len = std::uint32_t(payload.size());
         Bytes out;
         putWord(out, marker, o);
         putWord(out, manager, o);
-        putWord(out, sizeOverride >= 0 ? std::uint32_t(sizeOverride) : std::uint32_t(28 + payload.size()), o);
+        putWord(out, sizeOverride >= 0 ? std::uint32_t(sizeOverride) : 28 + len, o);
         for (std::uint32_t w : {msgType, cmdCode, seqNbr, msgStat, srcAddr, appError}) putWord(out, w, o);
-        putWord(out, appSizeOverride >= 0 ? std::uint32_t(appSizeOverride) : std::uint32_t(payload.size()), o);
+        putWord(out, appSizeOverride >= 0 ? std::uint32_t(appSizeOverride) : len, o);
         out.insert(out.end(), payload.begin(), payload.end());
         return out;
     }
-
-    // Reads a frame in order o from bytes; false when they are too short.
-    static bool decode(const Bytes& in, Order o, Frame& f)
-    {
-        if (in.size() < 40) return false;
-        const std::uint8_t* p = in.data();
-        f.marker = getWord(p, o);
-        f.manager = getWord(p + 4, o);
-        f.sizeOverride = getWord(p + 8, o);
-        f.msgType = getWord(p + 12, o);
-        f.cmdCode = getWord(p + 16, o);
-        f.seqNbr = getWord(p + 20, o);
-        f.msgStat = getWord(p + 24, o);
-        f.srcAddr = getWord(p + 28, o);
-        f.appError = getWord(p + 32, o);
-        f.appSizeOverride = getWord(p + 36, o);
-        f.payload.assign(in.begin() + 40, in.end());
-        return true;
-    }
 };
 
-// Listens on 127.0.0.1 and serves one connection at a time.
+// The link test header: "TST:", "LINK", 12.
+inline Bytes linkTestBytes(Order o)
+{
+    Bytes b;
+    for (std::uint32_t w : {kTest, kLink, 12u}) putWord(b, w, o);
+    return b;
+}
+
+// Either end of one TCP connection on 127.0.0.1: it listens (on a free port
+// unless given one) and accepts, or it connects. Every wait is bounded, so a
+// broken counterpart fails a test instead of hanging it.
 class Peer {
 public:
     explicit Peer(std::uint16_t port = 0) { listenOn(port); }
@@ -120,19 +101,15 @@ public:
     bool listenOn(std::uint16_t port)
     {
         lfd = ::socket(AF_INET, SOCK_STREAM, 0);
-        if (lfd < 0) return false;
         const int one = 1;
         ::setsockopt(lfd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-        sockaddr_in a{};
-        a.sin_family = AF_INET;
-        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        a.sin_port = htons(port);
-        if (::bind(lfd, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0 || ::listen(lfd, 8) != 0) {
+        sockaddr_in a = address(port);
+        socklen_t len = sizeof a;
+        if (::bind(lfd, reinterpret_cast<sockaddr*>(&a), len) != 0 || ::listen(lfd, 8) != 0 ||
+            ::getsockname(lfd, reinterpret_cast<sockaddr*>(&a), &len) != 0) {
             closeListener();
             return false;
         }
-        socklen_t len = sizeof a;
-        ::getsockname(lfd, reinterpret_cast<sockaddr*>(&a), &len);
         boundPort = ntohs(a.sin_port);
         return true;
     }
@@ -146,10 +123,17 @@ public:
     bool accept(int timeoutMs = 30000)
     {
         closeConnection();
-        pollfd p{lfd, POLLIN, 0};
-        if (lfd < 0 || ::poll(&p, 1, timeoutMs) != 1) return false;
+        if (!ready(lfd, timeoutMs)) return false;
         cfd = ::accept(lfd, nullptr, nullptr);
         return cfd >= 0;
+    }
+    bool connectTo(std::uint16_t port)
+    {
+        closeConnection();
+        closeListener();
+        cfd = ::socket(AF_INET, SOCK_STREAM, 0);
+        const sockaddr_in a = address(port);
+        return ::connect(cfd, reinterpret_cast<const sockaddr*>(&a), sizeof a) == 0;
     }
     void closeConnection()
     {
@@ -157,72 +141,62 @@ public:
         cfd = -1;
     }
 
-    bool readExact(Bytes& out, std::size_t n, int timeoutMs = 30000)
+    // n bytes, or fewer when the other end closed or went quiet for 30 s.
+    Bytes read(std::size_t n)
     {
-        out.resize(n);
+        Bytes out(n);
         std::size_t got = 0;
-        const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-        while (got < n) {
-            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(until -
-                                                                                    std::chrono::steady_clock::now());
-            pollfd p{cfd, POLLIN, 0};
-            if (cfd < 0 || left.count() <= 0 || ::poll(&p, 1, int(left.count())) != 1) return false;
+        while (got < n && ready(cfd, 30000)) {
             const ssize_t r = ::recv(cfd, out.data() + got, n - got, 0);
-            if (r <= 0) return false;
+            if (r <= 0) break;
             got += std::size_t(r);
         }
-        return true;
+        out.resize(got);
+        return out;
     }
-
-    // Reads one whole frame as the library sent it (host order of the
-    // library = o); the link test header counts as a 12-byte frame.
-    bool readFrame(Bytes& raw, Order o, int timeoutMs = 30000)
+    // One whole frame sent in order o (a link test header counts as one).
+    Bytes readFrame(Order o)
     {
-        Bytes head;
-        if (!readExact(head, 12, timeoutMs)) return false;
-        raw = head;
-        if (getWord(head.data(), o) == kTest) return true;
-        const std::uint32_t size = getWord(head.data() + 8, o) & 0x7FFFFFFFu;
-        Bytes body;
-        if (!readExact(body, size, timeoutMs)) return false;
-        raw.insert(raw.end(), body.begin(), body.end());
-        return true;
+        Bytes f = read(12);
+        if (f.size() < 12 || getWord(f.data(), o) == kTest) return f;
+        const Bytes body = read(getWord(f.data() + 8, o) & 0x7FFFFFFFu);
+        f.insert(f.end(), body.begin(), body.end());
+        return f;
     }
-
     bool write(const Bytes& b)
     {
-        std::size_t off = 0;
-        while (off < b.size()) {
+        for (std::size_t off = 0; off < b.size();) {
             const ssize_t w = ::send(cfd, b.data() + off, b.size() - off, MSG_NOSIGNAL);
             if (w <= 0) return false;
             off += std::size_t(w);
         }
         return true;
     }
-
-    // True once the library closed its end (EOF within the time).
-    bool seesClose(int timeoutMs = 30000)
+    // True once the other end closed (EOF within 30 s).
+    bool seesClose()
     {
-        pollfd p{cfd, POLLIN, 0};
-        if (cfd < 0 || ::poll(&p, 1, timeoutMs) != 1) return false;
         std::uint8_t b;
-        return ::recv(cfd, &b, 1, 0) == 0;
+        return ready(cfd, 30000) && ::recv(cfd, &b, 1, 0) == 0;
     }
 
 private:
+    static sockaddr_in address(std::uint16_t port)
+    {
+        sockaddr_in a{};
+        a.sin_family = AF_INET;
+        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        a.sin_port = htons(port);
+        return a;
+    }
+    static bool ready(int fd, int timeoutMs)
+    {
+        pollfd p{fd, POLLIN, 0};
+        return fd >= 0 && ::poll(&p, 1, timeoutMs) == 1;
+    }
+
     int lfd = -1;
     int cfd = -1;
     std::uint16_t boundPort = 0;
 };
-
-// The link test header as the library must send it: words in its host order.
-inline Bytes linkTestBytes(Order o)
-{
-    Bytes b;
-    putWord(b, kTest, o);
-    putWord(b, kLink, o);
-    putWord(b, 12, o);
-    return b;
-}
 
 } // namespace loopback_peer

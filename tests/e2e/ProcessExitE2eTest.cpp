@@ -26,8 +26,6 @@ using testing::Not;
 
 namespace {
 
-const char kChildErr[] = "ProcessExitChild.err";
-
 std::atomic<int> g_heartbeats{0};
 
 void answerHeartbeat(COMMAND_CODE, const void*, uint32_t, CrRsp* rsp)
@@ -61,22 +59,17 @@ TEST(ProcessExit, ReturningFromMainWhileTheLibraryRunsIsClean)
     const pid_t pid = ::fork();
     ASSERT_GE(pid, 0);
     if (pid == 0) {
-        // The child: its errors go to a file the parent reads; it waits for
-        // the switch, works, and then returns from the test and from main.
+        // The child reports to a file, waits for the switch, works, and
+        // returns from the test and from main.
         ::close(go[1]);
-        const int fd = ::open(kChildErr, O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        if (fd >= 0) {
-            ::dup2(fd, 2);
-            ::close(fd);
-        }
+        const int fd = ::open("child.err", O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        if (fd >= 0) ::dup2(fd, 2);
         char b;
         if (::read(go[0], &b, 1) != 1) ::_exit(3);
-        ::close(go[0]);
         application();
         return;
     }
     ::close(go[0]);
-
     switchsim::SwitchSimulator sim;
     switchsim::Options o;
     o.snmpPort = 58991;
@@ -91,23 +84,17 @@ TEST(ProcessExit, ReturningFromMainWhileTheLibraryRunsIsClean)
 
     int status = 0;
     bool ended = false;
-    for (int i = 0; i < 12000 && !ended; ++i) {
-        if (::waitpid(pid, &status, WNOHANG) == pid)
-            ended = true;
-        else
-            Sleep(10);
-    }
+    for (int i = 0; i < 12000 && !(ended = ::waitpid(pid, &status, WNOHANG) == pid); ++i) Sleep(10);
     if (!ended) {
         ::kill(pid, SIGKILL);
         ::waitpid(pid, &status, 0);
     }
     const switchsim::Counters seen = sim.counters();
     sim.stop();
-
     ASSERT_TRUE(ended) << "the application did not end within 120 s";
     ASSERT_TRUE(WIFEXITED(status)) << "signal " << (WIFSIGNALED(status) ? WTERMSIG(status) : 0);
     EXPECT_EQ(WEXITSTATUS(status), 0);
-    const std::string err = tavro_test::readFile(kChildErr);
+    const std::string err = tavro_test::readFile("child.err");
     EXPECT_THAT(err, Not(HasSubstr("Sanitizer")));
     EXPECT_THAT(err, Not(HasSubstr("runtime error")));
     // It really worked with the switch before it ended.
