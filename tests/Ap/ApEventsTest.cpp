@@ -49,52 +49,41 @@ void reverseAt(Bytes& v, std::size_t at, std::size_t width)
     std::reverse(v.begin() + long(at), v.begin() + long(at + width));
 }
 
-TEST(ApEvents, SizeOfAnEventFollowsItsTypeAndUnknownTypesTakeTheWholeStructure)
+// Each type: its size, and a conversion of the base and exactly its record.
+// Unknown types take the whole structure and convert only the base.
+TEST(ApEvents, EachTypeHasItsSizeAndConvertsExactlyItsRecord)
 {
     EXPECT_EQ(API_EVENT::getBaseSize(), 12u);
-    EXPECT_EQ(sizeof(kTypes) / sizeof(kTypes[0]), 85u); // all but 37, checked below
-    auto ev = std::make_unique<API_EVENT>();
-    for (const TypeCase& c : kTypes) {
-        ev->EventType = static_cast<I_EVENT_TYPE>(c.type);
-        EXPECT_EQ(ev->sizeofThis(), 12 + c.added) << "type " << c.type;
-    }
-    for (std::int32_t unknown : {0, -1, 87, 1000, 0x01000000}) {
-        ev->EventType = static_cast<I_EVENT_TYPE>(unknown);
-        EXPECT_EQ(ev->sizeofThis(), kWhole) << "type " << unknown;
-        EXPECT_EQ(reinterpret_cast<unsigned char*>(ev->getNextEvent()) - reinterpret_cast<unsigned char*>(ev.get()),
-                  long(kWhole));
-    }
-    ev->EventType = I_EVENT_TYPE_PACKET_ASSOCIATION;
-    for (std::uint32_t n : {0u, 1u, 3u}) {
-        ev->Data.packetAssociation.nbrTrunks = n;
-        EXPECT_EQ(ev->sizeofThis(), 12 + I_PACKET_ASSOCIATION_EVT::sizeofThis(n));
-    }
-    ev->Data.packetAssociation.nbrTrunks = 0xFFFFFFFFu;
-    EXPECT_EQ(ev->sizeofThis(), 0xFFFFFFFFu) << "saturates, never wraps";
-}
-
-TEST(ApEvents, SwapConvertsTheBaseAndExactlyTheRecordTheTypeCarries)
-{
+    EXPECT_EQ(sizeof(kTypes) / sizeof(kTypes[0]), 85u); // all but 37, below
     std::vector<TypeCase> cases(std::begin(kTypes), std::end(kTypes));
-    cases.push_back({37, 0, nullptr});
-    cases.push_back({1000, 0, nullptr}); // unknown in both orders
+    for (std::int32_t unknown : {0, -1, 87, 1000}) cases.push_back({unknown, kWhole - 12, nullptr}); // either order
+    cases.push_back({37, I_PACKET_ASSOCIATION_EVT::sizeofThis(2), nullptr}); // two trunks
     for (const TypeCase& c : cases) {
         SCOPED_TRACE(c.type);
         Bytes buf = pattern(sizeof(API_EVENT), unsigned(c.type));
         putAt<std::int32_t>(buf.data() + 4, c.type);
         if (c.type == 37) putAt<std::uint32_t>(buf.data() + kNbrTrunksAt, 2);
         const Bytes original = buf;
+        auto* ev = reinterpret_cast<API_EVENT*>(buf.data());
+        EXPECT_EQ(ev->sizeofThis(), 12 + c.added);
+        EXPECT_EQ(reinterpret_cast<unsigned char*>(ev->getNextEvent()) - buf.data(), long(12 + c.added));
 
         Bytes expected = original;
         for (std::size_t at : {0, 4, 8}) reverseAt(expected, at, 4);
         if (c.swap) c.swap(expected.data() + 12);
         if (c.type == 37) reinterpret_cast<I_PACKET_ASSOCIATION_EVT*>(expected.data() + 12)->Swap(2);
-
-        auto* ev = reinterpret_cast<API_EVENT*>(buf.data());
         EXPECT_EQ(ev->Swap(), 1);
         EXPECT_TRUE(buf == expected);
         ev->Swap(); // now sees a reversed type and must recognise it
         EXPECT_TRUE(buf == original);
+    }
+    auto ev = std::make_unique<API_EVENT>();
+    ev->EventType = static_cast<I_EVENT_TYPE>(0x01000000); // a reversed 1 is unknown in host order
+    EXPECT_EQ(ev->sizeofThis(), kWhole);
+    ev->EventType = I_EVENT_TYPE_PACKET_ASSOCIATION;
+    for (std::uint32_t n : {0u, 1u, 3u, 0xFFFFFFFFu}) { // saturates, never wraps
+        ev->Data.packetAssociation.nbrTrunks = n;
+        EXPECT_EQ(ev->sizeofThis(), n == 0xFFFFFFFFu ? n : 12 + I_PACKET_ASSOCIATION_EVT::sizeofThis(n));
     }
 }
 

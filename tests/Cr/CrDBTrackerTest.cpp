@@ -7,6 +7,7 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "Io/FakeSwitch.h"
@@ -32,17 +33,7 @@ int occurrences(const std::string& text, const std::string& what)
     return n;
 }
 
-struct Answer {
-    int addr;
-    RSP_STATUS status;
-    int size;
-    bool operator==(const Answer& o) const { return addr == o.addr && status == o.status && size == o.size; }
-};
-
-std::ostream& operator<<(std::ostream& os, const Answer& a)
-{
-    return os << "{" << a.addr << ", " << a.status << ", " << a.size << "}";
-}
+using Answer = std::tuple<int, RSP_STATUS, int>; // address, status, payload size
 
 std::vector<Answer> answersOf(CrCmd& cmd)
 {
@@ -123,7 +114,7 @@ TEST_F(TrackerTest, EveryDestinationEndsWithOneAnswerMissingOnesAsTimeOuts)
         {{1, 2}, 20, {{1, RSP_ERROR, 2}, {2, RSP_TIME_OUT, 0}}},
         {{2, 4, 9}, 20, {{2, RSP_TIME_OUT, 0}, {4, RSP_TIME_OUT, 0}, {9, RSP_TIME_OUT, 0}}},
         {{3, 1, 2}, 20, {{1, RSP_ERROR, 2}, {3, RSP_OK, 0}, {2, RSP_TIME_OUT, 0}}},
-        {{3, 1}, 10000, {{1, RSP_ERROR, 2}, {3, RSP_OK, 0}}}, // complete: the wait ends at once
+        {{3, 1}, -1, {{1, RSP_ERROR, 2}, {3, RSP_OK, 0}}}, // no time limit: the wait ends with the answers
     };
     start();
     for (const auto& c : cases) {
@@ -135,7 +126,7 @@ TEST_F(TrackerTest, EveryDestinationEndsWithOneAnswerMissingOnesAsTimeOuts)
         const std::string out = GetCapturedStdout();
         EXPECT_THAT(answersOf(*cmd), ElementsAreArray(c.expected));
         EXPECT_EQ(out.find("TimeoutAction TIMED OUT WAITING FOR RESPONSE: seqNbr[") != std::string::npos,
-                  c.timeoutMs == 20);
+                  c.timeoutMs > 0);
         EXPECT_EQ(cmd->GetTrackerInfo(), nullptr);
         EXPECT_EQ(tracker->PendingCount(), 0u);
     }
@@ -218,24 +209,6 @@ TEST_F(TrackerTest, AnswerBeforeTheMadeUpOneWins)
     EXPECT_THAT(GetCapturedStdout(), HasSubstr("  Orphan RSP: 2712, Swi: 1, Status: 3\r\n"));
     EXPECT_TRUE(cmd->WaitForRsp()); // already complete: no second time-out
     EXPECT_THAT(answersOf(*cmd), ElementsAre(Answer{1, RSP_BUSY, 0}));
-}
-
-TEST_F(TrackerTest, WithoutTimeLimitTheSenderWaitsForTheAnswer)
-{
-    FakeSwitch sw1(1);
-    Routed r1(swi, sw1);
-    start();
-    CaptureStdout();
-    std::unique_ptr<CrCmd> cmd = command({1}, -1);
-    std::thread sender([&] {
-        cmd->Dispatch();
-        cmd->WaitForRsp();
-    });
-    ASSERT_TRUE(sw1.waitFor(1));
-    sw1.answer(sw1.sent()[0], RSP_OK);
-    sender.join();
-    EXPECT_THAT(GetCapturedStdout(), testing::Not(HasSubstr("TimeoutAction")));
-    EXPECT_THAT(answersOf(*cmd), ElementsAre(Answer{1, RSP_OK, 0}));
 }
 
 TEST_F(TrackerTest, BadMessagesAreReportedAndDropped)

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "Common/OS/Linux/OSAL.h"
@@ -46,14 +47,12 @@ TEST_F(Control, ConstructionRegistersTheParametersAndTracesItsState)
         SYS_PARM parm;
         parm.noMsgTimeout = noMsgTimeout;
         EXPECT_THAT(build(parm), HasSubstr("SetCtlState:   CTL: state[CTL_INITIAL]"));
-        EXPECT_EQ(UDBControl::getIt(), ctl);
-        EXPECT_EQ(UDBControl::GetClassRef(SMN_SYS_PARM), &parm);
-        EXPECT_EQ(SYS_PARM::getIt(), &parm);
-        EXPECT_EQ(UDBControl::GetClassRef(SMN_TRACKER), nullptr);
-        EXPECT_EQ(ctl->GetCtlState(), CTL_INITIAL);
-        EXPECT_EQ(UDBControl::GetDefaultMsgTimeout(), noMsgTimeout ? -1 : 10000);
+        EXPECT_EQ(std::make_tuple(UDBControl::getIt(), UDBControl::GetClassRef(SMN_SYS_PARM), SYS_PARM::getIt(),
+                                  UDBControl::GetClassRef(SMN_TRACKER)),
+                  std::make_tuple(ctl, static_cast<void*>(&parm), &parm, static_cast<void*>(nullptr)));
+        EXPECT_EQ(std::make_tuple(ctl->GetCtlState(), UDBControl::GetDefaultMsgTimeout(), ctl->IsFailedOver()),
+                  std::make_tuple(CTL_INITIAL, noMsgTimeout ? -1 : 10000, false));
         EXPECT_NE(ctl->GetEventLock(), nullptr);
-        EXPECT_FALSE(ctl->IsFailedOver());
         delete ctl;
         ctl = nullptr;
         EXPECT_EQ(UDBControl::getIt(), nullptr);
@@ -134,10 +133,9 @@ TEST_F(Control, PrepareSystemStartsTheRouterAndTrackerOnItsTables)
     IoRouter* router = IoRouter::getIt();
     ASSERT_NE(router, nullptr);
     // The router was made after the tables, and found them.
-    EXPECT_EQ(router->pApiRoute, RouteTable::getIt(SMN_API_TABLE));
-    EXPECT_EQ(router->pSwiRoute, RouteTable::getIt(SMN_SWI_TABLE));
-    EXPECT_EQ(router->pPollRoute, RouteTable::getIt(SMN_POLL_TABLE));
-    EXPECT_EQ(router->pUDBCtl, ctl);
+    EXPECT_EQ(std::make_tuple(router->pApiRoute, router->pSwiRoute, router->pPollRoute, router->pUDBCtl),
+              std::make_tuple(RouteTable::getIt(SMN_API_TABLE), RouteTable::getIt(SMN_SWI_TABLE),
+                              RouteTable::getIt(SMN_POLL_TABLE), ctl));
     ASSERT_NE(CrTracker::getIt(), nullptr);
 
     // Both threads run: a command passes the tracker (Dispatch returns once
