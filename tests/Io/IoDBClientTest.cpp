@@ -308,6 +308,7 @@ TEST_F(Session, ShutdownEndsTheLoopInEveryStateAndWhenItRacesTheStart)
     IoClientMgmt idle(loopback(1), nullptr, 1, nullptr);
     idle.SignalShutdown();
     idle.Close();
+    EXPECT_TRUE(idle.HasFinished());
     for (int round = 0; round < 20; ++round) {
         IoClientMgmt* s = start(1);
         std::thread([s] { s->SignalShutdown(); }).join();
