@@ -157,7 +157,10 @@ public:
     // A new connected socket owned by the caller, or null when shutting down.
     OsSocket* Accept();
 
-    // Framed transfer (OsSocketTransfer.cpp).
+    // Framed transfer (OsSocketTransfer.cpp). The reading calls (frame
+    // readers, Read, readAllData, ReadAvailableBytes, ReadReady, the waits,
+    // PurgeMessage) belong to the socket's one reader thread; any thread may
+    // send, signal shutdown or close.
     bool GetOrvMessage(ORV_CTL_MSG* ctl, ORV_APP_MSG* app, unsigned maxSize);
     bool GetOrvMessageWithAppMsgMemAlloc(ORV_CTL_MSG* ctl, ORV_APP_MSG*& app);
     ReadState ReadCtlMsgCommon(ORV_CTL_MSG* ctl);

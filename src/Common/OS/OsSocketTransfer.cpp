@@ -240,10 +240,15 @@ bool OsSocket::haveReadAhead()
 void OsSocket::holdPlaced()
 {
     if (placedBytes == 0) return;
+    if (fdGeneration.load(std::memory_order_acquire) != aheadGeneration) {
+        dropBuffered(); // they came from a descriptor that is gone
+        return;
+    }
     // Bytes lie in place only after the recv that put them there, which
     // found readAhead empty.
-    if (aheadCapacity < placedBytes) {
-        std::unique_ptr<char[]> bigger(new (std::nothrow) char[placedBytes]);
+    if (aheadCapacity < placedBytes || aheadCapacity == 0) {
+        const unsigned size = placedBytes > READ_AHEAD_SIZE ? placedBytes : READ_AHEAD_SIZE;
+        std::unique_ptr<char[]> bigger(new (std::nothrow) char[size]);
         if (!bigger) {
             // They cannot be kept: the stream is cut, so the socket is done.
             placedAt = nullptr;
@@ -253,7 +258,7 @@ void OsSocket::holdPlaced()
             return;
         }
         readAhead = std::move(bigger);
-        aheadCapacity = placedBytes;
+        aheadCapacity = size;
     }
     std::memcpy(readAhead.get(), placedAt, placedBytes);
     aheadBegin = 0;
