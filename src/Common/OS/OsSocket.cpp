@@ -367,6 +367,29 @@ bool OsSocket::setTxTimeoutOption(int fd, const char* caller)
     return false;
 }
 
+bool OsSocket::setNoDelayOption(int fd, const char* caller)
+{
+    // Frames go out as several sends (headers, then payload); with Nagle the
+    // second waits for the peer's delayed ACK, about 40 ms per command.
+    const int value = 1;
+    const char* op = "setNoDelayOption";
+    if (setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &value, sizeof value) == 0) {
+        if (sockTraceOn(SOCK_TRACE_OPTIONS)) {
+            std::ostringstream os;
+            os << op << ": " << callerName(caller) << "(): Socket[" << fd << "] setsockopt( TCP_NODELAY ) succeeded.\n";
+            sockLog(os.str());
+        }
+        return true;
+    }
+    const int e = errno;
+    errNum = e;
+    std::ostringstream os;
+    os << op << ": " << callerName(caller) << "(): Socket[" << fd << "] setsockopt( TCP_NODELAY ) failed[" << e
+       << "]\n";
+    sockLog(os.str());
+    return false;
+}
+
 bool OsSocket::setRxTimeoutOption(int, const char*)
 {
     return true;
@@ -491,6 +514,7 @@ bool OsSocket::PrepareTCPSocket(int backlog)
     }
     if (tcpType != TCP_SERVER) {
         setTxTimeoutOption(fd, op);
+        setNoDelayOption(fd, op);
         bSockErr = false;
     } else {
         PrepareTcpServerSocket(fd, backlog);
@@ -782,6 +806,7 @@ OsSocket* OsSocket::Accept()
     client->setKeepAliveOptions(fd, op);
     client->setRxTimeoutOption(fd, op);
     client->setTxTimeoutOption(fd, op);
+    client->setNoDelayOption(fd, op);
     if (sockTraceOn(SOCK_TRACE_BIND)) {
         std::ostringstream os;
         os << "Accept  Local server[" << c_sockaddr(fd) << "] accepted remote client[" << client->m_sockAddr << "]\n";

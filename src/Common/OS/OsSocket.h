@@ -143,6 +143,7 @@ public:
     bool setReuseAddrOption(int fd, const char* caller = nullptr);
     bool setKeepAliveOptions(int fd, const char* caller = nullptr);
     bool setTxTimeoutOption(int fd, const char* caller = nullptr);
+    bool setNoDelayOption(int fd, const char* caller = nullptr);
     bool setRxTimeoutOption(int fd, const char* caller = nullptr);
     bool disableInheritance(int fd, const char* caller = nullptr);
     bool enableOptions(int fd, int option = DEFAULT_UDP_OPTION, const char* caller = nullptr);

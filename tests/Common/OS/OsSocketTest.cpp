@@ -164,6 +164,7 @@ TEST_F(SocketFixture, ClientPreparationSetsEveryOption)
     EXPECT_EQ(intOption(fd, IPPROTO_TCP, TCP_KEEPINTVL), 5);
     EXPECT_EQ(intOption(fd, IPPROTO_TCP, TCP_KEEPCNT), 3);
     EXPECT_EQ(intOption(fd, IPPROTO_TCP, 18), 10000); // TCP_USER_TIMEOUT
+    EXPECT_NE(intOption(fd, IPPROTO_TCP, TCP_NODELAY), 0); // no delayed-ACK stall between frame pieces
     EXPECT_EQ(intOption(fd, SOL_SOCKET, SO_REUSEADDR), 0);
     EXPECT_NE(fcntl(fd, F_GETFD) & FD_CLOEXEC, 0);
     EXPECT_NE(fcntl(fd, F_GETFL) & O_NONBLOCK, 0);
@@ -191,7 +192,8 @@ TEST_F(SocketFixture, OptionSuccessIsTracedOnlyWithItsBit)
                            "setKeepAliveOptions: PrepareTCPSocket" + pre + "setsockopt( TCP_KEEPCNT ) succeeded.\n" +
                            "setBlockingMode: PrepareTCPSocket" + pre + "ioctl( FIONBIO ) succeeded.\n" +
                            "PrepareTCPSocket: Socket[" + fd + "]  setBlockingMode( BLOCKING_DISABLED )\n" +
-                           "setTxTimeoutOption: PrepareTCPSocket" + pre + "setsockopt( SO_SNDTIMEO ) succeeded.\n");
+                           "setTxTimeoutOption: PrepareTCPSocket" + pre + "setsockopt( SO_SNDTIMEO ) succeeded.\n" +
+                           "setNoDelayOption: PrepareTCPSocket" + pre + "setsockopt( TCP_NODELAY ) succeeded.\n");
     }
 }
 
