@@ -143,7 +143,7 @@ void UDBControl::InsertClassRef(CLASS_TYPE t, void* p)
 {
     if (static_cast<unsigned>(t) >= SMN_NUM_CLASSES) {
         std::ostringstream os;
-        os << "ORVControl::InsertClassRef( type[" << static_cast<int>(t) << "] ): out of range";
+        os << "ORVControl::InsertClassRef( type[" << static_cast<int>(t) << "] ): out of range\n";
         debugOut(os.str().c_str());
         return;
     }
@@ -160,7 +160,7 @@ void UDBControl::SetCtlState(CTL_STATE s)
 {
     if (pSysParm == nullptr || !pSysParm->bDiscoverSwitches) {
         std::ostringstream os;
-        os << "SetCtlState" << ":   CTL: state[" << CtlStateName(s) << "]";
+        os << "SetCtlState" << ":   CTL: state[" << CtlStateName(s) << "]\n";
         debugOut(os.str().c_str());
     }
     ctlState = s;
