@@ -4,11 +4,6 @@
 // at once. Figures per iteration: median and p99 round trip (manual timing),
 // commands per second; 8 application threads sending at once; 64 KiB and
 // 2.5 MB payloads echoed back; resident memory across 1 million commands.
-// The library writes a frame as three send() calls without TCP_NODELAY, so
-// Nagle holds the second piece until the peer's delayed ACK (about 40 ms on
-// loopback). To see what the rest of the path costs, every library figure is
-// also taken with TCP_NODELAY set on the session's socket from outside
-// ("library+nodelay"); the library itself is not changed.
 // Run it pinned, from any directory (it works in a temporary one):
 //   taskset -c 0 ./RoundTripBench
 //   taskset -c 0 ./RoundTripBench --benchmark_filter=Rss   (the memory run only)
@@ -322,11 +317,6 @@ struct World {
         }
         if (sessionFd < 0) error = "cannot find the session's socket";
     }
-    void setNoDelay(bool on) const
-    {
-        const int v = on ? 1 : 0;
-        ::setsockopt(sessionFd, IPPROTO_TCP, TCP_NODELAY, &v, sizeof v);
-    }
     ~World()
     {
         if (session != nullptr) {
@@ -468,11 +458,10 @@ void BM_Raw(benchmark::State& state, COMMAND_CODE code, std::size_t size, const 
     timeRoundTrips(state, [&] { return c.roundTrip(code, payload); }, name);
 }
 
-void BM_Library(benchmark::State& state, COMMAND_CODE code, std::size_t size, bool nodelay, const char* name)
+void BM_Library(benchmark::State& state, COMMAND_CODE code, std::size_t size, const char* name)
 {
     World& w = world();
     if (!w.error.empty()) return state.SkipWithError(w.error.c_str());
-    w.setNoDelay(nodelay);
     const auto payload = payloadOf(size);
     timeRoundTrips(state, [&] { return libraryRoundTrip(code, payload); }, name);
 }
@@ -490,11 +479,10 @@ void BM_Raw8(benchmark::State& state)
     timeRoundTrips(state, [&] { return c.roundTrip(kShort, none); }, "raw 40 B x8");
 }
 
-void BM_Library8(benchmark::State& state, bool nodelay, const char* name)
+void BM_Library8(benchmark::State& state, const char* name)
 {
     World& w = world();
     if (!w.error.empty()) return state.SkipWithError(w.error.c_str());
-    if (state.thread_index() == 0) w.setNoDelay(nodelay);
     const std::vector<char> none;
     timeRoundTrips(state, [&] { return libraryRoundTrip(kShort, none); }, name);
 }
@@ -513,7 +501,6 @@ void BM_LibraryRss(benchmark::State& state)
 {
     World& w = world();
     if (!w.error.empty()) return state.SkipWithError(w.error.c_str());
-    w.setNoDelay(true); // as shipped, a million commands would take 12 hours
     const std::vector<char> none;
     for (int i = 0; i < 10000; ++i) libraryRoundTrip(kShort, none);
     const long start = rssKiB();
@@ -566,13 +553,8 @@ void registerAll()
             ->UseManualTime()
             ->MinTime(r.minTime)
             ->Unit(benchmark::kMicrosecond);
-        benchmark::RegisterBenchmark(("RoundTrip/library/" + n).c_str(), BM_Library, r.code, r.size, false,
+        benchmark::RegisterBenchmark(("RoundTrip/library/" + n).c_str(), BM_Library, r.code, r.size,
                                      key("library " + n))
-            ->UseManualTime()
-            ->MinTime(1.0)
-            ->Unit(benchmark::kMicrosecond);
-        benchmark::RegisterBenchmark(("RoundTrip/library+nodelay/" + n).c_str(), BM_Library, r.code, r.size, true,
-                                     key("library+nodelay " + n))
             ->UseManualTime()
             ->MinTime(r.minTime)
             ->Unit(benchmark::kMicrosecond);
@@ -584,18 +566,12 @@ void registerAll()
         ->Setup(raw8Setup)
         ->Teardown(raw8Teardown)
         ->Unit(benchmark::kMicrosecond);
-    benchmark::RegisterBenchmark("Concurrent/library/40 B", BM_Library8, false, key("library 40 B x8"))
-        ->Threads(8)
-        ->UseRealTime()
-        ->MinTime(1.0)
-        ->Unit(benchmark::kMicrosecond);
-    benchmark::RegisterBenchmark("Concurrent/library+nodelay/40 B", BM_Library8, true,
-                                 key("library+nodelay 40 B x8"))
+    benchmark::RegisterBenchmark("Concurrent/library/40 B", BM_Library8, key("library 40 B x8"))
         ->Threads(8)
         ->UseRealTime()
         ->MinTime(2.0)
         ->Unit(benchmark::kMicrosecond);
-    benchmark::RegisterBenchmark("Rss/library+nodelay/1M commands", BM_LibraryRss)
+    benchmark::RegisterBenchmark("Rss/library/1M commands", BM_LibraryRss)
         ->Iterations(1000000)
         ->UseRealTime()
         ->Unit(benchmark::kMicrosecond);
@@ -619,7 +595,7 @@ void summary()
     std::printf("\nAgainst raw TCP of the same frames, same run (with repetitions, the median over them):\n"
                 "  %-32s %26s %26s\n",
                 "", "median round trip, us", "process CPU per command, us");
-    for (const char* variant : {"library", "library+nodelay"}) {
+    for (const char* variant : {"library"}) {
         for (const Target& t : targets) {
             const std::string lib = std::string(variant) + " " + t.what;
             const double l = overRuns(lib, median), raw = overRuns(t.raw, median);
@@ -632,7 +608,7 @@ void summary()
         }
     }
     std::printf("8 threads at once: commands per second measured, and as the CPU cost allows (1 / CPU per command):\n");
-    for (const char* name : {"raw 40 B x8", "library 40 B x8", "library+nodelay 40 B x8"}) {
+    for (const char* name : {"raw 40 B x8", "library 40 B x8"}) {
         const double perSecond = overRuns(name, [](const Run& r) { return r.perSecond(); });
         const double c = overRuns(name, cpu);
         if (perSecond <= 0 || c <= 0) continue;
