@@ -135,15 +135,15 @@ bool waitPurges(int count)
 TEST_F(ReaderFixture, FramesInBothByteOrdersAreReadIntoHostOrder)
 {
     open(true);
-    const std::vector<FrameSpec> specs = {
+    const std::vector<FrameSpec> frames = {
         {Order::Big, kMarker, 1, 10002, 7, 0, 1},     {Order::Little, kMarker, 2, 10003, 8, 0, 2},
         {Order::Big, kMarker, 3, 20001, 9, 100, 3},   {Order::Little, kMarker, 11, 110002, 10, 5000, 4},
         {Order::Big, kMarker, 4, 40010, 11, 2048, 5}, {Order::Little, kMarker, 5, 40010, 12, 2049, 6},
     };
     std::string stream;
-    for (const auto& f : specs) stream += buildFrame(f);
+    for (const auto& f : frames) stream += buildFrame(f);
     ASSERT_TRUE(writeAll(fds.b, stream));
-    for (const auto& f : specs) {
+    for (const auto& f : frames) {
         SCOPED_TRACE(f.payload);
         ASSERT_TRUE(get());
         expectFrame(ctl, body.data(), f);

@@ -94,7 +94,7 @@ inline std::string linkTestHeader(Order o)
     return s;
 }
 
-// Checks a frame read by the socket against the spec it was built from.
+// Checks a frame read by the socket against the description it was built from.
 inline void expectFrame(const ORV_CTL_MSG& ctl, const char* body, const FrameSpec& f)
 {
     const bool reversed = f.order != hostOrder();
