@@ -371,23 +371,7 @@ bool OsSocket::setNoDelayOption(int fd, const char* caller)
 {
     // Frames go out as several sends (headers, then payload); with Nagle the
     // second waits for the peer's delayed ACK, about 40 ms per command.
-    const int value = 1;
-    const char* op = "setNoDelayOption";
-    if (setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &value, sizeof value) == 0) {
-        if (sockTraceOn(SOCK_TRACE_OPTIONS)) {
-            std::ostringstream os;
-            os << op << ": " << callerName(caller) << "(): Socket[" << fd << "] setsockopt( TCP_NODELAY ) succeeded.\n";
-            sockLog(os.str());
-        }
-        return true;
-    }
-    const int e = errno;
-    errNum = e;
-    std::ostringstream os;
-    os << op << ": " << callerName(caller) << "(): Socket[" << fd << "] setsockopt( TCP_NODELAY ) failed[" << e
-       << "]\n";
-    sockLog(os.str());
-    return false;
+    return setIntOption(fd, IPPROTO_TCP, TCP_NODELAY, 1, "TCP_NODELAY", "setNoDelayOption", caller);
 }
 
 bool OsSocket::setRxTimeoutOption(int, const char*)
@@ -620,13 +604,13 @@ void OsSocket::killOtherInstancesOfThisApp()
 // ---------------------------------------------------------------------------
 // Binding and connecting
 
-bool OsSocket::BindSocket()
+bool OsSocket::bindAndReport(const char* op, const c_sockaddr& addr)
 {
     const int fd = Socket;
-    if (::bind(fd, static_cast<const sockaddr*>(m_sockAddr), sizeof(sockaddr_in)) == 0) {
+    if (::bind(fd, static_cast<const sockaddr*>(addr), sizeof(sockaddr_in)) == 0) {
         if (sockTraceOn(SOCK_TRACE_BIND)) {
             std::ostringstream os;
-            os << "BindSocket: Socket[" << fd << "] bound to [" << m_sockAddr << "]\n";
+            os << op << ": Socket[" << fd << "] bound to [" << addr << "]\n";
             sockLog(os.str());
         }
         return true;
@@ -634,11 +618,13 @@ bool OsSocket::BindSocket()
     const int e = errno;
     setError(e);
     std::ostringstream os;
-    os << "BindSocket: Socket[" << fd << "] bind to [" << m_sockAddr << "] failed.  errNum[" << e << "] "
-       << sockErrText(e) << "\n";
+    os << op << ": Socket[" << fd << "] bind to [" << addr << "] failed.  errNum[" << e << "] " << sockErrText(e)
+       << "\n";
     sockLog(os.str());
     return false;
 }
+
+bool OsSocket::BindSocket() { return bindAndReport("BindSocket", m_sockAddr); }
 
 bool OsSocket::BindTCPSocket(const c_inaddr& local, unsigned short port)
 {
@@ -673,23 +659,7 @@ bool OsSocket::BindTCPSocket(const c_inaddr& local, unsigned short port)
 
 bool OsSocket::BindUDPSocket(const c_inaddr& local)
 {
-    const int fd = Socket;
-    c_sockaddr addr(AF_INET, local, m_sockAddr.sin_port);
-    if (::bind(fd, static_cast<const sockaddr*>(addr), sizeof(sockaddr_in)) == 0) {
-        if (sockTraceOn(SOCK_TRACE_BIND)) {
-            std::ostringstream os;
-            os << "BindUDPSocket: Socket[" << fd << "] bound to [" << addr << "]\n";
-            sockLog(os.str());
-        }
-        return true;
-    }
-    const int e = errno;
-    setError(e);
-    std::ostringstream os;
-    os << "BindUDPSocket: Socket[" << fd << "] bind to [" << addr << "] failed.  errNum[" << e << "] "
-       << sockErrText(e) << "\n";
-    sockLog(os.str());
-    return false;
+    return bindAndReport("BindUDPSocket", c_sockaddr(AF_INET, local, m_sockAddr.sin_port));
 }
 
 bool OsSocket::Connect(bool report)

@@ -290,6 +290,7 @@ protected:
 private:
     void registerSocket();
     void copyStateFrom(const OsSocket& other);
+    bool bindAndReport(const char* op, const c_sockaddr& addr);
     bool setIntOption(int fd, int level, int option, int value, const char* optionName, const char* operation,
                       const char* caller);
     // The read-state loop shared by both frame readers; ctlStep is their
