@@ -8,13 +8,16 @@ file(GLOB_RECURSE TAVRO_SOURCES CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/src/*.cp
 # library's own definitions, so the two cannot drift apart.
 set(TAVRO_GENERATED_INCLUDE_DIR ${PROJECT_BINARY_DIR}/include)
 set(TAVRO_CODES_HEADER ${TAVRO_GENERATED_INCLUDE_DIR}/TAVRO/TAVROCodes.h)
-add_custom_command(OUTPUT ${TAVRO_CODES_HEADER}
+# The same codes as a plain table (TYPE, NAME, value), for the tools and
+# bindings that name them.
+set(TAVRO_CODES_TABLE ${PROJECT_BINARY_DIR}/codes/tavro-codes.tsv)
+add_custom_command(OUTPUT ${TAVRO_CODES_HEADER} ${TAVRO_CODES_TABLE}
   COMMAND ${CMAKE_COMMAND} -DSOURCE=${PROJECT_SOURCE_DIR}/src/Ap/ApBase.h -DOUTPUT=${TAVRO_CODES_HEADER}
-          -P ${PROJECT_SOURCE_DIR}/cmake/GenerateTavroCodes.cmake
+          -DTABLE=${TAVRO_CODES_TABLE} -P ${PROJECT_SOURCE_DIR}/cmake/GenerateTavroCodes.cmake
   DEPENDS ${PROJECT_SOURCE_DIR}/src/Ap/ApBase.h ${PROJECT_SOURCE_DIR}/cmake/GenerateTavroCodes.cmake
   COMMENT "Generating the public code header"
   VERBATIM)
-add_custom_target(tavro_public_headers DEPENDS ${TAVRO_CODES_HEADER})
+add_custom_target(tavro_public_headers DEPENDS ${TAVRO_CODES_HEADER} ${TAVRO_CODES_TABLE})
 
 add_library(tavro_objects OBJECT ${TAVRO_SOURCES})
 set_target_properties(tavro_objects PROPERTIES
