@@ -9,8 +9,14 @@
  *
  * Build:  find_package(TAVRO REQUIRED)
  *         target_link_libraries(app PRIVATE TAVRO::TAVRO)
+ *    or:  cc app.c $(pkg-config --cflags --libs TAVRO)
+ *
+ * The header compiles as C11 and as C++17. C programs and foreign-function
+ * bindings start the library with I_TAVRO_Initialize().
  */
 #include <stdint.h>
+
+#include "TAVRO/TAVROVersion.h"
 
 /* The library compiles this header against its own code definitions; an
  * application gets the generated copy of them. */
@@ -31,12 +37,18 @@ enum SW_SERVICE_TYPE {
     SW_SERVICE_BLADE = 1,
     SW_SERVICE_UDBSERV = 2,
     SW_SERVICE_SNMP = 3, /* TCP port 58991 */
-    SW_SERVICE_PCE = 4,  /* TCP port 58992 */
+    SW_SERVICE_PCE = 4   /* TCP port 58992 */
 };
 
 /* The response a handler fills in. It starts with status RSP_OK, error code
- * I_SUCCESS and no payload; see the I_TAVRO_SetResponse* functions. */
+ * I_SUCCESS and no payload; see the I_TAVRO_SetResponse* functions. C sees
+ * it as an opaque struct. */
+#ifdef __cplusplus
 class CrRsp;
+#else
+typedef enum SW_SERVICE_TYPE SW_SERVICE_TYPE;
+typedef struct CrRsp CrRsp;
+#endif
 
 /* Receives one command the switch sent, on the library's session thread;
  * commands are handled one at a time, so a handler that blocks stalls the
@@ -45,10 +57,19 @@ class CrRsp;
 typedef void (*TAVRO_COMMAND_HANDLER)(COMMAND_CODE commandCode, const void* commandData, uint32_t commandDataSize,
                                       CrRsp* response);
 
+#ifdef __cplusplus
 /* Starts the library's threads; reads ./TAVRO.CONF. Later calls do nothing. */
 TAVRO_PUBLIC I_STATUS I_SwitchInitialize();
 
 extern "C" {
+#endif
+
+/* The same as I_SwitchInitialize(), under a C name. */
+TAVRO_PUBLIC I_STATUS I_TAVRO_Initialize(void);
+
+/* The library's version, as TAVRO_VERSION_MAJOR/MINOR/PATCH were when it was
+ * built; any pointer may be null. */
+TAVRO_PUBLIC void I_TAVRO_Version(int* major, int* minor, int* patch);
 
 /* Connects to a service of the switch on this host and waits up to about 8 s
  * for the link. I_ERR_NO_CONNECTION leaves the connection trying in the
@@ -79,4 +100,6 @@ TAVRO_PUBLIC I_STATUS I_TAVRO_SetResponseStatus(CrRsp* response, RSP_STATUS stat
 TAVRO_PUBLIC I_STATUS I_TAVRO_SetResponseError(CrRsp* response, I_STATUS errorCode);
 TAVRO_PUBLIC I_STATUS I_TAVRO_SetResponseData(CrRsp* response, const void* data, unsigned int dataSize);
 
+#ifdef __cplusplus
 } /* extern "C" */
+#endif

@@ -198,6 +198,28 @@ I_STATUS I_TAVRO_SendCommandNoResponse(COMMAND_CODE commandCode, const void* com
     return I_SUCCESS;
 }
 
+CrRsp* tavro_internal::dispatchAndWait(CrCmd& cmd, int timeoutMs)
+{
+    cmd.SetMsgAddr(1);
+    cmd.SetRspReq(true);
+    if (timeoutMs > 0) cmd.SetRspTimer(timeoutMs);
+    cmd.Dispatch();
+    cmd.WaitForRsp();
+    return cmd.GetFirstRsp();
+}
+
+TAVRO_PUBLIC I_STATUS I_TAVRO_Initialize(void)
+{
+    return I_SwitchInitialize();
+}
+
+void I_TAVRO_Version(int* major, int* minor, int* patch)
+{
+    if (major != nullptr) *major = TAVRO_VERSION_MAJOR;
+    if (minor != nullptr) *minor = TAVRO_VERSION_MINOR;
+    if (patch != nullptr) *patch = TAVRO_VERSION_PATCH;
+}
+
 void* I_GetRawStats(unsigned short slotNum)
 {
     I_RAW_STATS_REQ req;
@@ -205,15 +227,9 @@ void* I_GetRawStats(unsigned short slotNum)
 
     CrCmd cmd;
     cmd.SetCmdCode(CMD_GET_BLADE_RAW_STATS);
-    cmd.SetMsgAddr(1);
-    cmd.SetRspReq(true);
-    cmd.SetRspTimer(g_seams.rawStatsTimeoutMs);
     cmd.SetData(&req, sizeof req);
     cmd.SetNetworkOrder(false);
-    cmd.Dispatch();
-    cmd.WaitForRsp();
-
-    CrRsp* rsp = cmd.GetFirstRsp();
+    CrRsp* rsp = tavro_internal::dispatchAndWait(cmd, g_seams.rawStatsTimeoutMs);
     if (rsp == nullptr || rsp->GetRspStat() != RSP_OK) return nullptr;
     const auto* payload = static_cast<const unsigned char*>(rsp->GetData());
     const int have = rsp->GetSize();

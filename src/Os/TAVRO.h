@@ -11,6 +11,7 @@
 #include "TAVRO/TAVRO.h"
 
 class CrCmd;
+class CrRsp;
 class IoClientMgmt;
 
 // Called by the switch session, on its thread, for each command it reads:
@@ -35,5 +36,10 @@ IoClientMgmt* switchClient();
 // Handlers registered, and the one for code (null when none or null).
 std::size_t handlerCount();
 bool hasHandler(COMMAND_CODE code);
+
+// Sends cmd to the switch (address 1) asking for a response, waits up to
+// timeoutMs (0 or less: the command's own time-out) and returns the first
+// response, which cmd owns. Shared by every exported call that waits.
+CrRsp* dispatchAndWait(CrCmd& cmd, int timeoutMs);
 
 } // namespace tavro_internal

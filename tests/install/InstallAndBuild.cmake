@@ -33,10 +33,24 @@ endif()
 run_step("configure the example" ${CMAKE_COMMAND} ${args})
 run_step("build the example" ${CMAKE_COMMAND} --build ${app_build})
 
+# Without CMake: pkg-config alone gives the flags, for C and for C++.
+run_step("pkg-config" ${CMAKE_COMMAND} -E env PKG_CONFIG_LIBDIR=${prefix}/${LIBDIR}/pkgconfig
+         ${PKG_CONFIG} --cflags --libs TAVRO)
+string(STRIP "${step_output}" pc_flags)
+separate_arguments(pc_flags UNIX_COMMAND "${pc_flags}")
+separate_arguments(san_flags UNIX_COMMAND "${CXX_FLAGS}")
+set(rpath -Wl,-rpath,${prefix}/${LIBDIR})
+run_step("build the C example with pkg-config" ${C_COMPILER} -std=c11 -Wall -Wextra -Werror -pedantic ${san_flags}
+         ${EXAMPLE_DIR}/UseTavroC.c -o ${app_build}/UseTavroC ${pc_flags} ${rpath})
+run_step("build the C++ example with pkg-config" ${CXX_COMPILER} -std=c++17 -Wall -Wextra -Werror ${san_flags}
+         ${EXAMPLE_DIR}/UseTavro.cpp -o ${app_build}/UseTavroPc ${pc_flags} ${rpath})
+
 string(REPLACE "|" ";" emulator "${EMULATOR}")
-execute_process(COMMAND ${emulator} ${app_build}/UseTavro WORKING_DIRECTORY ${run_dir}
-  RESULT_VARIABLE rc OUTPUT_VARIABLE out ERROR_VARIABLE err)
-if(NOT rc EQUAL 0 OR NOT out MATCHES "UseTavro: ok")
-  message(FATAL_ERROR "the example failed (${rc}):\n${out}\n${err}")
-endif()
-message(STATUS "run the example: ok")
+foreach(app UseTavro UseTavroC UseTavroPc)
+  execute_process(COMMAND ${emulator} ${app_build}/${app} WORKING_DIRECTORY ${run_dir}
+    RESULT_VARIABLE rc OUTPUT_VARIABLE out ERROR_VARIABLE err)
+  if(NOT rc EQUAL 0 OR NOT out MATCHES "(UseTavro|UseTavroC): ok")
+    message(FATAL_ERROR "${app} failed (${rc}):\n${out}\n${err}")
+  endif()
+  message(STATUS "run ${app}: ok")
+endforeach()

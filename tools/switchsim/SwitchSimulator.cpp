@@ -788,7 +788,10 @@ bool SwitchSimulator::waitFor(const std::function<bool()>& pred, std::chrono::mi
         // Evaluated unlocked: the predicate may call the accessors above.
         if (pred()) return true;
         std::unique_lock<std::mutex> lk(mu_);
-        if (!changed_.wait_until(lk, deadline, [&] { return events_ != seen; })) return pred();
+        if (!changed_.wait_until(lk, deadline, [&] { return events_ != seen; })) {
+            lk.unlock();
+            return pred();
+        }
     }
 }
 
