@@ -21,3 +21,14 @@ foreach(src IN LISTS TAVRO_E2E_TESTS)
     "if(${name}_TESTS)\n  set_tests_properties(\${${name}_TESTS} PROPERTIES RESOURCE_LOCK tavro_service_ports)\nendif()\n")
 endforeach()
 set_property(DIRECTORY APPEND PROPERTY TEST_INCLUDE_FILES ${TAVRO_E2E_LOCKS})
+
+# tavroctl against the simulator, both as programs (under the emulator when
+# cross-built). They hold the switch service ports of this host.
+find_program(TAVRO_TEST_PYTHON NAMES python3 PATHS /usr/bin NO_DEFAULT_PATH)
+if(TAVRO_TEST_PYTHON)
+  add_test(NAME TavroctlAgainstSimulator
+    COMMAND ${TAVRO_TEST_PYTHON} ${CMAKE_CURRENT_SOURCE_DIR}/tools/tavroctl_test.py
+            $<TARGET_FILE:tavroctl> $<TARGET_FILE:tavro-switchsim> ${CMAKE_CROSSCOMPILING_EMULATOR})
+  set_tests_properties(TavroctlAgainstSimulator PROPERTIES
+    LABELS e2e TIMEOUT 600 RESOURCE_LOCK tavro_service_ports)
+endif()

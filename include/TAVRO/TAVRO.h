@@ -99,6 +99,9 @@ TAVRO_PUBLIC void* I_GetRawStats(unsigned short slotNum);
 TAVRO_PUBLIC I_STATUS I_TAVRO_SetResponseStatus(CrRsp* response, RSP_STATUS status);
 TAVRO_PUBLIC I_STATUS I_TAVRO_SetResponseError(CrRsp* response, I_STATUS errorCode);
 TAVRO_PUBLIC I_STATUS I_TAVRO_SetResponseData(CrRsp* response, const void* data, unsigned int dataSize);
+/* The sequence number of the command being answered (0 for a null response),
+ * for handlers that log what they answer. */
+TAVRO_PUBLIC uint32_t I_TAVRO_GetResponseSeqNbr(const CrRsp* response);
 
 #ifdef __cplusplus
 } /* extern "C" */

@@ -265,6 +265,11 @@ I_STATUS I_TAVRO_SetResponseData(CrRsp* response, const void* data, unsigned int
     return I_SUCCESS;
 }
 
+uint32_t I_TAVRO_GetResponseSeqNbr(const CrRsp* response)
+{
+    return response == nullptr ? 0 : std::uint32_t(response->GetSeqNbr());
+}
+
 // ---------------------------------------------------------------------------
 
 void DispatchCommand(CrCmd* cmd)
