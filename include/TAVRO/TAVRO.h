@@ -24,11 +24,7 @@
 #include "TAVRO/TAVROCodes.h"
 #endif
 
-#if defined(__GNUC__)
-#define TAVRO_PUBLIC __attribute__((visibility("default")))
-#else
-#define TAVRO_PUBLIC
-#endif
+#include "TAVRO/TavroExport.h"
 
 /* Services of the switch a connection can be made to. Only SNMP and PCE are
  * served; the others are refused with I_ERR_INVALID_PARAMETER. */
@@ -59,49 +55,49 @@ typedef void (*TAVRO_COMMAND_HANDLER)(COMMAND_CODE commandCode, const void* comm
 
 #ifdef __cplusplus
 /* Starts the library's threads; reads ./TAVRO.CONF. Later calls do nothing. */
-TAVRO_PUBLIC I_STATUS I_SwitchInitialize();
+TAVRO_EXPORT I_STATUS I_SwitchInitialize();
 
 extern "C" {
 #endif
 
 /* The same as I_SwitchInitialize(), under a C name. */
-TAVRO_PUBLIC I_STATUS I_TAVRO_Initialize(void);
+TAVRO_EXPORT I_STATUS I_TAVRO_Initialize(void);
 
 /* The library's version, as TAVRO_VERSION_MAJOR/MINOR/PATCH were when it was
  * built; any pointer may be null. */
-TAVRO_PUBLIC void I_TAVRO_Version(int* major, int* minor, int* patch);
+TAVRO_EXPORT void I_TAVRO_Version(int* major, int* minor, int* patch);
 
 /* Connects to a service of the switch on this host and waits up to about 8 s
  * for the link. I_ERR_NO_CONNECTION leaves the connection trying in the
  * background; I_SwitchIsConnected tells when it is up. */
-TAVRO_PUBLIC I_STATUS I_SwitchConnect(SW_SERVICE_TYPE serviceType);
-TAVRO_PUBLIC I_STATUS I_SwitchIsConnected(void);
+TAVRO_EXPORT I_STATUS I_SwitchConnect(SW_SERVICE_TYPE serviceType);
+TAVRO_EXPORT I_STATUS I_SwitchIsConnected(void);
 /* Waits up to about 4 s for the connection to close; always I_SUCCESS. */
-TAVRO_PUBLIC I_STATUS I_SwitchDisconnect(void);
+TAVRO_EXPORT I_STATUS I_SwitchDisconnect(void);
 
 /* One handler per code; a later registration replaces the earlier one.
  * Register before traffic for the code starts: the table is not locked. */
-TAVRO_PUBLIC I_STATUS I_TAVRO_RegisterCommandHandler(COMMAND_CODE commandCode, TAVRO_COMMAND_HANDLER funcPtr);
-TAVRO_PUBLIC I_STATUS I_TAVRO_UnRegisterCommandHandler(COMMAND_CODE commandCode);
+TAVRO_EXPORT I_STATUS I_TAVRO_RegisterCommandHandler(COMMAND_CODE commandCode, TAVRO_COMMAND_HANDLER funcPtr);
+TAVRO_EXPORT I_STATUS I_TAVRO_UnRegisterCommandHandler(COMMAND_CODE commandCode);
 
 /* Sends a command without waiting for a response; returns once it has been
  * sent or dropped. Always I_SUCCESS. */
-TAVRO_PUBLIC I_STATUS I_TAVRO_SendCommandNoResponse(COMMAND_CODE commandCode, const void* commandData,
+TAVRO_EXPORT I_STATUS I_TAVRO_SendCommandNoResponse(COMMAND_CODE commandCode, const void* commandData,
                                                      unsigned int commandDataSize);
 
 /* Raw counters of the blade in slotNum, waiting up to 10 s: a malloc'ed block
  * of 6 + 951 * n bytes (a head whose first 16-bit word is n, then n port
  * entries), as the switch sent it. Free it with free(). Null on any failure. */
-TAVRO_PUBLIC void* I_GetRawStats(unsigned short slotNum);
+TAVRO_EXPORT void* I_GetRawStats(unsigned short slotNum);
 
 /* For handlers: fill in the response. I_ERR_INVALID_PARAMETER for a null
  * response (or null data with a non-zero size). The data is copied. */
-TAVRO_PUBLIC I_STATUS I_TAVRO_SetResponseStatus(CrRsp* response, RSP_STATUS status);
-TAVRO_PUBLIC I_STATUS I_TAVRO_SetResponseError(CrRsp* response, I_STATUS errorCode);
-TAVRO_PUBLIC I_STATUS I_TAVRO_SetResponseData(CrRsp* response, const void* data, unsigned int dataSize);
+TAVRO_EXPORT I_STATUS I_TAVRO_SetResponseStatus(CrRsp* response, RSP_STATUS status);
+TAVRO_EXPORT I_STATUS I_TAVRO_SetResponseError(CrRsp* response, I_STATUS errorCode);
+TAVRO_EXPORT I_STATUS I_TAVRO_SetResponseData(CrRsp* response, const void* data, unsigned int dataSize);
 /* The sequence number of the command being answered (0 for a null response),
  * for handlers that log what they answer. */
-TAVRO_PUBLIC uint32_t I_TAVRO_GetResponseSeqNbr(const CrRsp* response);
+TAVRO_EXPORT uint32_t I_TAVRO_GetResponseSeqNbr(const CrRsp* response);
 
 #ifdef __cplusplus
 } /* extern "C" */

@@ -36,13 +36,13 @@ typedef struct TAVRO_RESPONSE {
  * connected to the switch (nothing is sent), or I_ERR_INVALID_PARAMETER for a
  * null response, null data with a non-zero size, a payload too large for a
  * frame or a time-out above INT32_MAX. On failure *response is zeroed. */
-TAVRO_PUBLIC I_STATUS I_TAVRO_SendCommandWithResponse(COMMAND_CODE commandCode, const void* commandData,
+TAVRO_EXPORT I_STATUS I_TAVRO_SendCommandWithResponse(COMMAND_CODE commandCode, const void* commandData,
                                                       unsigned int commandDataSize, unsigned int timeoutMs,
                                                       TAVRO_RESPONSE* response);
 
 /* Frees the payload copy and zeroes *response; a null pointer or an already
  * freed response is fine. */
-TAVRO_PUBLIC void I_TAVRO_FreeResponse(TAVRO_RESPONSE* response);
+TAVRO_EXPORT void I_TAVRO_FreeResponse(TAVRO_RESPONSE* response);
 
 #ifdef __cplusplus
 } /* extern "C" */

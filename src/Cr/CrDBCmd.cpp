@@ -6,32 +6,9 @@
 
 #include "Common/OS/Linux/WinEvent.h"
 #include "Common/Utility/UtlDebug.h"
+#include "Common/Utility/UtlFormatGuard.h"
 #include "Cr/CrDBTracker.h"
 #include "Os/UDBControl.h"
-
-namespace {
-
-// Keeps the caller's stream formatting intact around our own.
-class FormatGuard {
-public:
-    explicit FormatGuard(std::ostream& os) : os(os), flags(os.flags()), fill(os.fill()), width(os.width()) {}
-    ~FormatGuard()
-    {
-        os.flags(flags);
-        os.fill(fill);
-        os.width(width);
-    }
-    FormatGuard(const FormatGuard&) = delete;
-    FormatGuard& operator=(const FormatGuard&) = delete;
-
-private:
-    std::ostream& os;
-    std::ios_base::fmtflags flags;
-    char fill;
-    std::streamsize width;
-};
-
-} // namespace
 
 // ---------------------------------------------------------------- SlaveAddr
 
@@ -114,7 +91,7 @@ void Message::CopyFrameData(const ORV_APP_MSG* hdr, const void* data)
 std::ostream& operator<<(std::ostream& os, const Message* msg)
 {
     if (msg == nullptr) return os << "NULL";
-    FormatGuard guard(os);
+    UtlFormatGuard guard(os);
     if (msg->GetSeqNbr() != 0) {
         os << "seqNbr[" << std::dec << std::right << std::setfill(' ') << std::setw(3) << msg->GetSeqNbr() << "] ";
     } else {

@@ -107,7 +107,7 @@ bool tavro_internal::hasHandler(COMMAND_CODE code)
 
 // ---------------------------------------------------------------------------
 
-TAVRO_PUBLIC I_STATUS I_SwitchInitialize()
+TAVRO_EXPORT I_STATUS I_SwitchInitialize()
 {
     std::lock_guard<std::mutex> g(initLock);
     if (pControl != nullptr) return I_SUCCESS;
@@ -208,7 +208,7 @@ CrRsp* tavro_internal::dispatchAndWait(CrCmd& cmd, int timeoutMs)
     return cmd.GetFirstRsp();
 }
 
-TAVRO_PUBLIC I_STATUS I_TAVRO_Initialize(void)
+TAVRO_EXPORT I_STATUS I_TAVRO_Initialize(void)
 {
     return I_SwitchInitialize();
 }

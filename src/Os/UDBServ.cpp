@@ -12,9 +12,22 @@
 #include <vector>
 
 #include "Common/Utility/UtlIp.h"
+#include "Common/Utility/UtlSysLog.h"
 #include "Os/UDBControl.h"
 
 SYS_PARM sysParm;
+
+namespace {
+// The syslog configuration names the program from these parameters.
+const bool sysLogNamesProgram = [] {
+    setSysLogProgramName([] {
+        const SYS_PARM* parm = SYS_PARM::getIt();
+        if (parm == nullptr) parm = &sysParm;
+        return parm->pExecFile != nullptr ? *parm->pExecFile : std::string();
+    });
+    return true;
+}();
+} // namespace
 const char configFile[] = "./TAVRO.CONF";
 
 SYS_PARM* SYS_PARM::getIt()

@@ -7,6 +7,7 @@
 #include <sstream>
 
 #include "Common/Utility/UtlDebug.h"
+#include "Common/Utility/UtlFormatGuard.h"
 
 std::vector<UtlDbgBitDesc> socketTraceBits()
 {
@@ -26,10 +27,9 @@ std::vector<UtlDbgBitDesc> socketTraceBits()
 
 UtlDbgFeature& socketTraceFeatureSlow()
 {
-    UtlDbgFeature* f = UtlDbgContainer::Instance().Feature(DBG_FEATURE_SOCKET);
-    // The container registers it at construction; this only guards a rename.
-    if (f == nullptr) f = &UtlDbgContainer::Instance().FeatureRegister("SOCKET", socketTraceBits());
-    return *f;
+    // Registered by its owner on first use; the configuration file's line for
+    // it, read earlier, is applied then.
+    return UtlDbgContainer::Instance().FeatureRegister("SOCKET", socketTraceBits());
 }
 
 int& tavro_internal::socketTraceMuteDepth()
@@ -40,11 +40,8 @@ int& tavro_internal::socketTraceMuteDepth()
 
 std::ostream& operator<<(std::ostream& os, const Hex8& h)
 {
-    const std::ios_base::fmtflags flags = os.flags();
-    const char fill = os.fill();
+    UtlFormatGuard guard(os);
     os << "0x" << std::hex << std::uppercase << std::setw(8) << std::setfill('0') << h.value;
-    os.flags(flags);
-    os.fill(fill);
     return os;
 }
 

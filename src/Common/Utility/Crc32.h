@@ -2,7 +2,7 @@
 
 // Table-driven, MSB-first CRC-32 (polynomial 0x04C11DB7). No initial value,
 // final XOR or reflection is applied here: the caller picks them.
-#include "Common/OS/TavroExport.h"
+#include "TavroExport.h"
 
-TAVRO_C_EXPORT void gen_crc_table(void);
-TAVRO_C_EXPORT unsigned long update_crc(unsigned long crc_accum, char* data_blk_ptr, int data_blk_size);
+extern "C" TAVRO_EXPORT void gen_crc_table(void);
+extern "C" TAVRO_EXPORT unsigned long update_crc(unsigned long crc_accum, char* data_blk_ptr, int data_blk_size);

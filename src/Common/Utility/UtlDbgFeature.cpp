@@ -6,7 +6,6 @@
 #include <iomanip>
 #include <sstream>
 
-#include "Common/OS/OsSocketDebug.h"
 #include "Common/Utility/UtlDebug.h"
 
 namespace {
@@ -68,8 +67,8 @@ UtlDbgContainer& UtlDbgContainer::Instance()
 
 UtlDbgContainer::UtlDbgContainer()
 {
-    FeatureRegister("SOCKET", socketTraceBits());
-    // The configuration is read once when the registry first exists; start-up
+    // Each module registers its own features when it first traces; settings
+    // read before then wait for them. The configuration is read once when the registry first exists; start-up
     // code may call MaskInit again to re-read it.
     LoadDebugCfgFile(DEFAULT_CFG_FILE);
 }

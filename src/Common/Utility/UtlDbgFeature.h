@@ -26,13 +26,6 @@
 #include <string>
 #include <vector>
 
-// Well-known features of the library, registered by the container itself so
-// that their ids are fixed. Other modules add theirs with FeatureRegister.
-enum UTL_DBG_FEATURE_ID : int {
-    DBG_FEATURE_SOCKET = 0,
-    DBG_FEATURE_NUM_BUILTIN = 1,
-};
-
 // Name and one-line meaning of one bit of a feature's mask.
 struct UtlDbgBitDesc {
     std::uint32_t bit;

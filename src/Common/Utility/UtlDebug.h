@@ -16,7 +16,7 @@
 
 #include "Common/OS/Linux/WinTypes.h"
 #include "Common/OS/OsThread.h"
-#include "Common/OS/TavroExport.h"
+#include "TavroExport.h"
 
 class OsSocket;
 class UtlQueue;

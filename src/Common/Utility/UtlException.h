@@ -5,7 +5,7 @@
 #include <iosfwd>
 #include <string>
 
-#include "Common/OS/TavroExport.h"
+#include "TavroExport.h"
 
 class TAVRO_EXPORT UtlException {
 public:

@@ -11,7 +11,7 @@
 #include <ostream>
 #include <string>
 
-#include "Common/OS/TavroExport.h"
+#include "TavroExport.h"
 
 // One IPv4 address, network byte order. Kept inline so that applications can
 // build addresses for the exported functions that take them.

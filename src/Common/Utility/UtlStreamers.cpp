@@ -3,19 +3,17 @@
 #include <iomanip>
 #include <iterator>
 
+#include "Common/Utility/UtlFormatGuard.h"
+
 std::ostream& streamUnknownTypeValueString(std::ostream& os, const char* typeName, int value)
 {
-    const std::ios_base::fmtflags flags = os.flags();
-    const char fill = os.fill();
-    const std::streamsize width = os.width(0);
+    UtlFormatGuard guard(os);
+    os.width(0);
     // The text has one fixed form whatever the caller left set: no "+", no
     // second "0x" from showbase, lower-case hex digits.
     os.unsetf(std::ios_base::showpos | std::ios_base::showbase | std::ios_base::uppercase);
     os << "UNKNOWN " << typeName << "[" << std::dec << value << "][0x" << std::hex
        << std::setw(8) << std::setfill('0') << std::right << static_cast<std::uint32_t>(value) << "]";
-    os.flags(flags);
-    os.fill(fill);
-    os.width(width);
     return os;
 }
 

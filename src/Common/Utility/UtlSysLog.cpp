@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <functional>
 #include <fstream>
 #include <mutex>
 #include <sstream>
@@ -12,7 +13,6 @@
 
 #include "Common/Utility/UtlDebug.h"
 #include "Common/Utility/UtlSystemInternal.h"
-#include "Os/UDBServ.h"
 
 namespace {
 
@@ -23,11 +23,20 @@ std::mutex pathLock;
 std::string cfgFileOverride;
 std::string oldFileDirOverride;
 
+std::function<std::string()>& programNameSource()
+{
+    static std::function<std::string()> source;
+    return source;
+}
+
 std::string executableName()
 {
-    SYS_PARM* parm = SYS_PARM::getIt();
-    if (parm == nullptr) parm = &sysParm;
-    return parm->pExecFile ? *parm->pExecFile : std::string();
+    std::function<std::string()> source;
+    {
+        std::lock_guard<std::mutex> g(pathLock);
+        source = programNameSource();
+    }
+    return source ? source() : std::string();
 }
 
 std::string dotted(std::uint32_t networkOrder)
@@ -126,4 +135,10 @@ int restartSysLog(int facility)
     debugOut("Reprocess SysLog configuration\n");
     utl_system_internal::runCommand("sudo /etc/init.d/rsyslog restart");
     return 1;
+}
+
+void setSysLogProgramName(std::function<std::string()> source)
+{
+    std::lock_guard<std::mutex> g(pathLock);
+    programNameSource() = std::move(source);
 }

@@ -7,7 +7,7 @@
 #include <sstream>
 #include <string>
 
-#include "Common/OS/TavroExport.h"
+#include "TavroExport.h"
 #include "Common/Utility/UtlIp.h"
 #include "Common/Utility/UtlSysLog.h"
 

@@ -14,6 +14,7 @@
 
 #include "Common/OS/Linux/OSAL.h"
 #include "Common/Utility/UtlDebug.h"
+#include "Common/Utility/UtlFormatGuard.h"
 
 namespace {
 
@@ -32,28 +33,16 @@ tm utc(const timeval& tv)
     return out;
 }
 
-// Keeps the caller's fill, flags and width across our zero-filled fields.
-class FormatGuard {
+// Zero-filled decimal fields, leaving the caller's formatting as it was.
+class FormatGuard : public UtlFormatGuard {
 public:
-    explicit FormatGuard(std::ostream& os) : os_(os), flags_(os.flags()), fill_(os.fill('0')), width_(os.width(0))
+    explicit FormatGuard(std::ostream& os) : UtlFormatGuard(os)
     {
-        os_.setf(std::ios::dec, std::ios::basefield);
-        os_.setf(std::ios::right, std::ios::adjustfield);
+        os.fill('0');
+        os.width(0);
+        os.setf(std::ios::dec, std::ios::basefield);
+        os.setf(std::ios::right, std::ios::adjustfield);
     }
-    ~FormatGuard()
-    {
-        os_.flags(flags_);
-        os_.fill(fill_);
-        os_.width(width_);
-    }
-    FormatGuard(const FormatGuard&) = delete;
-    FormatGuard& operator=(const FormatGuard&) = delete;
-
-private:
-    std::ostream& os_;
-    std::ios::fmtflags flags_;
-    char fill_;
-    std::streamsize width_;
 };
 
 // atoi for valid input, but clamped instead of overflowing on nonsense.

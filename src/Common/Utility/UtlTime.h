@@ -8,7 +8,7 @@
 
 #include <iosfwd>
 
-#include "Common/OS/TavroExport.h"
+#include "TavroExport.h"
 
 // Small views of a time stamp, each printing a part of its UTC broken-down
 // time: date "YYYY-MM-DD", monthDay "MM/DD", timeofday "HH:MM:SS",

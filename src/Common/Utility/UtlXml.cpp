@@ -11,7 +11,7 @@
 
 #include "Common/Utility/UtlDebug.h"
 #include "Common/Utility/UtlXmlGuard.h"
-#include "Os/UDBControl.h"
+#include "Os/UDBPortNum.h"
 
 using namespace utl_xml_internal;
 

@@ -6,7 +6,7 @@
 
 #include <string>
 
-#include "Common/OS/TavroExport.h"
+#include "TavroExport.h"
 #include "Common/Utility/UtlException.h"
 
 struct PORT_NUM;

@@ -77,7 +77,7 @@ TEST_F(FeatureFixture, LaterLinesWinBadLinesDoNotStopTheFileAndLateFeaturesGetTh
 
 TEST_F(FeatureFixture, RegistrationIsByNameAndIdsAreStable)
 {
-    EXPECT_EQ(reg().FeatureName(DBG_FEATURE_SOCKET), "SOCKET");
+    EXPECT_EQ(reg().FeatureName(socketTraceFeature().Id()), "SOCKET");
     EXPECT_EQ(reg().Feature("socket"), &socketTraceFeature());
     UtlDbgFeature& a = reg().FeatureRegister("Stable", {{0x2, "TWO", ""}});
     UtlDbgFeature& b = reg().FeatureRegister("STABLE", {{0x4, "FOUR", ""}});
@@ -96,7 +96,7 @@ TEST_F(FeatureFixture, RegistrationIsByNameAndIdsAreStable)
     }
 
     socketTraceFeature().SetMask(SOCK_TRACE_WAIT | 0x20000000);
-    const std::string d = reg().FeatureMaskBitsDesc(DBG_FEATURE_SOCKET);
+    const std::string d = reg().FeatureMaskBitsDesc(socketTraceFeature().Id());
     EXPECT_EQ(d.rfind("SOCKET [0x20000400]\n", 0), 0u) << d;
     EXPECT_NE(d.find("  0x00000400 * WAIT  readiness waits\n"), std::string::npos) << d;
     EXPECT_NE(d.find("  0x00000001   BIND  bind and accept detail\n"), std::string::npos) << d;

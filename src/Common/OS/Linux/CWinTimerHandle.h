@@ -19,15 +19,15 @@
 
 #include "Common/OS/Linux/CWinMutexHandle.h"
 #include "Common/OS/Linux/WinEvent.h"
-#include "Common/OS/TavroExport.h"
+#include "TavroExport.h"
 
 typedef void (*PTIMERAPCROUTINE)(void* arg, DWORD low, DWORD high);
 
-TAVRO_C_EXPORT HANDLE CreateWaitableTimer(SECURITY_ATTRIBUTES* attr, BOOL bManualReset, const char* name);
-TAVRO_C_EXPORT BOOL SetWaitableTimer(HANDLE h, const _LARGE_INTEGER* dueTime, LONG periodMs, PTIMERAPCROUTINE fn,
+extern "C" TAVRO_EXPORT HANDLE CreateWaitableTimer(SECURITY_ATTRIBUTES* attr, BOOL bManualReset, const char* name);
+extern "C" TAVRO_EXPORT BOOL SetWaitableTimer(HANDLE h, const _LARGE_INTEGER* dueTime, LONG periodMs, PTIMERAPCROUTINE fn,
                                      void* arg, BOOL resume);
-TAVRO_C_EXPORT BOOL CancelWaitableTimer(HANDLE h);
-TAVRO_C_EXPORT void WinTimerHandler(int sig, siginfo_t* info, void* ctx);
+extern "C" TAVRO_EXPORT BOOL CancelWaitableTimer(HANDLE h);
+extern "C" TAVRO_EXPORT void WinTimerHandler(int sig, siginfo_t* info, void* ctx);
 
 // Owned by the completion thread, which frees it on exit.
 struct TimerThreadParameters {

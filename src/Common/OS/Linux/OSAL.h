@@ -4,7 +4,7 @@
 #include <cstdint>
 
 #include "Common/OS/Linux/WinTypes.h"
-#include "Common/OS/TavroExport.h"
+#include "TavroExport.h"
 
 struct _SYSTEMTIME {
     std::uint16_t wYear;
@@ -22,14 +22,14 @@ typedef _SYSTEMTIME SYSTEMTIME;
 constexpr uintptr_t OSAL_BEGINTHREAD_FAILED = 0xFFFFFFFFu;
 constexpr unsigned OSAL_MIN_STACK_SIZE = 0x20000;
 
-TAVRO_C_EXPORT uintptr_t _beginthread(void (*start)(void*), unsigned stackSize, void* arg);
-TAVRO_C_EXPORT void _endthread();
-TAVRO_C_EXPORT void Sleep(DWORD ms);
-TAVRO_C_EXPORT DWORD GetCurrentThreadId();
-TAVRO_C_EXPORT int set_thread_name(char* name);
-TAVRO_C_EXPORT long long get_ticks();
-TAVRO_C_EXPORT void GetSystemTime(_SYSTEMTIME* st);
-TAVRO_C_EXPORT DWORD elapseTime(_SYSTEMTIME* a, _SYSTEMTIME* b);
-TAVRO_C_EXPORT DWORD GetCurrentDirectory(DWORD size, char* buf);
-TAVRO_C_EXPORT char* strupr(char* s);
-TAVRO_C_EXPORT int strnicmp(const char* a, const char* b, unsigned n);
+extern "C" TAVRO_EXPORT uintptr_t _beginthread(void (*start)(void*), unsigned stackSize, void* arg);
+extern "C" TAVRO_EXPORT void _endthread();
+extern "C" TAVRO_EXPORT void Sleep(DWORD ms);
+extern "C" TAVRO_EXPORT DWORD GetCurrentThreadId();
+extern "C" TAVRO_EXPORT int set_thread_name(char* name);
+extern "C" TAVRO_EXPORT long long get_ticks();
+extern "C" TAVRO_EXPORT void GetSystemTime(_SYSTEMTIME* st);
+extern "C" TAVRO_EXPORT DWORD elapseTime(_SYSTEMTIME* a, _SYSTEMTIME* b);
+extern "C" TAVRO_EXPORT DWORD GetCurrentDirectory(DWORD size, char* buf);
+extern "C" TAVRO_EXPORT char* strupr(char* s);
+extern "C" TAVRO_EXPORT int strnicmp(const char* a, const char* b, unsigned n);

@@ -7,21 +7,21 @@
 #include <time.h>
 
 #include "Common/OS/Linux/WinTypes.h"
-#include "Common/OS/TavroExport.h"
+#include "TavroExport.h"
 
-TAVRO_C_EXPORT HANDLE CreateEvent(SECURITY_ATTRIBUTES* attr, BOOL bManualReset, BOOL bInitialState,
+extern "C" TAVRO_EXPORT HANDLE CreateEvent(SECURITY_ATTRIBUTES* attr, BOOL bManualReset, BOOL bInitialState,
                                   const char* name);
-TAVRO_C_EXPORT HANDLE OpenEvent(DWORD access, BOOL inherit, const char* name);
-TAVRO_C_EXPORT BOOL SetEvent(HANDLE h);
-TAVRO_C_EXPORT BOOL ResetEvent(HANDLE h);
-TAVRO_C_EXPORT BOOL PulseEvent(HANDLE h);
-TAVRO_C_EXPORT DWORD WaitForSingleObject(HANDLE h, DWORD ms);
-TAVRO_C_EXPORT DWORD WaitForMultipleObjects(DWORD count, HANDLE const* handles, BOOL waitAll, DWORD ms);
-TAVRO_C_EXPORT BOOL CloseHandle(HANDLE h);
-TAVRO_C_EXPORT HANDLE CreateMutex(SECURITY_ATTRIBUTES* attr, BOOL bInitialOwner, const char* name);
-TAVRO_C_EXPORT HANDLE OpenMutex(DWORD access, BOOL inherit, const char* name);
-TAVRO_C_EXPORT BOOL ReleaseMutex(HANDLE h);
-TAVRO_C_EXPORT DWORD GetTickCount();
+extern "C" TAVRO_EXPORT HANDLE OpenEvent(DWORD access, BOOL inherit, const char* name);
+extern "C" TAVRO_EXPORT BOOL SetEvent(HANDLE h);
+extern "C" TAVRO_EXPORT BOOL ResetEvent(HANDLE h);
+extern "C" TAVRO_EXPORT BOOL PulseEvent(HANDLE h);
+extern "C" TAVRO_EXPORT DWORD WaitForSingleObject(HANDLE h, DWORD ms);
+extern "C" TAVRO_EXPORT DWORD WaitForMultipleObjects(DWORD count, HANDLE const* handles, BOOL waitAll, DWORD ms);
+extern "C" TAVRO_EXPORT BOOL CloseHandle(HANDLE h);
+extern "C" TAVRO_EXPORT HANDLE CreateMutex(SECURITY_ATTRIBUTES* attr, BOOL bInitialOwner, const char* name);
+extern "C" TAVRO_EXPORT HANDLE OpenMutex(DWORD access, BOOL inherit, const char* name);
+extern "C" TAVRO_EXPORT BOOL ReleaseMutex(HANDLE h);
+extern "C" TAVRO_EXPORT DWORD GetTickCount();
 
 // Root of every object behind a HANDLE. A HANDLE is always the address of the
 // CBaseHandle sub-object.
