@@ -60,7 +60,6 @@ def _declare(lib: ctypes.CDLL) -> None:
         "I_TAVRO_SendCommandWithResponse": (i32, [i32, vp, ctypes.c_uint, ctypes.c_uint,
                                                   ctypes.POINTER(TAVRO_RESPONSE)]),
         "I_TAVRO_FreeResponse": (None, [ctypes.POINTER(TAVRO_RESPONSE)]),
-        "I_GetRawStats": (vp, [ctypes.c_ushort]),
         "I_TAVRO_SetResponseStatus": (i32, [vp, i32]),
         "I_TAVRO_SetResponseError": (i32, [vp, i32]),
         "I_TAVRO_SetResponseData": (i32, [vp, vp, ctypes.c_uint]),
@@ -76,7 +75,6 @@ def _declare(lib: ctypes.CDLL) -> None:
 
 _lock = threading.Lock()
 _lib: Optional[ctypes.CDLL] = None
-_libc_free = None
 
 
 def load(path: Optional[str] = None) -> ctypes.CDLL:
@@ -85,7 +83,7 @@ def load(path: Optional[str] = None) -> ctypes.CDLL:
     path, else the environment variable TAVRO_LIBRARY, else the library of the
     build tree this package came from, else the system's libTAVRO.so.1.
     """
-    global _lib, _libc_free
+    global _lib
     with _lock:
         if _lib is not None:
             if path and os.path.realpath(path) != os.path.realpath(_lib._name):
@@ -100,10 +98,6 @@ def load(path: Optional[str] = None) -> ctypes.CDLL:
                 tried.append(f"{candidate} ({e})")
                 continue
             _declare(lib)
-            libc = ctypes.CDLL(None)
-            libc.free.restype = None
-            libc.free.argtypes = [ctypes.c_void_p]
-            _libc_free = libc.free
             _lib = lib
             return lib
         raise LibraryNotFoundError(
@@ -113,9 +107,3 @@ def load(path: Optional[str] = None) -> ctypes.CDLL:
 
 def loaded() -> Optional[ctypes.CDLL]:
     return _lib
-
-
-def free(pointer: int) -> None:
-    """The C library's free(), for blocks libTAVRO malloc'ed."""
-    assert _libc_free is not None
-    _libc_free(pointer)

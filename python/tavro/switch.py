@@ -15,7 +15,7 @@ from typing import Any, Callable, Optional, Tuple, Union
 from . import _library
 from ._codes import Command, Error, Status
 from .errors import ConnectionError, NotConnectedError, StatusError, TavroError, TimeoutError, code_name
-from .rawstats import ENTRY_SIZE, HEAD_SIZE, RawStats, parse_raw_stats
+from .rawstats import RawStats, parse_raw_stats
 
 __all__ = ["Switch", "Response", "initialize", "library_version", "Payload", "HandlerResult"]
 
@@ -390,27 +390,21 @@ class Switch:
             response.raise_for_status()
         return response
 
-    def raw_stats(self, slot: int) -> RawStats:
+    def raw_stats(self, slot: int, timeout: Optional[float] = None) -> RawStats:
         """Raw counters of the blade in slot: a RawStats list of PortStats.
 
-        Waits up to the library's 10 s. The block is parsed in whichever byte
-        order the switch sent it. Raises TavroError when the switch refused,
-        answered short or not in time.
+        Asks the switch with CMD_GET_BLADE_RAW_STATS, as I_GetRawStats does,
+        but keeps the whole reply, so that it parses in whichever byte order
+        the switch sent it (I_GetRawStats sizes the block by the count word
+        read in this host's order). timeout as for request(). Raises
+        StatusError naming the switch's refusal (RSP_NO_DEVICE for an empty
+        slot), TimeoutError, or TavroError for a reply it cannot read.
         """
         if isinstance(slot, bool) or not isinstance(slot, int) or not 0 <= slot <= 0xFFFF:
             raise ValueError(f"slot is an int from 0 to 65535, not {slot!r}")
-        lib = self._require_connection(f"raw_stats({slot})")
-        block = lib.I_GetRawStats(slot)
-        if not block:
-            raise TavroError(f"I_GetRawStats({slot}): no statistics (the switch refused, answered short, "
-                             "or did not answer within 10 s)")
-        try:
-            # The library sized the block by the first word read in this host's order.
-            (count,) = struct.unpack("=H", ctypes.string_at(block, 2))
-            data = ctypes.string_at(block, HEAD_SIZE + count * ENTRY_SIZE)
-        finally:
-            _library.free(block)
-        return parse_raw_stats(data)
+        # The request record is the slot number in this host's order.
+        rsp = self.request(Command.CMD_GET_BLADE_RAW_STATS, struct.pack("=H", slot), timeout, check=True)
+        return parse_raw_stats(rsp.payload)
 
     # -- handlers ------------------------------------------------------------
 
