@@ -41,3 +41,9 @@ __all__ = [
     "Command", "Status", "Error", "Manager", "MessageType",
     "TavroError", "ConnectionError", "NotConnectedError", "TimeoutError", "StatusError", "LibraryNotFoundError",
 ]
+
+# Public names show as tavro.X in tracebacks and help().
+for _name in ("Switch", "Response", "PortStats", "RawStats", "TavroError", "ConnectionError", "NotConnectedError",
+              "TimeoutError", "StatusError", "LibraryNotFoundError"):
+    globals()[_name].__module__ = __name__
+del _name

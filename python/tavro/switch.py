@@ -230,8 +230,10 @@ class Switch:
     disconnects on exit:
 
         with tavro.Switch("pce") as switch:
-            rsp = switch.request(tavro.Command.CMD_GET_BLADE_RAW_STATS, b"\\x03\\x00")
-            ports = switch.raw_stats(3)
+            ports = switch.raw_stats(3)              # [PortStats(port=1, ...), ...]
+            rsp = switch.request(tavro.Command.CMD_CONN_PORT, payload, timeout=2)
+            if rsp.ok: ...
+            switch.send(tavro.Command.CMD_HEARTBEAT)
 
             @switch.handler(tavro.Command.CMD_HEARTBEAT)
             def heartbeat(command, payload):
@@ -247,12 +249,16 @@ class Switch:
 
     The library holds one connection per process: one Switch may be
     connected at a time. Methods may be called from several threads at
-    once. Blocking calls release the GIL; Ctrl-C takes effect when the
-    current call returns (after at most its time-out).
+    once; blocking calls release the GIL. Ctrl-C raises KeyboardInterrupt
+    as usual (initialize() puts Python's signal handling back after the
+    library's), once the current call returns: after at most its time-out.
+    At interpreter exit a connected Switch is closed before Python tears
+    down, so no handler runs in a dying interpreter.
     """
 
     def __init__(self, service: str = "pce", *, connect_timeout: float = 10.0,
                  library: Optional[str] = None) -> None:
+        """Describes the connection; connect() or a with block makes it."""
         if service not in SERVICES:
             raise ValueError(f"service is one of {', '.join(SERVICES)}, not {service!r}")
         if connect_timeout <= 0:
@@ -291,13 +297,17 @@ class Switch:
             lib = _library.loaded()
             start = time.monotonic()
             deadline = start + self.connect_timeout
-            status = lib.I_SwitchConnect(SERVICES[self.service][0])
-            if status == Error.I_ERR_NO_CONNECTION:
-                # The library keeps trying (every 2 s) after its own wait.
-                while time.monotonic() < deadline and lib.I_SwitchIsConnected() != Error.I_SUCCESS:
-                    time.sleep(0.05)
-                if lib.I_SwitchIsConnected() == Error.I_SUCCESS:
-                    status = Error.I_SUCCESS
+            try:
+                status = lib.I_SwitchConnect(SERVICES[self.service][0])
+                if status == Error.I_ERR_NO_CONNECTION:
+                    # The library keeps trying (every 2 s) after its own wait.
+                    while time.monotonic() < deadline and lib.I_SwitchIsConnected() != Error.I_SUCCESS:
+                        time.sleep(0.05)
+                    if lib.I_SwitchIsConnected() == Error.I_SUCCESS:
+                        status = Error.I_SUCCESS
+            except BaseException:  # Ctrl-C: leave nothing trying in the background
+                lib.I_SwitchDisconnect()
+                raise
             if status != Error.I_SUCCESS:
                 lib.I_SwitchDisconnect()
                 raise ConnectionError(
