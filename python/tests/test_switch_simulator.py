@@ -194,6 +194,8 @@ def test_a_script_that_exits_connected_disconnects_first(simulator, tmp_path):
     conn = simulator.expect(r"-- #(\d+) connected to PCE", since=mark).group(1)
     simulator.expect(rf"<< #{conn} RSP: CMD_TEST_19", since=mark)
     simulator.expect(rf"-- #{conn} connection closed", since=mark)
+    # The session wound down while the process still ran, not at its death.
+    assert "removed from Switch routing table" in (tmp_path / "log" / "Test.Debug.log").read_text(errors="replace")
 
 
 def test_close_disconnects_and_then_sending_raises(switch):
