@@ -373,8 +373,8 @@ class Switch:
         if timeout is None:
             ms = 0
         else:
-            if not timeout > 0:
-                raise ValueError("timeout must be positive")
+            if not 0 < timeout < math.inf:
+                raise ValueError(f"timeout is a positive number of seconds, not {timeout!r}")
             ms = max(1, math.ceil(timeout * 1000))
             if ms > _INT32[1]:
                 raise ValueError(f"timeout {timeout} s is too long")

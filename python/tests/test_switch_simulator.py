@@ -168,6 +168,7 @@ def test_eight_threads_at_once(switch):
     (lambda s: s.send(2 ** 31), ValueError),
     (lambda s: s.send("CMD_NO_SUCH"), ValueError),
     (lambda s: s.request(Command.CMD_HEARTBEAT, timeout=0), ValueError),
+    (lambda s: s.request(Command.CMD_HEARTBEAT, timeout=float("inf")), ValueError),
     (lambda s: s.request(Command.CMD_HEARTBEAT, b"x" * 2559936), tavro.TavroError),
     (lambda s: s.raw_stats(-1), ValueError),
     (lambda s: s.register_handler(Command.CMD_HEARTBEAT, "not callable"), TypeError),
