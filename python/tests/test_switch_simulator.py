@@ -131,11 +131,13 @@ def test_request_inside_a_handler_is_refused(switch, simulator):
             errors.append(e)
         return Status.RSP_OK
 
-    mark = simulator.mark()
     switch.register_handler(Command.CMD_TEST_18, nested)
     try:
+        deadline = time.monotonic() + 10
+        while not errors and time.monotonic() < deadline:
+            time.sleep(0.02)
+        mark = simulator.mark()
         simulator.expect(r"<< #\d+ RSP: CMD_TEST_18 seq=\d+ RSP_OK", since=mark)
-        simulator.expect(r"<< #\d+ RSP: CMD_TEST_18 seq=\d+ RSP_OK", since=simulator.mark())
     finally:
         switch.register_handler(Command.CMD_TEST_18, HANDLERS[Command.CMD_TEST_18][0])
     assert errors and "inside a handler" in str(errors[0])
@@ -178,6 +180,22 @@ def test_bad_arguments_are_refused(switch, call, error):
     with pytest.raises(error):
         call(switch)
     assert switch.is_connected()
+
+
+def test_unregistered_command_goes_unanswered(switch, simulator, capfd):
+    switch.unregister_handler(Command.CMD_TEST_19)
+    try:
+        out, deadline = "", time.monotonic() + 10
+        while "GOT AN UNHANDLED COMMAND" not in out and time.monotonic() < deadline:
+            time.sleep(0.05)
+            out += capfd.readouterr().out
+        assert "GOT AN UNHANDLED COMMAND" in out
+        mark = simulator.mark()
+        seq = simulator.expect(r">> #\d+ CMD: CMD_TEST_19 seq=(\d+)", since=mark).group(1)
+        simulator.expect(rf">> #\d+ CMD: CMD_TEST_19 seq=(?!{seq}\b)", since=mark)
+        assert simulator.wait_for(rf"<< #\d+ RSP: CMD_TEST_19 seq={seq}\b", since=mark, timeout=0) is None
+    finally:
+        switch.register_handler(Command.CMD_TEST_19, HANDLERS[Command.CMD_TEST_19][0])
 
 
 def test_a_script_that_exits_connected_disconnects_first(simulator, tmp_path):
