@@ -6,7 +6,7 @@ without response, answer the switch's heartbeats for a while, disconnect.
     PYTHONPATH=build/native/python examples/switch_tour.py [--slot N] ...
 
 Run it from a directory where it may create "log/" (the library's debug trace).
-Exit status: 0 when every step worked, 1 otherwise, 2 for bad options.
+Exit status: 0 when every step worked, 1 otherwise, 2 for bad options, 130 after Ctrl-C.
 """
 import argparse
 import os
@@ -110,4 +110,8 @@ def main() -> int:
 
 
 if __name__ == "__main__":
-    sys.exit(main())
+    try:
+        sys.exit(main())
+    except KeyboardInterrupt:  # the with block has disconnected already
+        print("interrupted", file=sys.stderr)
+        sys.exit(130)
