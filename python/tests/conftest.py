@@ -83,6 +83,7 @@ class Simulator:
                 self.proc.kill()
                 self.proc.wait()
         self._reader.join(WAIT_S)
+        self.proc.stdout.close()
 
 
 @pytest.fixture(scope="module")
