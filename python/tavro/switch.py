@@ -269,7 +269,7 @@ class Switch:
         self.connect_timeout = float(connect_timeout)
         self._library = library
         self._connected = False
-        self._own_handlers: set = set()
+        self._own_handlers: dict = {}  # code -> the function registered through this Switch
 
     def __repr__(self) -> str:
         state = "connected" if self.is_connected() else "closed"
@@ -319,16 +319,19 @@ class Switch:
             return self
 
     def close(self) -> None:
-        """Disconnects (waiting up to about 4 s) and removes the handlers
-        registered through this Switch. Does nothing when not connected."""
+        """Disconnects if connected (waiting up to about 4 s) and removes the
+        handlers registered through this Switch, unless another Switch has
+        replaced them since. Calling it again does nothing."""
         global _active
         with _state:
             if self._connected:
                 _library.loaded().I_SwitchDisconnect()
                 self._connected = False
                 _active = None
-            for code in list(self._own_handlers):
-                self.unregister_handler(code)
+            for code, fn in list(self._own_handlers.items()):
+                if _handlers.get(code) is fn:  # not since replaced through another Switch
+                    self.unregister_handler(code)
+            self._own_handlers.clear()
 
     def is_connected(self) -> bool:
         """True while this Switch's link to the switch is up (it may drop
@@ -448,7 +451,7 @@ class Switch:
         lib = _library.load(self._library)
         with _state:
             _handlers[code] = fn
-            self._own_handlers.add(code)
+            self._own_handlers[code] = fn
             _check(f"I_TAVRO_RegisterCommandHandler({_name(code)})", lib.I_TAVRO_RegisterCommandHandler(code, _THUNK))
 
     def unregister_handler(self, command: CommandLike) -> None:
@@ -459,4 +462,4 @@ class Switch:
         with _state:
             if _handlers.pop(code, None) is not None:
                 lib.I_TAVRO_UnRegisterCommandHandler(code)
-            self._own_handlers.discard(code)
+            self._own_handlers.pop(code, None)

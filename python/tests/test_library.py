@@ -66,3 +66,22 @@ def test_sigterm_ends_the_process_unless_the_library_keeps_it(tmp_path, restore,
         os.kill(os.getpid(), signal.SIGTERM)
         """)
     assert r.returncode == returncode, r.stderr
+
+
+def test_closing_a_switch_keeps_handlers_another_one_replaced():
+    from tavro.switch import _handlers
+
+    def first(c, p):
+        return None
+
+    def second(c, p):
+        return None
+
+    a, b = tavro.Switch(), tavro.Switch()
+    a.register_handler(tavro.Command.CMD_TEST_18, first)
+    a.register_handler(tavro.Command.CMD_TEST_19, first)
+    b.register_handler(tavro.Command.CMD_TEST_18, second)
+    a.close()
+    assert _handlers.get(tavro.Command.CMD_TEST_18) is second and tavro.Command.CMD_TEST_19 not in _handlers
+    b.close()
+    assert tavro.Command.CMD_TEST_18 not in _handlers
