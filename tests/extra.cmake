@@ -21,3 +21,14 @@ foreach(src IN LISTS TAVRO_E2E_TESTS)
     "if(${name}_TESTS)\n  set_tests_properties(\${${name}_TESTS} PROPERTIES RESOURCE_LOCK tavro_service_ports)\nendif()\n")
 endforeach()
 set_property(DIRECTORY APPEND PROPERTY TEST_INCLUDE_FILES ${TAVRO_E2E_LOCKS})
+
+# The dissector test runs tshark, a host program: native builds only, and
+# only where tshark is installed (tools/setup.sh installs it).
+if(TARGET WiresharkDissectorE2eTest AND NOT CMAKE_CROSSCOMPILING)
+  find_program(TAVRO_TSHARK tshark)
+  if(TAVRO_TSHARK)
+    target_compile_definitions(WiresharkDissectorE2eTest PRIVATE
+      TAVRO_TSHARK="${TAVRO_TSHARK}" TAVRO_WIRESHARK_DIR="${PROJECT_BINARY_DIR}/wireshark")
+    add_dependencies(WiresharkDissectorE2eTest tavro_wireshark)
+  endif()
+endif()

@@ -429,11 +429,15 @@ void SwitchSimulator::captureOpened(std::uint64_t conn, int fd)
 
 void SwitchSimulator::noteArrival(std::uint64_t conn, const std::uint8_t* p, std::size_t n)
 {
-    if (opts_.record) {
+    {
         std::lock_guard<std::mutex> lk(mu_);
-        Bytes& raw = raw_[conn];
-        raw.insert(raw.end(), p, p + n);
+        if (opts_.record) {
+            Bytes& raw = raw_[conn];
+            raw.insert(raw.end(), p, p + n);
+        }
+        ++events_; // waitFor callers may be watching receivedBytes
     }
+    changed_.notify_all();
     pcap_.fromClient(conn, p, n);
 }
 
