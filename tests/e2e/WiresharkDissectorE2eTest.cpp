@@ -65,19 +65,25 @@ std::string run(const std::string& cmd)
 }
 
 #if defined(TAVRO_TSHARK) && defined(TAVRO_WIRESHARK_DIR)
+const char* const kTshark = TAVRO_TSHARK;
+const char* const kDissectorDir = TAVRO_WIRESHARK_DIR;
+#else
+const char* const kTshark = nullptr; // a cross build, or no tshark on the build host
+const char* const kDissectorDir = nullptr;
+#endif
+
 // tshark with the built dissector and nothing from the user's own Wireshark
 // set-up (HOME points at the test's directory). Lines of its own about
 // running as root are dropped.
 std::string tshark(const std::string& args)
 {
-    const std::string out = run("HOME=\"$PWD\" XDG_CONFIG_HOME=\"$PWD\" " TAVRO_TSHARK " -n -X lua_script:" TAVRO_WIRESHARK_DIR
-                                "/tavro.lua " + args);
+    const std::string out = run(std::string("HOME=\"$PWD\" XDG_CONFIG_HOME=\"$PWD\" ") + kTshark +
+                                " -n -X lua_script:" + kDissectorDir + "/tavro.lua " + args);
     std::string kept;
     for (const std::string& line : lines(out))
         if (line.rfind("Running as user", 0) != 0) kept += line + '\n';
     return kept;
 }
-#endif
 
 template <typename T>
 std::string text(T v)
@@ -129,9 +135,7 @@ class Dissector : public testing::Test {
 protected:
     void SetUp() override
     {
-#if !defined(TAVRO_TSHARK) || !defined(TAVRO_WIRESHARK_DIR)
-        GTEST_SKIP() << "no tshark on this build host, or a cross build";
-#endif
+        if (!kTshark) GTEST_SKIP() << "no tshark on this build host, or a cross build";
         dir.reset(new tavro_test::ScopedTempDir);
         ::mkdir("log", 0755);
         pcap = dir->path() + "/traffic.pcap";
@@ -161,7 +165,6 @@ protected:
     // Every frame in the capture, in order, from tshark's fields and info column.
     std::vector<Pdu> decode()
     {
-#if defined(TAVRO_TSHARK) && defined(TAVRO_WIRESHARK_DIR)
         const std::string out = tshark("-r " + pcap +
                                        " -Y tavro -T fields -E separator=/t -E occurrence=a -E aggregator=,"
                                        " -e frame.number -e tcp.dstport -e _ws.col.Info -e tavro.marker"
@@ -206,9 +209,6 @@ protected:
             }
         }
         return pdus;
-#else
-        return {};
-#endif
     }
 
     // The capture's frames, one direction at a time, equal what the
@@ -306,7 +306,6 @@ TEST_P(LibraryTraffic, EveryFrameAndTheRawStatisticsDecodeAsTheSimulatorSawThem)
     ASSERT_EQ(pdus.size(), 1u + 4u + 3u) << "link test, 4 frames from the library, 3 from the switch";
     expectFramesMatchTheSimulator(pdus);
 
-#if defined(TAVRO_TSHARK) && defined(TAVRO_WIRESHARK_DIR)
     // The statistics reply, port by port, against the simulator's counters.
     const std::string stats = tshark("-r " + pcap +
                                      " -Y tavro.stats.entries -T fields -E occurrence=a -E aggregator=,"
@@ -348,7 +347,6 @@ TEST_P(LibraryTraffic, EveryFrameAndTheRawStatisticsDecodeAsTheSimulatorSawThem)
                              "Manager class: MGR_PKT_STATS (10)", "Message type: MSG_RESPONSE (0x5253503a)"})
         EXPECT_NE(tree.find(line), std::string::npos) << line;
     EXPECT_EQ(tree.find("Lua Error"), std::string::npos);
-#endif
 }
 
 INSTANTIATE_TEST_SUITE_P(Wireshark, LibraryTraffic,
@@ -405,14 +403,12 @@ TEST_F(Dissector, PackedSplitAndBadFramesFromAPlainClient)
     EXPECT_EQ(pdus[4].marker, hex(0x42414421));
     EXPECT_EQ(pdus[4].info, "Bad marker 0x42414421");
 
-#if defined(TAVRO_TSHARK) && defined(TAVRO_WIRESHARK_DIR)
     const std::string expert = tshark("-r " + pcap + " -Y tavro.bad_marker -T fields -e _ws.expert.severity"
                                       " -e _ws.expert.message -e _ws.expert.group");
     EXPECT_NE(expert.find("Not a frame start: marker 0x42414421 (40 bytes dropped)"), std::string::npos) << expert;
     const std::string tree = tshark("-r " + pcap + " -V -Y tavro");
     EXPECT_NE(tree.find("Payload: 0506070809"), std::string::npos);
     EXPECT_EQ(tree.find("Lua Error"), std::string::npos);
-#endif
 }
 
 } // namespace
