@@ -384,6 +384,12 @@ TEST_F(Dissector, PackedSplitAndBadFramesFromAPlainClient)
     write(lp::Bytes(cardInit.begin() + 5, cardInit.begin() + 25));
     write(lp::Bytes(cardInit.begin() + 25, cardInit.end()));
 
+    // The in-memory flag on the wire, and a payload size that disagrees.
+    lp::Frame flagged{lp::kMarker, 2, lp::kCommand, CMD_CARD_AUTOTRIM, 9, 0, 9, 0, {1}};
+    flagged.sizeOverride = 0x80000000u | 29;
+    flagged.appSizeOverride = 2;
+    write(flagged.encode(lp::Order::Big));
+
     lp::Bytes bad = {'B', 'A', 'D', '!', 0, 0, 0, 1, 0, 0, 0, 28};
     bad.resize(40, 0xEE);
     ASSERT_TRUE(client.write(bad));
@@ -391,7 +397,7 @@ TEST_F(Dissector, PackedSplitAndBadFramesFromAPlainClient)
     sim.stop();
 
     const std::vector<Pdu> pdus = decode();
-    ASSERT_EQ(pdus.size(), 5u) << "link test, two commands, an answer and the bad header";
+    ASSERT_EQ(pdus.size(), 6u) << "link test, three commands, an answer and the bad header";
     expectFramesMatchTheSimulator(pdus);
     // Two frames of one packet share it and its info line.
     EXPECT_EQ(pdus[0].packet, pdus[1].packet);
@@ -400,15 +406,57 @@ TEST_F(Dissector, PackedSplitAndBadFramesFromAPlainClient)
     EXPECT_EQ(pdus[3].cmd, std::to_string(CMD_CARD_INIT));
     EXPECT_EQ(pdus[3].order, "little-endian");
     EXPECT_EQ(pdus[3].packet, pdus[2].packet + 3);
-    EXPECT_EQ(pdus[4].marker, hex(0x42414421));
-    EXPECT_EQ(pdus[4].info, "Bad marker 0x42414421");
+    EXPECT_EQ(pdus[5].marker, hex(0x42414421));
+    EXPECT_EQ(pdus[5].info, "Bad marker 0x42414421");
 
     const std::string expert = tshark("-r " + pcap + " -Y tavro.bad_marker -T fields -e _ws.expert.severity"
                                       " -e _ws.expert.message -e _ws.expert.group");
     EXPECT_NE(expert.find("Not a frame start: marker 0x42414421 (40 bytes dropped)"), std::string::npos) << expert;
+    const std::string warnings = tshark("-r " + pcap + " -Y 'tavro.flag_on_wire && tavro.appsize_mismatch'"
+                                        " -T fields -e tavro.cmd -e tavro.size.flag -e tavro.appsize.flag");
+    EXPECT_EQ(warnings, std::to_string(CMD_CARD_AUTOTRIM) + "\t1\t\n");
     const std::string tree = tshark("-r " + pcap + " -V -Y tavro");
     EXPECT_NE(tree.find("Payload: 0506070809"), std::string::npos);
+    EXPECT_NE(tree.find("Payload size 2, but the frame carries 1 bytes"), std::string::npos);
     EXPECT_EQ(tree.find("Lua Error"), std::string::npos);
+}
+
+// Headers the library refuses, each on a connection of its own (the simulator
+// closes on them): flagged, and whatever followed in the segment goes too.
+TEST_F(Dissector, RefusedHeadersAreFlaggedAsErrors)
+{
+    const struct {
+        std::uint32_t marker, size;
+        std::size_t bytes;
+        const char *info, *filter, *message;
+    } cases[] = {
+        {0x21444142, 28, 40, "Bad marker 0x42414421", "tavro.bad_marker", // "BAD!" as bytes
+         "Not a frame start: marker 0x42414421 (40 bytes dropped)"},
+        {lp::kMarker, 0, 20, "Bad size 0", "tavro.bad_size", "Size 0: the application header is missing"},
+        {lp::kMarker, 0x7FFFFFFF, 40, "Bad size 2147483647", "tavro.bad_size",
+         "Size 2147483647 exceeds the library's 2559936-byte receive buffer"},
+        {lp::kMarker, 20, 32, "Short frame", "tavro.short_frame",
+         "Size 20 leaves no room for the 28-byte application header"},
+    };
+    startSim(false, 0);
+    for (const auto& c : cases) {
+        lp::Peer client;
+        ASSERT_TRUE(client.connectTo(kPcePort));
+        lp::Bytes b;
+        for (std::uint32_t w : {c.marker, 1u, c.size}) lp::putWord(b, w, lp::Order::Little);
+        b.resize(c.bytes, 0xEE);
+        ASSERT_TRUE(client.write(b));
+        ASSERT_TRUE(client.seesClose()) << c.info;
+    }
+    sim.stop();
+
+    const auto got = lines(tshark("-r " + pcap + " -Y tavro -T fields -e _ws.col.Info -e _ws.expert.message"));
+    ASSERT_EQ(got.size(), std::size(cases));
+    for (std::size_t i = 0; i < got.size(); ++i) {
+        EXPECT_EQ(got[i], std::string(cases[i].info) + '\t' + cases[i].message);
+        EXPECT_EQ(lines(tshark("-r " + pcap + " -Y " + cases[i].filter)).size(),
+                  std::string(cases[i].filter) == "tavro.bad_size" ? 2u : 1u);
+    }
 }
 
 } // namespace
