@@ -57,6 +57,7 @@ bool PcapWriter::open(const std::string& path, unsigned maxSegment, std::string*
     if (file_) std::fclose(file_);
     streams_.clear();
     maxSegment_ = maxSegment == 0 || maxSegment > kMaxSegment ? kMaxSegment : maxSegment;
+    path_ = path;
     file_ = std::fopen(path.c_str(), "wb");
     if (!file_) {
         if (error) *error = "cannot write " + path + ": " + std::strerror(errno);
@@ -198,6 +199,7 @@ void PcapWriter::packet(const Side& from, const Side& to, std::uint8_t flags, co
     // Flushed per packet: the file is readable while the simulator runs.
     if (std::fwrite(rec.data(), 1, rec.size(), file_) != rec.size() ||
         std::fwrite(p.data(), 1, p.size(), file_) != p.size() || std::fflush(file_) != 0) {
+        std::fprintf(stderr, "capture stopped: cannot write %s: %s\n", path_.c_str(), std::strerror(errno));
         std::fclose(file_);
         file_ = nullptr;
     }

@@ -54,7 +54,8 @@ private:
                 std::size_t size);
 
     mutable std::mutex mu_;
-    std::FILE* file_ = nullptr;
+    std::string path_;
+    std::FILE* file_ = nullptr; // closed, with a line on stderr, when a write fails
     unsigned maxSegment_ = kMaxSegment;
     std::uint16_t ipId_ = 1;
     std::map<std::uint64_t, Stream> streams_;
