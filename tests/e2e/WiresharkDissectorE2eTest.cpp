@@ -15,8 +15,6 @@
 #include <string>
 #include <vector>
 
-#include <TAVRO/TAVRORawStats.h>
-
 #include "Ap/ApBase.h"
 #include "Io/IoDBClient.h"
 #include "Io/LoopbackPeer.h"
