@@ -35,7 +35,7 @@ endfunction()
 file(STRINGS "${SOURCE}" lines)
 # Enumerations copied into the header; the others only go into the table.
 set(header_enums COMMAND_CODE RSP_STATUS I_STATUS)
-set(enums MSG_MARKER MSG_TYPE MGR_CLASS COMMAND_CODE RSP_STATUS I_STATUS)
+set(enums MSG_MARKER MSG_TYPE MGR_CLASS COMMAND_CODE RSP_STATUS I_STATUS CMD_CONTROL)
 set(body "")
 set(table "")
 foreach(enum IN LISTS enums)

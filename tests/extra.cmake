@@ -32,3 +32,14 @@ if(TAVRO_TEST_PYTHON)
   set_tests_properties(TavroctlAgainstSimulator PROPERTIES
     LABELS e2e TIMEOUT 600 RESOURCE_LOCK tavro_service_ports)
 endif()
+
+# The dissector test runs tshark, a host program: native builds only, and
+# only where tshark is installed (tools/setup.sh installs it).
+if(TARGET WiresharkDissectorE2eTest AND NOT CMAKE_CROSSCOMPILING)
+  find_program(TAVRO_TSHARK tshark)
+  if(TAVRO_TSHARK)
+    target_compile_definitions(WiresharkDissectorE2eTest PRIVATE
+      TAVRO_TSHARK="${TAVRO_TSHARK}" TAVRO_WIRESHARK_DIR="${PROJECT_BINARY_DIR}/wireshark")
+    add_dependencies(WiresharkDissectorE2eTest tavro_wireshark)
+  endif()
+endif()

@@ -7,7 +7,7 @@ set -euo pipefail
 
 pkgs=(build-essential cmake pkg-config binutils ccache
       libboost-regex-dev libtinyxml-dev
-      libgtest-dev libgmock-dev googletest libbenchmark-dev)
+      libgtest-dev libgmock-dev googletest libbenchmark-dev tshark)
 pkgs+=(python3 python3-pytest python3-setuptools python3-pip python3-wheel python3-venv)  # Python binding
 if [[ "${1:-}" == "--cross" ]]; then
     pkgs+=(g++-powerpc-linux-gnu qemu-user dpkg-dev xz-utils)
@@ -23,5 +23,7 @@ SUDO=""
 [[ $(id -u) -ne 0 ]] && SUDO="sudo"
 echo "setup: installing ${missing[*]}"
 export DEBIAN_FRONTEND=noninteractive
+# tshark's package would ask whether to make dumpcap setuid: no.
+echo "wireshark-common wireshark-common/install-setuid boolean false" | $SUDO debconf-set-selections
 $SUDO apt-get update -qq >/dev/null
 $SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null

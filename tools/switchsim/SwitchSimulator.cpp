@@ -207,16 +207,19 @@ bool SwitchSimulator::start(const Options& options, std::string* error)
     pending_.clear();
     delayed_.clear();
     boundSnmp_ = boundPce_ = 0;
+    if (!opts_.pcap.empty() && !pcap_.open(opts_.pcap, opts_.pcapSegment, error)) return false;
     if (!listenOn(opts_.address, opts_.snmpPort, listenSnmp_, boundSnmp_, error) ||
         !listenOn(opts_.address, opts_.pcePort, listenPce_, boundPce_, error)) {
         if (listenSnmp_ >= 0) ::close(listenSnmp_);
         listenSnmp_ = -1;
+        pcap_.close();
         return false;
     }
     if (::pipe2(wakePipe_, O_CLOEXEC) != 0) {
         if (error) *error = std::string("pipe: ") + std::strerror(errno);
         for (int* fd : {&listenSnmp_, &listenPce_})
             if (*fd >= 0) ::close(*fd), *fd = -1;
+        pcap_.close();
         return false;
     }
     started_ = std::chrono::steady_clock::now();
@@ -254,6 +257,7 @@ void SwitchSimulator::stop()
     for (int* fd : {&listenSnmp_, &listenPce_, &wakePipe_[0], &wakePipe_[1]})
         if (*fd >= 0) ::close(*fd), *fd = -1;
     running_ = false;
+    pcap_.close();
     ++events_;
     changed_.notify_all();
 }
@@ -299,6 +303,7 @@ void SwitchSimulator::acceptLoop()
                 conns_.erase(keep, conns_.end());
                 conn = std::make_shared<Conn>(nextConnId_++, fd, snmp ? "SNMP agent" : "PCE process");
                 conns_.push_back(conn);
+                captureOpened(conn->id, fd); // before its reader records anything
                 ++counters_.connections;
                 ++events_;
                 conn->reader = std::thread(&SwitchSimulator::readLoop, this, conn);
@@ -318,18 +323,25 @@ void SwitchSimulator::acceptLoop()
 void SwitchSimulator::readLoop(std::shared_ptr<Conn> conn)
 {
     const int fd = conn->fd;
+    // Reads whatever has arrived, so that one read (and one captured
+    // packet) may hold part of a frame or several frames, as on the wire.
+    Bytes in(65536);
+    std::size_t have = 0, used = 0;
     auto readExact = [&](std::uint8_t* p, std::size_t n) {
         while (n > 0) {
-            const ssize_t r = ::recv(fd, p, n, 0);
-            if (r < 0 && errno == EINTR) continue;
-            if (r <= 0) return false;
-            if (opts_.record) {
-                std::lock_guard<std::mutex> lk(mu_);
-                Bytes& raw = raw_[conn->id];
-                raw.insert(raw.end(), p, p + r);
+            if (used == have) {
+                const ssize_t r = ::recv(fd, in.data(), in.size(), 0);
+                if (r < 0 && errno == EINTR) continue;
+                if (r <= 0) return false;
+                noteArrival(conn->id, in.data(), std::size_t(r));
+                have = std::size_t(r);
+                used = 0;
             }
-            p += r;
-            n -= std::size_t(r);
+            const std::size_t k = std::min(n, have - used);
+            std::memcpy(p, in.data() + used, k);
+            used += k;
+            p += k;
+            n -= k;
         }
         return true;
     };
@@ -401,6 +413,32 @@ void SwitchSimulator::readLoop(std::shared_ptr<Conn> conn)
         if (!handleFrame(conn, f)) break;
     }
     finishConn(conn);
+}
+
+void SwitchSimulator::captureOpened(std::uint64_t conn, int fd)
+{
+    if (!pcap_.isOpen()) return;
+    sockaddr_in client{}, server{};
+    socklen_t len = sizeof client;
+    ::getpeername(fd, reinterpret_cast<sockaddr*>(&client), &len);
+    len = sizeof server;
+    ::getsockname(fd, reinterpret_cast<sockaddr*>(&server), &len);
+    pcap_.opened(conn, ntohl(client.sin_addr.s_addr), ntohs(client.sin_port), ntohl(server.sin_addr.s_addr),
+                 ntohs(server.sin_port));
+}
+
+void SwitchSimulator::noteArrival(std::uint64_t conn, const std::uint8_t* p, std::size_t n)
+{
+    {
+        std::lock_guard<std::mutex> lk(mu_);
+        if (opts_.record) {
+            Bytes& raw = raw_[conn];
+            raw.insert(raw.end(), p, p + n);
+        }
+        ++events_; // waitFor callers may be watching receivedBytes
+    }
+    changed_.notify_all();
+    pcap_.fromClient(conn, p, n);
 }
 
 void SwitchSimulator::countBadHeader()
@@ -478,6 +516,7 @@ void SwitchSimulator::handleResponse(const SimFrame& f)
 void SwitchSimulator::finishConn(const std::shared_ptr<Conn>& conn)
 {
     ::shutdown(conn->fd, SHUT_RDWR);
+    pcap_.closed(conn->id);
     std::vector<Pending> lost;
     {
         std::lock_guard<std::mutex> lk(mu_);
@@ -526,6 +565,7 @@ std::uint64_t SwitchSimulator::statsSeconds() const
 bool SwitchSimulator::sendOn(const std::shared_ptr<Conn>& conn, const Bytes& bytes, const OutFrame* frame)
 {
     std::lock_guard<std::mutex> sendLock(conn->sendMu);
+    pcap_.toClient(conn->id, bytes.data(), bytes.size()); // first, so an answer to it comes later in the file
     if (!writeAll(conn->fd, bytes.data(), bytes.size())) return false;
     {
         std::lock_guard<std::mutex> lk(mu_);

@@ -18,6 +18,8 @@
 #include <thread>
 #include <vector>
 
+#include "PcapWriter.h"
+
 namespace switchsim {
 
 using Bytes = std::vector<std::uint8_t>;
@@ -100,6 +102,10 @@ struct Options {
     std::function<void(const std::string&)> transcript;
     // Seconds fed into the statistics counters; default: since start().
     std::function<std::uint64_t()> statsClock;
+    // A pcap file of every connection's traffic as read and sent (empty:
+    // none), and the largest TCP payload per packet in it (0: loopback's).
+    std::string pcap;
+    unsigned pcapSegment = 0;
 };
 
 struct Counters {
@@ -209,6 +215,8 @@ private:
     void finishConn(const std::shared_ptr<Conn>& conn);
     WireOrder sendOrder(WireOrder clientOrder) const;
     std::uint64_t statsSeconds() const;
+    void captureOpened(std::uint64_t conn, int fd);
+    void noteArrival(std::uint64_t conn, const std::uint8_t* p, std::size_t n);
 
     mutable std::mutex mu_;
     mutable std::condition_variable changed_; // any event, for waitFor
@@ -237,6 +245,7 @@ private:
     std::vector<SimFrame> sent_;
     std::map<std::uint64_t, Bytes> raw_;
     Counters counters_;
+    PcapWriter pcap_;
 };
 
 } // namespace switchsim

@@ -55,6 +55,9 @@ const char kUsage[] =
     "\n"
     "Output:\n"
     "  --quiet                no transcript, only the start and end lines\n"
+    "  --pcap FILE            write every connection's traffic, as read and sent, to FILE as a\n"
+    "                         pcap of TCP/IPv4 packets (one packet per read; see tools/wireshark)\n"
+    "  --pcap-segment N       at most N payload bytes per packet in that file (default 65495)\n"
     "  --help                 this text\n"
     "\n"
     "Transcript: '<<' a frame received, '>>' a frame sent, '--' an event, '!!' a problem;\n"
@@ -195,6 +198,8 @@ int main(int argc, char** argv)
             opts.faults.reverse = true;
         } else if (arg == "--send-no-rsp") {
             sendNoRsp = true;
+        } else if (arg == "--pcap") {
+            if (!value(opts.pcap) || opts.pcap.empty()) return usageError("--pcap needs a file name");
         } else if (arg == "--address") {
             if (!value(opts.address)) return usageError("--address needs a value");
         } else if (arg == "--snmp-port" || arg == "--pce-port") {
@@ -218,7 +223,8 @@ int main(int argc, char** argv)
             if (!value(v) || !parseDurationMs(v, opts.sendEveryMs))
                 return usageError("--send-every needs a duration such as 500ms or 5s");
         } else if (arg == "--heartbeat-ms" || arg == "--answer-timeout-ms" || arg == "--delay-ms" ||
-                   arg == "--drop-every" || arg == "--close-after" || arg == "--ports" || arg == "--own-addr") {
+                   arg == "--drop-every" || arg == "--close-after" || arg == "--ports" || arg == "--own-addr" ||
+                   arg == "--pcap-segment") {
             if (!value(v) || !parseUnsigned(v, arg == "--ports" ? 0xFFFFul : 0xFFFFFFFFul, n))
                 return usageError(arg + " needs a number");
             if (arg == "--heartbeat-ms") opts.heartbeatMs = unsigned(n);
@@ -228,6 +234,7 @@ int main(int argc, char** argv)
             if (arg == "--close-after") opts.faults.closeAfter = unsigned(n);
             if (arg == "--ports") opts.statsPorts = unsigned(n);
             if (arg == "--own-addr") opts.ownAddr = std::uint32_t(n);
+            if (arg == "--pcap-segment") opts.pcapSegment = unsigned(n);
         } else {
             return usageError("unknown option " + arg);
         }

@@ -1,0 +1,460 @@
+// The Wireshark dissector (tools/wireshark/tavro.lua) as tshark runs it, on
+// captures the simulator writes of real traffic: the library's own through
+// its exported API, and a plain client's frames packed, split and broken on
+// purpose. Every frame tshark shows is compared with the frame the simulator
+// read or sent, its names with the library's own code texts. tshark runs on
+// the host, so cross builds skip these tests.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "Ap/ApBase.h"
+#include "Io/IoDBClient.h"
+#include "Io/LoopbackPeer.h"
+#include "Os/TAVRO.h"
+#include "SwitchSimulator.h"
+#include "TestSupport.h"
+
+namespace lp = loopback_peer;
+using switchsim::SimFrame;
+using switchsim::SwitchSimulator;
+
+namespace {
+
+constexpr auto kWait = std::chrono::seconds(30);
+constexpr std::uint16_t kPcePort = 58992;
+constexpr std::uint64_t kStatsSeconds = 100;
+
+std::vector<std::string> split(const std::string& s, char sep)
+{
+    std::vector<std::string> out;
+    std::string cur;
+    std::istringstream in(s);
+    while (std::getline(in, cur, sep)) out.push_back(cur);
+    if (!s.empty() && s.back() == sep) out.emplace_back();
+    return out;
+}
+
+// Non-empty lines.
+std::vector<std::string> lines(const std::string& s)
+{
+    std::vector<std::string> out;
+    for (std::string& l : split(s, '\n'))
+        if (!l.empty()) out.push_back(std::move(l));
+    return out;
+}
+
+std::string run(const std::string& cmd)
+{
+    std::string out;
+    if (FILE* p = ::popen((cmd + " 2>&1").c_str(), "r")) {
+        char buf[4096];
+        for (std::size_t n; (n = std::fread(buf, 1, sizeof buf, p)) > 0;) out.append(buf, n);
+        ::pclose(p);
+    }
+    return out;
+}
+
+#if defined(TAVRO_TSHARK) && defined(TAVRO_WIRESHARK_DIR)
+const char* const kTshark = TAVRO_TSHARK;
+const char* const kDissectorDir = TAVRO_WIRESHARK_DIR;
+#else
+const char* const kTshark = nullptr; // a cross build, or no tshark on the build host
+const char* const kDissectorDir = nullptr;
+#endif
+
+// tshark with the built dissector and nothing from the user's own Wireshark
+// set-up (HOME points at the test's directory). Lines of its own about
+// running as root are dropped.
+std::string tshark(const std::string& args)
+{
+    const std::string out = run(std::string("HOME=\"$PWD\" XDG_CONFIG_HOME=\"$PWD\" ") + kTshark +
+                                " -n -X lua_script:" + kDissectorDir + "/tavro.lua " + args);
+    std::string kept;
+    for (const std::string& line : lines(out))
+        if (line.rfind("Running as user", 0) != 0) kept += line + '\n';
+    return kept;
+}
+
+template <typename T>
+std::string text(T v)
+{
+    std::ostringstream os;
+    os << v;
+    return os.str();
+}
+
+std::string fourChars(std::uint32_t v)
+{
+    std::string s;
+    for (int shift = 24; shift >= 0; shift -= 8) s += char(v >> shift);
+    return s;
+}
+
+const char* orderText(switchsim::WireOrder o)
+{
+    return lp::orderOf(o == switchsim::WireOrder::Reversed) == lp::Order::Big ? "big-endian" : "little-endian";
+}
+
+// One frame as tshark decoded it.
+struct Pdu {
+    unsigned packet = 0;
+    bool toSwitch = false;
+    std::string marker, order, manager, info;
+    std::string msgtype, cmd, seq, stat, src, apperr, appsize;
+};
+
+// The info line the dissector writes for a frame, from the library's texts.
+std::string infoOf(const SimFrame& f)
+{
+    std::string s = fourChars(f.msgType) + ' ' + text(COMMAND_CODE(std::int32_t(f.cmdCode))) +
+                    " seq=" + std::to_string(f.seqNbr) + ' ';
+    if (f.isCommand()) return s + text(CMD_CONTROL(std::int32_t(f.msgStat)));
+    s += text(RSP_STATUS(std::int32_t(f.msgStat)));
+    if (f.appError == std::uint32_t(I_ERR_UNKNOWN)) s += " err=I_ERR_UNKNOWN";
+    return s;
+}
+
+std::string hex(std::uint32_t v)
+{
+    char b[16];
+    std::snprintf(b, sizeof b, "0x%08x", unsigned(v));
+    return b;
+}
+
+class Dissector : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        if (!kTshark) GTEST_SKIP() << "no tshark on this build host, or a cross build";
+        dir.reset(new tavro_test::ScopedTempDir);
+        ::mkdir("log", 0755);
+        pcap = dir->path() + "/traffic.pcap";
+        // Connections come up at once instead of after the real first wait.
+        tavro_internal::clientSeams().connectDelayMs = [](int) { return DWORD(20); };
+    }
+    void TearDown() override
+    {
+        sim.stop();
+        tavro_internal::resetClientSeams();
+    }
+
+    void startSim(bool reverse, unsigned segment)
+    {
+        switchsim::Options o;
+        o.snmpPort = -1;
+        o.pcePort = kPcePort;
+        o.heartbeatMs = 0;
+        o.faults.reverse = reverse;
+        o.statsClock = [] { return kStatsSeconds; };
+        o.pcap = pcap;
+        o.pcapSegment = segment;
+        std::string error;
+        ASSERT_TRUE(sim.start(o, &error)) << error;
+    }
+
+    // Every frame in the capture, in order, from tshark's fields and info column.
+    std::vector<Pdu> decode()
+    {
+        const std::string out = tshark("-r " + pcap +
+                                       " -Y tavro -T fields -E separator=/t -E occurrence=a -E aggregator=,"
+                                       " -e frame.number -e tcp.dstport -e _ws.col.Info -e tavro.marker"
+                                       " -e tavro.order -e tavro.manager -e tavro.msgtype -e tavro.cmd -e tavro.seq"
+                                       " -e tavro.control -e tavro.status -e tavro.src -e tavro.apperr"
+                                       " -e tavro.appsize");
+        std::vector<Pdu> pdus;
+        for (const std::string& line : lines(out)) {
+            const auto c = split(line, '\t');
+            if (c.size() != 14) {
+                ADD_FAILURE() << "unexpected tshark line: " << line;
+                continue;
+            }
+            // A packet's frames: markers tell which fields each one has.
+            const auto infos = split(c[2], '|');
+            std::vector<std::vector<std::string>> lists;
+            std::vector<std::size_t> next(c.size(), 0);
+            for (const auto& col : c) lists.push_back(split(col, ','));
+            auto take = [&](std::size_t i) { return next[i] < lists[i].size() ? lists[i][next[i]++] : "?"; };
+            for (std::size_t k = 0; k < lists[3].size(); ++k) {
+                Pdu p;
+                p.packet = unsigned(std::stoul(c[0]));
+                p.toSwitch = c[1] == std::to_string(kPcePort);
+                p.info = k < infos.size() ? infos[k] : "?";
+                while (!p.info.empty() && p.info.front() == ' ') p.info.erase(0, 1);
+                while (!p.info.empty() && p.info.back() == ' ') p.info.pop_back();
+                p.marker = take(3);
+                if (p.marker == hex(lp::kMarker) || p.marker == hex(lp::kTest)) {
+                    p.order = take(4);
+                    p.manager = take(5);
+                }
+                if (p.marker == hex(lp::kMarker)) {
+                    p.msgtype = take(6);
+                    p.cmd = take(7);
+                    p.seq = take(8);
+                    p.stat = p.msgtype == hex(lp::kCommand) ? take(9) : take(10);
+                    p.src = take(11);
+                    p.apperr = take(12);
+                    p.appsize = take(13);
+                }
+                pdus.push_back(p);
+            }
+        }
+        return pdus;
+    }
+
+    // The capture's frames, one direction at a time, equal what the
+    // simulator read and sent; link tests are counted apart.
+    void expectFramesMatchTheSimulator(const std::vector<Pdu>& pdus)
+    {
+        std::vector<SimFrame> want[2] = {sim.sentFrames(), sim.receivedFrames()};
+        std::size_t at[2] = {0, 0};
+        unsigned linkTests = 0;
+        for (const Pdu& p : pdus) {
+            if (p.marker == hex(lp::kTest)) {
+                EXPECT_TRUE(p.toSwitch);
+                EXPECT_EQ(p.manager, std::to_string(lp::kLink));
+                EXPECT_EQ(p.info, "TST: link test MGR_LINK");
+                ++linkTests;
+                continue;
+            }
+            if (p.marker != hex(lp::kMarker)) continue; // bad headers: checked by the test
+            std::vector<SimFrame>& list = want[p.toSwitch];
+            std::size_t& i = at[p.toSwitch];
+            SCOPED_TRACE("packet " + std::to_string(p.packet) + ": " + p.info);
+            ASSERT_LT(i, list.size()) << "a frame the simulator did not " << (p.toSwitch ? "read" : "send");
+            const SimFrame& f = list[i++];
+            const struct {
+                const char* field;
+                std::string got, want;
+            } fields[] = {
+                {"order", p.order, orderText(f.order)},
+                {"manager", p.manager, std::to_string(f.manager)},
+                {"msgtype", p.msgtype, hex(f.msgType)},
+                {"cmd", p.cmd, std::to_string(f.cmdCode)},
+                {"seq", p.seq, std::to_string(f.seqNbr)},
+                {"status", p.stat, std::to_string(f.msgStat)},
+                {"src", p.src, std::to_string(f.srcAddr)},
+                {"apperr", p.apperr, std::to_string(std::int32_t(f.appError))},
+                {"appsize", p.appsize, std::to_string(f.appSize)},
+                {"info", p.info, infoOf(f)},
+            };
+            for (const auto& c : fields) EXPECT_EQ(c.got, c.want) << c.field;
+        }
+        EXPECT_EQ(at[0], want[0].size()) << "frames sent but not in the capture";
+        EXPECT_EQ(at[1], want[1].size()) << "frames read but not in the capture";
+        EXPECT_EQ(linkTests, sim.counters().linkTests);
+    }
+
+    SwitchSimulator sim;
+    std::unique_ptr<tavro_test::ScopedTempDir> dir;
+    std::string pcap;
+};
+
+// The library's traffic: the switch answers in the client's order in whole
+// segments, or in the opposite order in 100-byte segments, so that the
+// statistics reply (7654 bytes) is rebuilt from 77 packets.
+struct LibraryCase {
+    const char* name;
+    bool reverse;
+    unsigned segment;
+};
+void PrintTo(const LibraryCase& c, std::ostream* os) { *os << c.name; }
+
+class LibraryTraffic : public Dissector, public testing::WithParamInterface<LibraryCase> {};
+
+std::atomic<unsigned> g_flashChecks{0};
+
+void answerFlashCheck(COMMAND_CODE, const void*, uint32_t, CrRsp* rsp)
+{
+    ++g_flashChecks;
+    I_TAVRO_SetResponseStatus(rsp, RSP_BUSY);
+    I_TAVRO_SetResponseError(rsp, I_ERR_UNKNOWN);
+    I_TAVRO_SetResponseData(rsp, "ok", 2);
+}
+
+TEST_P(LibraryTraffic, EveryFrameAndTheRawStatisticsDecodeAsTheSimulatorSawThem)
+{
+    const LibraryCase& c = GetParam();
+    const unsigned flashChecks = g_flashChecks;
+    startSim(c.reverse, c.segment);
+    ASSERT_EQ(I_SwitchInitialize(), I_SUCCESS);
+    ASSERT_EQ(I_TAVRO_RegisterCommandHandler(CMD_UPDATE_CHECK_FLASH_FPGA, answerFlashCheck), I_SUCCESS);
+    ASSERT_EQ(I_SwitchConnect(SW_SERVICE_PCE), I_SUCCESS);
+    ASSERT_TRUE(sim.waitForLinkTests(1, kWait));
+
+    std::free(I_GetRawStats(3));  // the library reads a reversed reply as too short: null
+    std::free(I_GetRawStats(25)); // no such slot: RSP_NO_DEVICE
+    const char beat[] = {1, 2};
+    I_TAVRO_SendCommandNoResponse(CMD_HEARTBEAT, beat, sizeof beat);
+    ASSERT_NE(sim.sendCommand(sim.openConnections().at(0), CMD_UPDATE_CHECK_FLASH_FPGA, {0xAB}, true), 0u);
+    ASSERT_TRUE(sim.waitFor([&] { return sim.counters().answered == 1 && sim.counters().framesReceived == 4; },
+                            kWait));
+    I_SwitchDisconnect();
+    sim.stop();
+    ASSERT_EQ(g_flashChecks - flashChecks, 1u);
+
+    const std::vector<Pdu> pdus = decode();
+    ASSERT_EQ(pdus.size(), 1u + 4u + 3u) << "link test, 4 frames from the library, 3 from the switch";
+    expectFramesMatchTheSimulator(pdus);
+
+    // The statistics reply, port by port, against the simulator's counters.
+    const std::string stats = tshark("-r " + pcap +
+                                     " -Y tavro.stats.entries -T fields -E occurrence=a -E aggregator=,"
+                                     " -e tavro.stats.slot -e tavro.stats.entries -e tavro.stats.format"
+                                     " -e tavro.stats.port -e tavro.stats.link -e tavro.stats.speed"
+                                     " -e tavro.stats.rx -e tavro.stats.tx -e tcp.reassembled.length");
+    const auto found = lines(stats);
+    ASSERT_EQ(found.size(), 1u) << stats.substr(0, 2000);
+    const auto col = split(found[0], '\t');
+    ASSERT_EQ(col.size(), 9u) << stats.substr(0, 2000);
+    const unsigned ports = 8;
+    EXPECT_EQ(col[0], "3");
+    EXPECT_EQ(col[1], std::to_string(ports));
+    EXPECT_EQ(col[2], "1");
+    std::string port, link, speed, rx, tx;
+    for (unsigned p = 1; p <= ports; ++p) {
+        const char* sep = p == 1 ? "" : ",";
+        port += sep + std::to_string(p);
+        link += sep + std::string(SwitchSimulator::statsLinkUp(3, p) ? "1" : "0");
+        speed += sep + std::to_string(SwitchSimulator::statsSpeedMbps(3, p));
+        for (unsigned i = 0; i < SwitchSimulator::kStatsCounters; ++i) {
+            const char* csep = p == 1 && i == 0 ? "" : ",";
+            rx += csep + std::to_string(SwitchSimulator::statsCounter(3, p, i, false, kStatsSeconds));
+            tx += csep + std::to_string(SwitchSimulator::statsCounter(3, p, i, true, kStatsSeconds));
+        }
+    }
+    EXPECT_EQ(col[3], port);
+    EXPECT_EQ(col[4], link);
+    EXPECT_EQ(col[5], speed);
+    EXPECT_EQ(col[6], rx);
+    EXPECT_EQ(col[7], tx);
+    // Rebuilt from several segments only when they were cut small.
+    EXPECT_EQ(col[8], c.segment ? "7654" : "");
+
+    // The tree names codes as the library does, errors included.
+    const std::string tree = tshark("-r " + pcap + " -V -Y tavro");
+    for (const char* line : {"Command code: CMD_GET_BLADE_RAW_STATS (100005)", "Response status: RSP_NO_DEVICE (2)",
+                             "Application error: I_ERR_UNKNOWN (-1999)", "Command control: CMD_WITH_RSP (1)",
+                             "Manager class: MGR_PKT_STATS (10)", "Message type: MSG_RESPONSE (0x5253503a)"})
+        EXPECT_NE(tree.find(line), std::string::npos) << line;
+    EXPECT_EQ(tree.find("Lua Error"), std::string::npos);
+}
+
+INSTANTIATE_TEST_SUITE_P(Wireshark, LibraryTraffic,
+                         testing::Values(LibraryCase{"ClientsOrderWholeSegments", false, 0},
+                                         LibraryCase{"OppositeOrder100ByteSegments", true, 100}),
+                         [](const testing::TestParamInfo<LibraryCase>& i) { return i.param.name; });
+
+// A plain client: a link test and a frame in one write, a frame in the other
+// byte order over three writes, then a header that is no frame start.
+TEST_F(Dissector, PackedSplitAndBadFramesFromAPlainClient)
+{
+    startSim(false, 0);
+    lp::Peer client;
+    ASSERT_TRUE(client.connectTo(kPcePort));
+    ASSERT_TRUE(sim.waitForConnections(1, kWait));
+    const std::uint64_t conn = sim.openConnections().at(0);
+    std::size_t written = 0;
+    auto write = [&](const lp::Bytes& b) {
+        ASSERT_TRUE(client.write(b));
+        written += b.size();
+        // Each write is read whole before the next: one packet in the capture.
+        ASSERT_TRUE(sim.waitFor([&] { return sim.receivedBytes(conn).size() == written; }, kWait));
+    };
+
+    lp::Bytes packed = lp::linkTestBytes(lp::Order::Big);
+    const lp::Bytes connPort =
+        lp::Frame{lp::kMarker, 1, lp::kCommand, CMD_CONN_PORT, 7, 1, 9, 0, {1, 2, 3}}.encode(lp::Order::Big);
+    packed.insert(packed.end(), connPort.begin(), connPort.end());
+    write(packed);
+    EXPECT_EQ(client.readFrame(lp::Order::Big).size(), 40u); // the answer, so that only the close is left
+
+    const lp::Bytes cardInit =
+        lp::Frame{lp::kMarker, 2, lp::kCommand, CMD_CARD_INIT, 8, 0, 9, 0, {5, 6, 7, 8, 9}}.encode(lp::Order::Little);
+    write(lp::Bytes(cardInit.begin(), cardInit.begin() + 5));
+    write(lp::Bytes(cardInit.begin() + 5, cardInit.begin() + 25));
+    write(lp::Bytes(cardInit.begin() + 25, cardInit.end()));
+
+    // The in-memory flag on the wire, and a payload size that disagrees.
+    lp::Frame flagged{lp::kMarker, 2, lp::kCommand, CMD_CARD_AUTOTRIM, 9, 0, 9, 0, {1}};
+    flagged.sizeOverride = 0x80000000u | 29;
+    flagged.appSizeOverride = 2;
+    write(flagged.encode(lp::Order::Big));
+
+    lp::Bytes bad = {'B', 'A', 'D', '!', 0, 0, 0, 1, 0, 0, 0, 28};
+    bad.resize(40, 0xEE);
+    ASSERT_TRUE(client.write(bad));
+    ASSERT_TRUE(client.seesClose());
+    sim.stop();
+
+    const std::vector<Pdu> pdus = decode();
+    ASSERT_EQ(pdus.size(), 6u) << "link test, three commands, an answer and the bad header";
+    expectFramesMatchTheSimulator(pdus);
+    // Two frames of one packet share it and its info line.
+    EXPECT_EQ(pdus[0].packet, pdus[1].packet);
+    EXPECT_EQ(pdus[1].order, "big-endian");
+    // The split frame shows up once, in the packet of its last piece.
+    EXPECT_EQ(pdus[3].cmd, std::to_string(CMD_CARD_INIT));
+    EXPECT_EQ(pdus[3].order, "little-endian");
+    EXPECT_EQ(pdus[3].packet, pdus[2].packet + 3);
+    EXPECT_EQ(pdus[5].marker, hex(0x42414421));
+    EXPECT_EQ(pdus[5].info, "Bad marker 0x42414421");
+
+    const std::string expert = tshark("-r " + pcap + " -Y tavro.bad_marker -T fields -e _ws.expert.severity"
+                                      " -e _ws.expert.message -e _ws.expert.group");
+    EXPECT_NE(expert.find("Not a frame start: marker 0x42414421 (40 bytes dropped)"), std::string::npos) << expert;
+    const std::string warnings = tshark("-r " + pcap + " -Y 'tavro.flag_on_wire && tavro.appsize_mismatch'"
+                                        " -T fields -e tavro.cmd -e tavro.size.flag -e tavro.appsize.flag");
+    EXPECT_EQ(warnings, std::to_string(CMD_CARD_AUTOTRIM) + "\t1\t\n");
+    const std::string tree = tshark("-r " + pcap + " -V -Y tavro");
+    EXPECT_NE(tree.find("Payload: 0506070809"), std::string::npos);
+    EXPECT_NE(tree.find("Payload size 2, but the frame carries 1 bytes"), std::string::npos);
+    EXPECT_EQ(tree.find("Lua Error"), std::string::npos);
+}
+
+// Headers the library refuses, each on a connection of its own (the simulator
+// closes on them): flagged, and whatever followed in the segment goes too.
+TEST_F(Dissector, RefusedHeadersAreFlaggedAsErrors)
+{
+    const struct {
+        std::uint32_t marker, size;
+        std::size_t bytes;
+        const char *info, *filter, *message;
+    } cases[] = {
+        {0x21444142, 28, 40, "Bad marker 0x42414421", "tavro.bad_marker", // "BAD!" as bytes
+         "Not a frame start: marker 0x42414421 (40 bytes dropped)"},
+        {lp::kMarker, 0, 20, "Bad size 0", "tavro.bad_size", "Size 0: the application header is missing"},
+        {lp::kMarker, 0x7FFFFFFF, 40, "Bad size 2147483647", "tavro.bad_size",
+         "Size 2147483647 exceeds the library's 2559936-byte receive buffer"},
+        {lp::kMarker, 20, 32, "Short frame", "tavro.short_frame",
+         "Size 20 leaves no room for the 28-byte application header"},
+    };
+    startSim(false, 0);
+    for (const auto& c : cases) {
+        lp::Peer client;
+        ASSERT_TRUE(client.connectTo(kPcePort));
+        lp::Bytes b;
+        for (std::uint32_t w : {c.marker, 1u, c.size}) lp::putWord(b, w, lp::Order::Little);
+        b.resize(c.bytes, 0xEE);
+        ASSERT_TRUE(client.write(b));
+        ASSERT_TRUE(client.seesClose()) << c.info;
+    }
+    sim.stop();
+
+    const auto got = lines(tshark("-r " + pcap + " -Y tavro -T fields -e _ws.col.Info -e _ws.expert.message"));
+    ASSERT_EQ(got.size(), std::size(cases));
+    for (std::size_t i = 0; i < got.size(); ++i) {
+        EXPECT_EQ(got[i], std::string(cases[i].info) + '\t' + cases[i].message);
+        EXPECT_EQ(lines(tshark("-r " + pcap + " -Y " + cases[i].filter)).size(),
+                  std::string(cases[i].filter) == "tavro.bad_size" ? 2u : 1u);
+    }
+}
+
+} // namespace
