@@ -273,6 +273,7 @@ int main(int argc, char** argv)
     const switchsim::Counters c = sim.counters();
     std::cout << "tavro-switchsim: stopped; connections=" << c.connections << " received=" << c.framesReceived
               << " sent=" << c.framesSent << " dropped=" << c.answersDropped << " answered=" << c.answered
-              << " unanswered=" << c.unanswered << std::endl;
+              << " unanswered=" << c.unanswered << " commands=" << c.commandsSent
+              << " unexpected=" << c.unexpectedResponses << std::endl;
     return 0;
 }
