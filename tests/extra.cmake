@@ -21,3 +21,10 @@ foreach(src IN LISTS TAVRO_E2E_TESTS)
     "if(${name}_TESTS)\n  set_tests_properties(\${${name}_TESTS} PROPERTIES RESOURCE_LOCK tavro_service_ports)\nendif()\n")
 endforeach()
 set_property(DIRECTORY APPEND PROPERTY TEST_INCLUDE_FILES ${TAVRO_E2E_LOCKS})
+
+# Tests of the fault soak's parts.
+file(GLOB_RECURSE TAVRO_SOAK_TESTS CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/tools/Soak*Test.cpp)
+foreach(src IN LISTS TAVRO_SOAK_TESTS)
+  get_filename_component(name ${src} NAME_WE)
+  target_link_libraries(${name} PRIVATE tavro_soak)
+endforeach()

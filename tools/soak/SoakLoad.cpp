@@ -154,10 +154,9 @@ void Load::start()
 {
     running_ = true;
     lastCompletion_ = nowMs();
-    for (unsigned i = 0; i < config_.threads; ++i) {
-        workers_.push_back(std::make_unique<Worker>());
-        workers_.back()->thread = std::thread(&Load::run, this, i);
-    }
+    // All slots first: the threads read the vector while it is filled.
+    for (unsigned i = 0; i < config_.threads; ++i) workers_.push_back(std::make_unique<Worker>());
+    for (unsigned i = 0; i < config_.threads; ++i) workers_[i]->thread = std::thread(&Load::run, this, i);
 }
 
 void Load::stop()

@@ -437,6 +437,11 @@ int main(int argc, char** argv)
     }
     if (o.seconds == 0) return usageError("--seconds is required");
     if (o.switchsim.empty()) o.switchsim = besideSelf("../switchsim/tavro-switchsim");
+    // Started from the work directory later.
+    if (o.switchsim[0] != '/') {
+        char cwd[4096];
+        if (getcwd(cwd, sizeof cwd) != nullptr) o.switchsim = std::string(cwd) + "/" + o.switchsim;
+    }
     if (access(o.switchsim.c_str(), X_OK) != 0) {
         std::cerr << "tavro-soak: cannot run the simulator " << o.switchsim << ": " << std::strerror(errno)
                   << " (use --switchsim)\n";

@@ -136,9 +136,10 @@ bool SwitchProcess::start(const std::vector<std::string>& args, unsigned waitMs,
     while (readLine(line, waitMs)) {
         if (line.compare(0, sizeof kStartLine - 1, kStartLine) == 0) return true;
     }
-    reap(true);
-    return fail(program_ + " did not start listening within " + std::to_string(waitMs) +
-                " ms (its error, if any, is above)");
+    const bool ended = out_ < 0;
+    const int status = reap(!ended);
+    if (ended) return fail(program_ + " ended with " + statusText(status) + " before it listened (its error, if any, is above)");
+    return fail(program_ + " did not start listening within " + std::to_string(waitMs) + " ms; killed");
 }
 
 bool SwitchProcess::freeze()
@@ -188,17 +189,25 @@ bool SwitchProcess::readLine(std::string& line, unsigned waitMs)
     }
 }
 
-void SwitchProcess::reap(bool killFirst)
+int SwitchProcess::reap(bool killFirst)
 {
     const pid_t pid = pid_;
-    if (pid <= 0) return;
-    if (killFirst) kill(pid, SIGKILL);
-    int status;
-    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    if (pid <= 0) return 0;
+    int status = 0;
+    // A child that closed its output is given a moment to end by itself.
+    const auto deadline = Clock::now() + std::chrono::seconds(killFirst ? 0 : 2);
+    pid_t done;
+    while ((done = waitpid(pid, &status, WNOHANG)) == 0 && Clock::now() < deadline)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    if (done != pid) {
+        kill(pid, SIGKILL);
+        while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+        }
     }
     pid_ = -1;
     if (out_ >= 0) close(out_);
     out_ = -1;
+    return status;
 }
 
 bool SwitchProcess::stop(unsigned waitMs, SwitchCounters* counters, std::string* error)

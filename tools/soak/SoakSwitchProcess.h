@@ -51,7 +51,7 @@ public:
 
 private:
     bool readLine(std::string& line, unsigned waitMs);
-    void reap(bool kill);
+    int reap(bool kill); // the wait status
 
     const std::string program_;
     std::atomic<pid_t> pid_{-1};
