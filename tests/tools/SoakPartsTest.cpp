@@ -1,6 +1,6 @@
-// The soak driver's parts that can go wrong without the library: its fault
-// plan, the simulator's counters line, the resource bounds and the child
-// process control.
+// The soak driver's parts that can go wrong without a switch: the check of a
+// command's responses, its fault plan, the simulator's counters line, the
+// resource bounds and the child process control.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "Cr/CrDBCmd.h"
+#include "SoakLoad.h"
 #include "SoakResources.h"
 #include "SoakSchedule.h"
 #include "SoakSwitchProcess.h"
@@ -15,6 +17,65 @@
 namespace {
 
 using soak::FaultKind;
+
+struct Reply {
+    int addr;
+    RSP_STATUS status;
+    int seqDelta; // added to the command's sequence number
+};
+
+TEST(SoakResponses, OnePairedResponseOrTimeOutPerDestination)
+{
+    constexpr RSP_STATUS kExpected = RSP_NO_CONNECTIONS;
+    struct Case {
+        const char* name;
+        bool toUnserved;
+        std::vector<Reply> replies;
+        bool violation;
+        unsigned answered, timedOut;
+        bool real; // the response from 1 comes back
+    };
+    const Case cases[] = {
+        {"answered", false, {{1, kExpected, 0}}, false, 1, 0, true},
+        {"timed out", false, {{1, RSP_TIME_OUT, 0}}, false, 0, 1, false},
+        {"none", false, {}, true, 0, 0, false},
+        {"two for one destination", false, {{1, kExpected, 0}, {1, RSP_TIME_OUT, 0}}, true, 0, 0, false},
+        {"from another destination", false, {{3, kExpected, 0}}, true, 0, 0, false},
+        {"paired with another command", false, {{1, kExpected, 1}}, true, 0, 0, false},
+        {"an unexpected status", false, {{1, RSP_OK, 0}}, true, 0, 0, false},
+        {"answered, unserved timed out", true, {{2, RSP_TIME_OUT, 0}, {1, kExpected, 0}}, false, 1, 1, true},
+        {"both timed out", true, {{1, RSP_TIME_OUT, 0}, {2, RSP_TIME_OUT, 0}}, false, 0, 2, false},
+        {"the unserved one answered", true, {{1, kExpected, 0}, {2, kExpected, 0}}, true, 1, 0, false},
+        {"one destination twice", true, {{1, kExpected, 0}, {1, RSP_TIME_OUT, 0}}, true, 1, 0, false},
+        {"the unserved one missing", true, {{1, kExpected, 0}}, true, 0, 0, false},
+    };
+    for (const Case& c : cases) {
+        CrCmd cmd;
+        cmd.SetCmdCode(CMD_RTRV_PORT_CONN);
+        cmd.SetSeqNbr(41);
+        cmd.SetMsgAddr(1);
+        if (c.toUnserved) cmd.SetMsgAddr(2);
+        for (const Reply& r : c.replies) {
+            auto* rsp = new CrRsp(&cmd);
+            SlaveAddr from;
+            from.SetSlaveAddr(r.addr);
+            rsp->SetMsgAddr(from);
+            rsp->SetRspStat(r.status);
+            rsp->SetSeqNbr(41 + r.seqDelta);
+            cmd.AddToRspList(rsp);
+        }
+        std::atomic<std::uint64_t> answered{0}, timedOut{0};
+        const std::uint64_t before = soak::violations().count();
+        CrRsp* real = soak::checkResponses(cmd, c.toUnserved, kExpected, answered, timedOut);
+        EXPECT_EQ(soak::violations().count() - before, c.violation ? 1u : 0u) << c.name;
+        EXPECT_EQ(answered.load(), c.answered) << c.name;
+        EXPECT_EQ(timedOut.load(), c.timedOut) << c.name;
+        EXPECT_EQ(real != nullptr, c.real) << c.name;
+        if (real != nullptr) {
+            EXPECT_TRUE(real->GetMsgAddr().SlaveAddrSet(1)) << c.name;
+        }
+    }
+}
 
 TEST(SoakSchedule, EveryRunCoversTheWholeTimeAndEveryFault)
 {

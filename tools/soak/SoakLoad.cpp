@@ -1,5 +1,6 @@
 #include "SoakLoad.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
@@ -20,54 +21,14 @@ namespace {
 const unsigned char kSwitchPayload[] = {'s', 'o', 'a', 'k', '-', 's', 't', 'a', 't', 'e'};
 constexpr std::uint64_t kMaxPrinted = 50;
 
-const char* const kOpNames[] = {"idle", "command without response", "command with response", "raw statistics"};
+const char* const kOpNames[] = {"idle", "command without response", "command with response", "raw statistics",
+                                "bulk command without response"};
 
 std::string describe(CrCmd& cmd)
 {
     std::ostringstream os;
     os << COMMAND_CODE(cmd.GetCmdCode()) << " seq=" << cmd.GetSeqNbr();
     return os.str();
-}
-
-// Exactly one response, from the one destination, to this command, with the
-// expected status or a time-out. Returns the response, or null after a
-// report; counts the outcome.
-CrRsp* checkOneResponse(CrCmd& cmd, RSP_STATUS expected, std::atomic<std::uint64_t>& answered,
-                        std::atomic<std::uint64_t>& timedOut)
-{
-    const int count = cmd.GetRspCount();
-    if (count != 1) {
-        violations().report(describe(cmd) + ": " + std::to_string(count) + " responses for one destination");
-        return nullptr;
-    }
-    CrRsp* rsp = cmd.GetFirstRsp();
-    const SlaveAddr& from = rsp->GetMsgAddr();
-    if (from.GetSlaveCount() != 1 || !from.SlaveAddrSet(1)) {
-        std::ostringstream os;
-        os << describe(cmd) << ": response from " << from << ", not from destination 1";
-        violations().report(os.str());
-        return nullptr;
-    }
-    if (rsp->GetSeqNbr() != cmd.GetSeqNbr() || rsp->GetCmdCode() != cmd.GetCmdCode()) {
-        std::ostringstream os;
-        os << describe(cmd) << ": paired with the response to " << COMMAND_CODE(rsp->GetCmdCode())
-           << " seq=" << rsp->GetSeqNbr();
-        violations().report(os.str());
-        return nullptr;
-    }
-    if (rsp->GetRspStat() == RSP_TIME_OUT) {
-        ++timedOut;
-        return nullptr;
-    }
-    if (rsp->GetRspStat() != expected) {
-        std::ostringstream os;
-        os << describe(cmd) << ": status " << rsp->GetRspStat() << ", expected " << expected << " or "
-           << RSP_TIME_OUT;
-        violations().report(os.str());
-        return nullptr;
-    }
-    ++answered;
-    return rsp;
 }
 
 // The simulator's raw statistics reply for slot, in either byte order.
@@ -144,9 +105,58 @@ std::uint64_t nowMs()
                              .count());
 }
 
+CrRsp* checkResponses(CrCmd& cmd, bool toUnserved, RSP_STATUS expected, std::atomic<std::uint64_t>& answered,
+                      std::atomic<std::uint64_t>& timedOut)
+{
+    const int want = toUnserved ? 2 : 1;
+    const int count = cmd.GetRspCount();
+    if (count != want) {
+        violations().report(describe(cmd) + ": " + std::to_string(count) + " responses for " + std::to_string(want) +
+                            " destinations");
+        return nullptr;
+    }
+    CrRsp* real = nullptr;
+    bool seen[3] = {false, false, false};
+    for (CrRsp* rsp = cmd.GetFirstRsp(); rsp != nullptr; rsp = cmd.GetNextRsp()) {
+        const SlaveAddr& from = rsp->GetMsgAddr();
+        const int addr = from.GetNextSlaveAddr(0);
+        if (from.GetSlaveCount() != 1 || addr < 1 || addr > want || seen[addr]) {
+            std::ostringstream os;
+            os << describe(cmd) << ": a response from " << from << " is not the one from a destination";
+            violations().report(os.str());
+            return nullptr;
+        }
+        seen[addr] = true;
+        if (rsp->GetSeqNbr() != cmd.GetSeqNbr() || rsp->GetCmdCode() != cmd.GetCmdCode()) {
+            std::ostringstream os;
+            os << describe(cmd) << ": paired with the response to " << COMMAND_CODE(rsp->GetCmdCode())
+               << " seq=" << rsp->GetSeqNbr();
+            violations().report(os.str());
+            return nullptr;
+        }
+        const RSP_STATUS status = rsp->GetRspStat();
+        if (status == RSP_TIME_OUT) {
+            ++timedOut;
+        } else if (addr == 1 && status == expected) {
+            ++answered;
+            real = rsp;
+        } else {
+            std::ostringstream os;
+            os << describe(cmd) << ": status " << status << " from destination " << addr << ", expected "
+               << (addr == 1 ? expected : RSP_TIME_OUT);
+            violations().report(os.str());
+            return nullptr;
+        }
+    }
+    return real;
+}
+
 // ---------------------------------------------------------------------------
 
-Load::Load(const LoadConfig& config) : config_(config) {}
+Load::Load(const LoadConfig& config) : config_(config), bulkPayload_(std::size_t{config.bulkKiB} * 1024)
+{
+    for (std::size_t i = 0; i < bulkPayload_.size(); ++i) bulkPayload_[i] = static_cast<unsigned char>(i * 31u);
+}
 
 Load::~Load() { stop(); }
 
@@ -170,8 +180,10 @@ LoadTotals Load::totals() const
 {
     LoadTotals t;
     t.noRsp = noRsp_;
+    t.bulk = bulk_;
     t.withRsp = withRsp_;
     t.rawStats = rawStats_;
+    t.toUnserved = toUnserved_;
     t.answered = answered_;
     t.timedOut = timedOut_;
     return t;
@@ -205,6 +217,16 @@ void Load::run(unsigned index)
 {
     std::mt19937 rng(config_.seed * 7919u + index);
     Worker& me = *workers_[index];
+    const bool bulk = index == 0 && !bulkPayload_.empty() && config_.threads > 1;
+    while (running_ && bulk) {
+        me.op = 4;
+        me.busySince = nowMs();
+        sendBulk();
+        me.busySince = 0;
+        me.op = 0;
+        lastCompletion_ = nowMs();
+        std::this_thread::sleep_for(std::chrono::milliseconds(config_.bulkEveryMs));
+    }
     while (running_) {
         const std::uint32_t r = rng();
         const unsigned pick = r % 100;
@@ -232,24 +254,36 @@ void Load::sendNoResponse(std::uint32_t r)
     ++noRsp_;
 }
 
+void Load::sendBulk()
+{
+    I_TAVRO_SendCommandNoResponse(kNoRspCode, bulkPayload_.data(), unsigned(bulkPayload_.size()));
+    ++noRsp_;
+    ++bulk_;
+}
+
 void Load::sendWithResponse(std::uint32_t r)
 {
     unsigned char payload[32];
     const unsigned size = r % sizeof payload;
     std::memset(payload, int(r & 0xFF), sizeof payload);
+    // Now and then also to a destination nobody serves, which must time out
+    // alone; with a shorter time-out, as each of them waits it out.
+    const bool toUnserved = (r >> 8) % 100 == 0;
     CrCmd cmd;
     cmd.SetCmdCode(kRspCode);
     cmd.SetMsgAddr(1);
+    if (toUnserved) cmd.SetMsgAddr(2);
     cmd.SetRspReq(true);
-    cmd.SetRspTimer(config_.timeoutMs);
+    cmd.SetRspTimer(toUnserved ? std::max(config_.timeoutMs / 10, 10) : config_.timeoutMs);
     cmd.SetData(payload, int(size));
     cmd.Dispatch();
     ++withRsp_;
+    if (toUnserved) ++toUnserved_;
     if (!cmd.WaitForRsp()) {
         violations().report(describe(cmd) + ": never reached the tracker");
         return;
     }
-    checkOneResponse(cmd, kRspStatus, answered_, timedOut_);
+    checkResponses(cmd, toUnserved, kRspStatus, answered_, timedOut_);
 }
 
 void Load::fetchRawStats(std::uint32_t r)
@@ -269,7 +303,7 @@ void Load::fetchRawStats(std::uint32_t r)
         violations().report(describe(cmd) + ": never reached the tracker");
         return;
     }
-    if (CrRsp* rsp = checkOneResponse(cmd, RSP_OK, answered_, timedOut_)) checkRawStats(cmd, *rsp, slot);
+    if (CrRsp* rsp = checkResponses(cmd, false, RSP_OK, answered_, timedOut_)) checkRawStats(cmd, *rsp, slot);
 }
 
 // ---------------------------------------------------------------------------

@@ -17,6 +17,9 @@
 
 #include "Ap/ApBase.h"
 
+class CrCmd;
+class CrRsp;
+
 namespace soak {
 
 // Commands the load sends, and how the simulator is told to answer them.
@@ -44,18 +47,32 @@ Violations& violations();
 // Milliseconds of a monotonic clock.
 std::uint64_t nowMs();
 
+// After WaitForRsp: exactly one response per destination (1, and 2 when
+// toUnserved), each paired with cmd; from 1 the expected status or a
+// time-out, from 2, which no connection serves, a time-out. Reports what is
+// wrong as a violation; counts the outcomes. The real response from 1, or null.
+CrRsp* checkResponses(CrCmd& cmd, bool toUnserved, RSP_STATUS expected, std::atomic<std::uint64_t>& answered,
+                      std::atomic<std::uint64_t>& timedOut);
+
 struct LoadConfig {
     unsigned threads = 8;
     int timeoutMs = 1000; // per command
     unsigned paceMs = 2;  // each thread rests up to this long between commands
+    // Thread 0 sends bulkKiB without response every bulkEveryMs instead, so
+    // that a peer that stops reading soon has full buffers (0: no bulk).
+    unsigned bulkKiB = 256;
+    unsigned bulkEveryMs = 50;
     std::uint32_t seed = 1;
 };
 
 struct LoadTotals {
     std::uint64_t noRsp = 0;
+    std::uint64_t bulk = 0; // of noRsp
     std::uint64_t withRsp = 0;
     std::uint64_t rawStats = 0;
-    std::uint64_t answered = 0; // a real response
+    std::uint64_t toUnserved = 0; // with response, also to a destination nobody serves
+    // Responses, one per destination of each command with response:
+    std::uint64_t answered = 0; // real ones
     std::uint64_t timedOut = 0; // RSP_TIME_OUT made up by the library
 };
 
@@ -83,14 +100,16 @@ private:
     };
     void run(unsigned index);
     void sendNoResponse(std::uint32_t r);
+    void sendBulk();
     void sendWithResponse(std::uint32_t r);
     void fetchRawStats(std::uint32_t r);
 
     const LoadConfig config_;
     std::atomic<bool> running_{false};
     std::vector<std::unique_ptr<Worker>> workers_;
+    std::vector<unsigned char> bulkPayload_;
     std::atomic<std::uint64_t> lastCompletion_{0};
-    std::atomic<std::uint64_t> noRsp_{0}, withRsp_{0}, rawStats_{0}, answered_{0}, timedOut_{0};
+    std::atomic<std::uint64_t> noRsp_{0}, bulk_{0}, withRsp_{0}, rawStats_{0}, toUnserved_{0}, answered_{0}, timedOut_{0};
 };
 
 // Switch-initiated commands handled, by sequence number, per simulator run

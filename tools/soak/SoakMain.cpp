@@ -35,16 +35,21 @@ const char kUsage[] =
     "connections closed after N frames, and a simulator stopped with SIGSTOP for a while.\n"
     "Connects to the PCE process service, 127.0.0.1 port 58992, which must be free.\n"
     "\n"
-    "Checked throughout: every command ends with exactly one response or time-out, from\n"
-    "its destination, matching it; every switch-initiated command is handled at most once\n"
-    "and every answer the simulator got comes from a handled one; RSS, threads and\n"
-    "descriptors stay flat once warm; some command completes at least every 30 s.\n"
+    "Checked throughout: every command ends with exactly one response or time-out per\n"
+    "destination, paired with it (some commands also go to a destination nobody serves);\n"
+    "every switch-initiated command is handled at most once and every answer the\n"
+    "simulator got comes from a handled one; RSS, threads and descriptors stay flat once\n"
+    "warm; some command completes at least every 30 s.\n"
     "\n"
     "Options:\n"
     "  --seconds N          length of the run (required)\n"
     "  --threads N          application threads (default 8)\n"
     "  --timeout-ms N       response time-out per command (default 1000)\n"
     "  --pace-ms N          each thread rests up to N ms between commands (default 2)\n"
+    "  --bulk-kib N         the first thread only sends commands of N KiB without response,\n"
+    "                       one every --bulk-every-ms (default 256 KiB every 50 ms; 0: none),\n"
+    "                       so that a stopped simulator soon leaves the library's sends blocked\n"
+    "  --bulk-every-ms N\n"
     "  --seed N             seed of the threads' choices (default: from the clock)\n"
     "  --switchsim PATH     the simulator (default: ../switchsim/tavro-switchsim from here)\n"
     "  --workdir DIR        where the library writes log/Test.Debug.log and the application's\n"
@@ -149,6 +154,8 @@ private:
     RunTotals totals_;
     std::uint64_t nextSampleMs_ = 0;
     std::atomic<int> phase_{-1};
+    long linkedAfterMs_ = -1;       // this phase: when the library was connected
+    std::uint64_t longestGapMs_ = 0; // this phase: longest time without a completed command
     std::atomic<bool> watching_{false};
     std::thread watchdog_;
 };
@@ -241,9 +248,11 @@ void Soak::endPhase(const soak::PhasePlan& p)
     if (opts_.verbose) {
         const soak::LoadTotals l = load_.totals();
         std::fprintf(stderr,
-                     "soak: phase %u/%zu %-50s connections=%llu frames in=%llu out=%llu dropped=%llu "
-                     "switch commands=%llu handled=%llu answered=%llu lost=%llu | app answered=%llu timed out=%llu\n",
-                     p.index + 1, plan_.phases.size(), p.description.c_str(), (unsigned long long)c.connections,
+                     "soak: phase %u/%zu %-50s linked after %ld ms, longest gap %llu ms, connections=%llu frames "
+                     "in=%llu out=%llu dropped=%llu switch commands=%llu handled=%llu answered=%llu lost=%llu | app "
+                     "answered=%llu timed out=%llu\n",
+                     p.index + 1, plan_.phases.size(), p.description.c_str(), linkedAfterMs_,
+                     (unsigned long long)longestGapMs_, (unsigned long long)c.connections,
                      (unsigned long long)c.received, (unsigned long long)c.sent, (unsigned long long)c.dropped,
                      (unsigned long long)c.commands, (unsigned long long)t.handled, (unsigned long long)c.answered,
                      (unsigned long long)c.unanswered, (unsigned long long)l.answered,
@@ -308,9 +317,14 @@ int Soak::run(std::FILE* out)
         const std::uint64_t phaseStart = soak::nowMs();
         const std::uint64_t end = runStart + p.startMs + p.lengthMs;
         bool frozen = false, resumed = false;
+        linkedAfterMs_ = -1;
+        longestGapMs_ = 0;
         while (!interrupted()) {
             const std::uint64_t now = soak::nowMs();
             if (now >= end) break;
+            if (linkedAfterMs_ < 0 && I_SwitchIsConnected() == I_SUCCESS) linkedAfterMs_ = long(now - phaseStart);
+            const std::uint64_t last = load_.lastCompletionMs();
+            if (now > last) longestGapMs_ = std::max(longestGapMs_, now - last);
             if (p.kind == soak::FaultKind::Stop && !frozen && now >= phaseStart + p.stopAtMs) {
                 frozen = sim_.freeze();
                 if (!frozen) soak::violations().report("could not stop the simulator");
@@ -357,10 +371,14 @@ void Soak::summary(std::FILE* out, const char* verdict, std::uint64_t ranMs) con
     std::fprintf(out, "soak: %s after %.1f s: %u of %zu phases, %u threads, time-out %d ms, seed %u\n", verdict,
                  double(ranMs) / 1000.0, totals_.phases, plan_.phases.size(), opts_.load.threads,
                  opts_.load.timeoutMs, opts_.load.seed);
-    std::fprintf(out, "  commands sent     %llu (%llu without response, %llu with response, %llu raw statistics)\n",
-                 ull(l.noRsp + l.withRsp + l.rawStats), ull(l.noRsp), ull(l.withRsp), ull(l.rawStats));
-    std::fprintf(out, "  answered          %llu\n", ull(l.answered));
-    std::fprintf(out, "  timed out         %llu\n", ull(l.timedOut));
+    std::fprintf(out,
+                 "  commands sent     %llu (%llu without response, %llu of them of %u KiB; %llu with response; %llu raw "
+                 "statistics)\n",
+                 ull(l.noRsp + l.withRsp + l.rawStats), ull(l.noRsp), ull(l.bulk), opts_.load.bulkKiB,
+                 ull(l.withRsp), ull(l.rawStats));
+    std::fprintf(out, "  answered          %llu (responses, one per destination)\n", ull(l.answered));
+    std::fprintf(out, "  timed out         %llu (%llu of them by a destination no connection serves)\n",
+                 ull(l.timedOut), ull(l.toUnserved));
     std::fprintf(out, "  switch commands   %llu sent, %llu handled, %llu answers received, %llu lost with a connection\n",
                  ull(c.commands), ull(t.handled), ull(c.answered), ull(c.unanswered));
     std::fprintf(out, "  reconnections     %llu (%llu simulator restarts, %llu connections closed by the switch)\n",
@@ -418,6 +436,12 @@ int main(int argc, char** argv)
         } else if (arg == "--pace-ms") {
             if (!number(0, 60000)) return usageError("--pace-ms needs a number of milliseconds");
             o.load.paceMs = unsigned(n);
+        } else if (arg == "--bulk-kib") {
+            if (!number(0, 2048)) return usageError("--bulk-kib needs a number from 0 to 2048");
+            o.load.bulkKiB = unsigned(n);
+        } else if (arg == "--bulk-every-ms") {
+            if (!number(1, 60000)) return usageError("--bulk-every-ms needs a number of milliseconds");
+            o.load.bulkEveryMs = unsigned(n);
         } else if (arg == "--seed") {
             if (!number(0, 0xFFFFFFFFul)) return usageError("--seed needs a number");
             o.load.seed = std::uint32_t(n);
