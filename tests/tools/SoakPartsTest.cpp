@@ -10,6 +10,7 @@
 
 #include "Cr/CrDBCmd.h"
 #include "SoakLoad.h"
+#include "SoakPhaseCheck.h"
 #include "SoakResources.h"
 #include "SoakSchedule.h"
 #include "SoakSwitchProcess.h"
@@ -75,6 +76,61 @@ TEST(SoakResponses, OnePairedResponseOrTimeOutPerDestination)
             EXPECT_TRUE(real->GetMsgAddr().SlaveAddrSet(1)) << c.name;
         }
     }
+}
+
+TEST(SoakPhaseCheck, TheSwitchsCountsAndTheHandledOnesMustAgree)
+{
+    auto sim = [](std::uint64_t commands, std::uint64_t answered, std::uint64_t unanswered,
+                  std::uint64_t unexpected = 0) {
+        soak::SwitchCounters c;
+        c.commands = commands;
+        c.answered = answered;
+        c.unanswered = unanswered;
+        c.unexpected = unexpected;
+        return c;
+    };
+    struct Case {
+        const char* name;
+        soak::SwitchCounters sim;
+        std::uint64_t handled;
+        std::vector<std::string> complaints;
+    };
+    const Case cases[] = {
+        {"all answered", sim(10, 10, 0), 10, {}},
+        {"lost before they were handled", sim(10, 8, 2), 8, {}},
+        {"lost after they were handled", sim(10, 8, 2), 10, {}},
+        {"nothing sent", sim(0, 0, 0), 0, {}},
+        {"an answer to nothing", sim(10, 10, 0, 1), 10,
+         {"the switch got 1 answers to commands it had no open record of"}},
+        {"neither answered nor lost", sim(10, 8, 1), 9,
+         {"the switch sent 10 commands but counts 8 answered and 1 unanswered"}},
+        {"handled more than sent", sim(10, 10, 0), 11, {"handled 11 switch commands, the switch sent 10"}},
+        {"answered without handling", sim(10, 10, 0), 9, {"the switch got 10 answers to 9 handled commands"}},
+    };
+    for (const Case& c : cases) {
+        soak::LedgerTally t;
+        t.handled = c.handled;
+        EXPECT_EQ(soak::phaseViolations(c.sim, t), c.complaints) << c.name;
+    }
+}
+
+TEST(SoakLedger, CountsEachSequenceNumberOncePerSimulatorRun)
+{
+    soak::SwitchLedger ledger;
+    const std::uint64_t before = soak::violations().count();
+    ledger.record(CMD_HEARTBEAT, 1);
+    ledger.record(CMD_HEARTBEAT, 2);
+    ledger.record(CMD_DEVICE_STATE_UPDATE, 2); // the same command again
+    EXPECT_EQ(soak::violations().count() - before, 1u);
+    const soak::LedgerTally first = ledger.rotate();
+    EXPECT_EQ(first.handled, 2u);
+    EXPECT_EQ(first.duplicates, 1u);
+    // A new simulator numbers from 1 again.
+    ledger.record(CMD_HEARTBEAT, 1);
+    EXPECT_EQ(soak::violations().count() - before, 1u);
+    EXPECT_EQ(ledger.rotate().handled, 1u);
+    EXPECT_EQ(ledger.total().handled, 3u);
+    EXPECT_EQ(ledger.total().duplicates, 1u);
 }
 
 TEST(SoakSchedule, EveryRunCoversTheWholeTimeAndEveryFault)
