@@ -43,3 +43,10 @@ if(TARGET WiresharkDissectorE2eTest AND NOT CMAKE_CROSSCOMPILING)
     add_dependencies(WiresharkDissectorE2eTest tavro_wireshark)
   endif()
 endif()
+
+# Tests of the fault soak's parts.
+file(GLOB_RECURSE TAVRO_SOAK_TESTS CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/tools/Soak*Test.cpp)
+foreach(src IN LISTS TAVRO_SOAK_TESTS)
+  get_filename_component(name ${src} NAME_WE)
+  target_link_libraries(${name} PRIVATE tavro_soak)
+endforeach()

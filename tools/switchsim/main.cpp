@@ -65,15 +65,25 @@ const char kUsage[] =
     "status (CMD_WITH_RSP... for commands, RSP_... and err= for responses), source\n"
     "address, payload and frame bytes, and the byte order relative to this host.\n";
 
-int gStopPipe[2] = {-1, -1};
-
-void onSignal(int)
+// SIGINT and SIGTERM stay blocked in every thread and are taken by
+// sigwait: a handler could run on any thread, and a sanitizer runtime may
+// hold a signal back until that thread's next library call, which a thread
+// idle in poll() never makes.
+sigset_t stopSignals()
 {
-    const int saved = errno;
-    const char b = 's';
-    if (::write(gStopPipe[1], &b, 1) < 0) {
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGINT);
+    sigaddset(&set, SIGTERM);
+    return set;
+}
+
+void waitForStopSignal()
+{
+    const sigset_t set = stopSignals();
+    int sig = 0;
+    while (sigwait(&set, &sig) != 0) {
     }
-    errno = saved;
 }
 
 bool parseUnsigned(const std::string& s, unsigned long max, unsigned long& out)
@@ -247,16 +257,9 @@ int main(int argc, char** argv)
             std::fflush(stdout);
         };
 
-    if (::pipe2(gStopPipe, O_CLOEXEC) != 0) {
-        std::perror("tavro-switchsim: pipe");
-        return 1;
-    }
-    struct sigaction sa {};
-    sa.sa_handler = onSignal;
-    sa.sa_flags = SA_RESTART;
-    sigemptyset(&sa.sa_mask);
-    if (::sigaction(SIGINT, &sa, nullptr) != 0 || ::sigaction(SIGTERM, &sa, nullptr) != 0) {
-        std::perror("tavro-switchsim: sigaction");
+    const sigset_t stop = stopSignals();
+    if (pthread_sigmask(SIG_BLOCK, &stop, nullptr) != 0) { // before any thread starts
+        std::perror("tavro-switchsim: pthread_sigmask");
         return 1;
     }
     std::signal(SIGPIPE, SIG_IGN);
@@ -273,13 +276,12 @@ int main(int argc, char** argv)
     if (opts.pcePort >= 0) os << ", PCE process port " << sim.pcePort();
     std::cout << os.str() << std::endl;
 
-    char b;
-    while (::read(gStopPipe[0], &b, 1) < 0 && errno == EINTR) {
-    }
+    waitForStopSignal();
     sim.stop();
     const switchsim::Counters c = sim.counters();
     std::cout << "tavro-switchsim: stopped; connections=" << c.connections << " received=" << c.framesReceived
               << " sent=" << c.framesSent << " dropped=" << c.answersDropped << " answered=" << c.answered
-              << " unanswered=" << c.unanswered << std::endl;
+              << " unanswered=" << c.unanswered << " commands=" << c.commandsSent
+              << " unexpected=" << c.unexpectedResponses << std::endl;
     return 0;
 }

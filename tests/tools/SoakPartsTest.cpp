@@ -1,0 +1,319 @@
+// The soak driver's parts that can go wrong without a switch: the check of a
+// command's responses, its fault plan, the simulator's counters line, the
+// resource bounds and the child process control.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "Cr/CrDBCmd.h"
+#include "SoakLoad.h"
+#include "SoakPhaseCheck.h"
+#include "SoakResources.h"
+#include "SoakSchedule.h"
+#include "SoakSwitchProcess.h"
+
+namespace {
+
+using soak::FaultKind;
+
+struct Reply {
+    int addr;
+    RSP_STATUS status;
+    int seqDelta; // added to the command's sequence number
+};
+
+TEST(SoakResponses, OnePairedResponseOrTimeOutPerDestination)
+{
+    constexpr RSP_STATUS kExpected = RSP_NO_CONNECTIONS;
+    struct Case {
+        const char* name;
+        bool toUnserved;
+        std::vector<Reply> replies;
+        bool violation;
+        unsigned answered, timedOut;
+        bool real; // the response from 1 comes back
+    };
+    const Case cases[] = {
+        {"answered", false, {{1, kExpected, 0}}, false, 1, 0, true},
+        {"timed out", false, {{1, RSP_TIME_OUT, 0}}, false, 0, 1, false},
+        {"none", false, {}, true, 0, 0, false},
+        {"two for one destination", false, {{1, kExpected, 0}, {1, RSP_TIME_OUT, 0}}, true, 0, 0, false},
+        {"from another destination", false, {{3, kExpected, 0}}, true, 0, 0, false},
+        {"paired with another command", false, {{1, kExpected, 1}}, true, 0, 0, false},
+        {"an unexpected status", false, {{1, RSP_OK, 0}}, true, 0, 0, false},
+        {"answered, unserved timed out", true, {{2, RSP_TIME_OUT, 0}, {1, kExpected, 0}}, false, 1, 1, true},
+        {"both timed out", true, {{1, RSP_TIME_OUT, 0}, {2, RSP_TIME_OUT, 0}}, false, 0, 2, false},
+        {"the unserved one answered", true, {{1, kExpected, 0}, {2, kExpected, 0}}, true, 1, 0, false},
+        {"one destination twice", true, {{1, kExpected, 0}, {1, RSP_TIME_OUT, 0}}, true, 1, 0, false},
+        {"the unserved one missing", true, {{1, kExpected, 0}}, true, 0, 0, false},
+    };
+    for (const Case& c : cases) {
+        CrCmd cmd;
+        cmd.SetCmdCode(CMD_RTRV_PORT_CONN);
+        cmd.SetSeqNbr(41);
+        cmd.SetMsgAddr(1);
+        if (c.toUnserved) cmd.SetMsgAddr(2);
+        for (const Reply& r : c.replies) {
+            auto* rsp = new CrRsp(&cmd);
+            SlaveAddr from;
+            from.SetSlaveAddr(r.addr);
+            rsp->SetMsgAddr(from);
+            rsp->SetRspStat(r.status);
+            rsp->SetSeqNbr(41 + r.seqDelta);
+            cmd.AddToRspList(rsp);
+        }
+        std::atomic<std::uint64_t> answered{0}, timedOut{0};
+        const std::uint64_t before = soak::violations().count();
+        CrRsp* real = soak::checkResponses(cmd, c.toUnserved, kExpected, answered, timedOut);
+        EXPECT_EQ(soak::violations().count() - before, c.violation ? 1u : 0u) << c.name;
+        EXPECT_EQ(answered.load(), c.answered) << c.name;
+        EXPECT_EQ(timedOut.load(), c.timedOut) << c.name;
+        EXPECT_EQ(real != nullptr, c.real) << c.name;
+        if (real != nullptr) {
+            EXPECT_TRUE(real->GetMsgAddr().SlaveAddrSet(1)) << c.name;
+        }
+    }
+}
+
+TEST(SoakPhaseCheck, TheSwitchsCountsAndTheHandledOnesMustAgree)
+{
+    auto sim = [](std::uint64_t commands, std::uint64_t answered, std::uint64_t unanswered,
+                  std::uint64_t unexpected = 0) {
+        soak::SwitchCounters c;
+        c.commands = commands;
+        c.answered = answered;
+        c.unanswered = unanswered;
+        c.unexpected = unexpected;
+        return c;
+    };
+    struct Case {
+        const char* name;
+        soak::SwitchCounters sim;
+        std::uint64_t handled;
+        std::vector<std::string> complaints;
+    };
+    const Case cases[] = {
+        {"all answered", sim(10, 10, 0), 10, {}},
+        {"lost before they were handled", sim(10, 8, 2), 8, {}},
+        {"lost after they were handled", sim(10, 8, 2), 10, {}},
+        {"nothing sent", sim(0, 0, 0), 0, {}},
+        {"an answer to nothing", sim(10, 10, 0, 1), 10,
+         {"the switch got 1 answers to commands it had no open record of"}},
+        {"neither answered nor lost", sim(10, 8, 1), 9,
+         {"the switch sent 10 commands but counts 8 answered and 1 unanswered"}},
+        {"handled more than sent", sim(10, 10, 0), 11, {"handled 11 switch commands, the switch sent 10"}},
+        {"answered without handling", sim(10, 10, 0), 9, {"the switch got 10 answers to 9 handled commands"}},
+    };
+    for (const Case& c : cases) {
+        soak::LedgerTally t;
+        t.handled = c.handled;
+        EXPECT_EQ(soak::phaseViolations(c.sim, t), c.complaints) << c.name;
+    }
+}
+
+TEST(SoakLedger, CountsEachSequenceNumberOncePerSimulatorRun)
+{
+    soak::SwitchLedger ledger;
+    const std::uint64_t before = soak::violations().count();
+    ledger.record(CMD_HEARTBEAT, 1);
+    ledger.record(CMD_HEARTBEAT, 2);
+    ledger.record(CMD_DEVICE_STATE_UPDATE, 2); // the same command again
+    EXPECT_EQ(soak::violations().count() - before, 1u);
+    const soak::LedgerTally first = ledger.rotate();
+    EXPECT_EQ(first.handled, 2u);
+    EXPECT_EQ(first.duplicates, 1u);
+    // A new simulator numbers from 1 again.
+    ledger.record(CMD_HEARTBEAT, 1);
+    EXPECT_EQ(soak::violations().count() - before, 1u);
+    EXPECT_EQ(ledger.rotate().handled, 1u);
+    EXPECT_EQ(ledger.total().handled, 3u);
+    EXPECT_EQ(ledger.total().duplicates, 1u);
+}
+
+TEST(SoakSchedule, EveryRunCoversTheWholeTimeAndEveryFault)
+{
+    for (unsigned seconds : {30u, 31u, 35u, 45u, 179u, 600u, 3600u}) {
+        SCOPED_TRACE(seconds);
+        const soak::SoakPlan plan = soak::planSoak(seconds, 1000);
+        ASSERT_FALSE(plan.phases.empty());
+        unsigned at = 0;
+        std::set<FaultKind> kinds;
+        for (const soak::PhasePlan& p : plan.phases) {
+            EXPECT_EQ(p.startMs, at) << "phase " << p.index;
+            EXPECT_GE(p.lengthMs, soak::kMinPhaseMs);
+            at += p.lengthMs;
+            kinds.insert(p.kind);
+            if (p.kind == FaultKind::Stop) {
+                EXPECT_GT(p.stopForMs, 0u);
+                EXPECT_LE(p.stopForMs, soak::kMaxStopMs); // the watchdog allows 30 s
+                EXPECT_LT(p.stopAtMs + p.stopForMs, p.lengthMs) << "resumed before the phase ends";
+            } else {
+                EXPECT_EQ(p.stopForMs, 0u);
+            }
+            // The stop is a signal, not a simulator option.
+            EXPECT_EQ(p.simArgs.empty(), p.kind == FaultKind::None || p.kind == FaultKind::Stop);
+        }
+        EXPECT_EQ(at, seconds * 1000);
+        EXPECT_EQ(kinds.size(), soak::kKindsPerRound);
+        EXPECT_GT(plan.warmMs, 0u);
+        EXPECT_LE(plan.warmMs, seconds * 1000 / 3);
+    }
+}
+
+TEST(SoakSchedule, LongRunsAlsoDelayPastTheTimeOutAndCombineFaults)
+{
+    const soak::SoakPlan plan = soak::planSoak(600, 1000);
+    std::set<std::string> delays;
+    bool dropAndReverse = false;
+    for (const soak::PhasePlan& p : plan.phases) {
+        const auto& a = p.simArgs;
+        for (std::size_t i = 0; i + 1 < a.size(); ++i)
+            if (a[i] == "--delay-ms" && p.kind == FaultKind::Delay) delays.insert(a[i + 1]);
+        const bool reverse = std::find(a.begin(), a.end(), "--reverse") != a.end();
+        if (p.kind == FaultKind::Drop && reverse) dropAndReverse = true;
+    }
+    EXPECT_EQ(delays, (std::set<std::string>{"250", "1500"})); // under and over the 1000 ms time-out
+    EXPECT_TRUE(dropAndReverse);
+}
+
+TEST(SoakCounters, ReadsTheSimulatorsStopLine)
+{
+    const std::string full =
+        "tavro-switchsim: stopped; connections=3 received=40 sent=30 dropped=2 answered=7 unanswered=1 commands=8 "
+        "unexpected=0";
+    struct Case {
+        const char* name;
+        std::string line;
+        bool ok;
+    };
+    const Case cases[] = {
+        {"complete", full, true},
+        {"fields in another order and one more", "tavro-switchsim: stopped; commands=8 extra=1 unexpected=0 "
+                                                 "connections=3 received=40 sent=30 dropped=2 answered=7 unanswered=1",
+         true},
+        {"an older simulator without the command counts",
+         "tavro-switchsim: stopped; connections=3 received=40 sent=30 dropped=2 answered=7 unanswered=1", false},
+        {"not the stop line", "tavro-switchsim: listening on 127.0.0.1, PCE process port 58992", false},
+        {"a value that is not a number", full.substr(0, full.size() - 1) + "x", false},
+        {"an empty value", full.substr(0, full.size() - 1), false},
+    };
+    for (const Case& c : cases) {
+        soak::SwitchCounters got;
+        EXPECT_EQ(soak::parseSwitchCounters(c.line, got), c.ok) << c.name;
+        if (c.ok) {
+            EXPECT_EQ(got.connections, 3u) << c.name;
+            EXPECT_EQ(got.received, 40u);
+            EXPECT_EQ(got.sent, 30u);
+            EXPECT_EQ(got.dropped, 2u);
+            EXPECT_EQ(got.answered, 7u);
+            EXPECT_EQ(got.unanswered, 1u);
+            EXPECT_EQ(got.commands, 8u);
+            EXPECT_EQ(got.unexpected, 0u);
+        }
+    }
+}
+
+TEST(SoakResources, GrowthCountsOnlyOnceWarmAndPastTheSlack)
+{
+    constexpr std::uint64_t MiB = 1 << 20;
+    soak::ResourceWatch w({4 * MiB, 0, 2});
+    // Warming up: anything goes, and the peak RSS becomes the baseline.
+    EXPECT_EQ(w.add({10 * MiB, 12, 8}), "");
+    EXPECT_EQ(w.add({30 * MiB, 40, 90}), "");
+    EXPECT_EQ(w.add({20 * MiB, 15, 9}), "");
+    w.markWarm();
+    EXPECT_EQ(w.warmPeakRss(), 30 * MiB);
+    struct Case {
+        soak::ResourceSample s;
+        const char* complaint; // "" for none
+    };
+    const Case cases[] = {
+        {{34 * MiB, 15, 11}, ""},
+        {{35 * MiB, 15, 9}, "RSS 35.0 MiB grew past the warm-up peak 30.0 MiB + 4.0 MiB"},
+        {{20 * MiB, 16, 9}, "threads 16 grew past 15 + 0"},
+        {{20 * MiB, 15, 12}, "descriptors 12 grew past 9 + 2"},
+        {{20 * MiB, 14, 5}, ""},
+    };
+    for (const Case& c : cases) EXPECT_EQ(w.add(c.s), c.complaint);
+    EXPECT_EQ(w.first().threads, 12u);
+    EXPECT_EQ(w.peakThreads(), 40u);
+    EXPECT_EQ(w.last().descriptors, 5u);
+}
+
+TEST(SoakResources, SamplesThisProcess)
+{
+    soak::ResourceSample s;
+    ASSERT_TRUE(soak::sampleResources(s));
+    EXPECT_GT(s.rssBytes, 0u);
+    EXPECT_GE(s.threads, 1u);
+    EXPECT_GE(s.descriptors, 3u); // standard input, output and error
+}
+
+// A stand-in for the simulator: prints the start line and, on SIGTERM, the
+// line and exit status given.
+std::vector<std::string> fakeSim(const std::string& onTerm, int status = 0, bool listen = true)
+{
+    std::string script = "trap 'echo \"" + onTerm + "\"; exit " + std::to_string(status) + "' TERM; ";
+    if (listen) script += "echo 'tavro-switchsim: listening on 127.0.0.1'; ";
+    script += "while :; do sleep 0.02; done";
+    return {"-c", script};
+}
+
+const char kStopLine[] =
+    "tavro-switchsim: stopped; connections=1 received=2 sent=3 dropped=0 answered=4 unanswered=0 commands=4 "
+    "unexpected=0";
+
+TEST(SoakSwitchProcess, StopsAFrozenChildAndReadsItsCounters)
+{
+    soak::SwitchProcess p("/bin/sh");
+    std::string error;
+    ASSERT_TRUE(p.start(fakeSim(kStopLine), 5000, &error)) << error;
+    EXPECT_TRUE(p.freeze());
+    // A stopped child handles SIGTERM only once it is resumed.
+    soak::SwitchCounters c;
+    ASSERT_TRUE(p.stop(5000, &c, &error)) << error;
+    EXPECT_EQ(c.answered, 4u);
+    EXPECT_EQ(c.commands, 4u);
+    EXPECT_FALSE(p.running());
+}
+
+TEST(SoakSwitchProcess, ReportsEveryUncleanEnd)
+{
+    struct Case {
+        const char* name;
+        std::vector<std::string> args;
+        const char* error;
+    };
+    const Case cases[] = {
+        {"a failed exit status", fakeSim(kStopLine, 66), "the simulator ended with exit status 66"},
+        {"no counters line", fakeSim("bye"), "the simulator ended without its counters line"},
+        {"SIGTERM ignored", {"-c", "trap '' TERM; echo 'tavro-switchsim: listening on x'; while :; do sleep 0.02; done"},
+         "the simulator did not end within 300 ms; killed"},
+    };
+    for (const Case& c : cases) {
+        soak::SwitchProcess p("/bin/sh");
+        std::string error;
+        ASSERT_TRUE(p.start(c.args, 5000, &error)) << c.name << ": " << error;
+        error.clear();
+        EXPECT_FALSE(p.stop(300, nullptr, &error)) << c.name;
+        EXPECT_EQ(error, c.error) << c.name;
+        EXPECT_FALSE(p.running()) << c.name;
+    }
+}
+
+TEST(SoakSwitchProcess, GivesUpOnAChildThatNeverListens)
+{
+    soak::SwitchProcess p("/bin/sh");
+    std::string error;
+    EXPECT_FALSE(p.start(fakeSim(kStopLine, 0, false), 200, &error));
+    EXPECT_NE(error.find("did not start listening within 200 ms; killed"), std::string::npos) << error;
+    EXPECT_FALSE(p.running());
+    soak::SwitchProcess missing("/nonexistent/tavro-switchsim");
+    EXPECT_FALSE(missing.start({}, 2000, &error));
+    EXPECT_NE(error.find("ended with exit status 127 before it listened"), std::string::npos) << error;
+}
+
+} // namespace
