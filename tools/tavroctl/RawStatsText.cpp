@@ -74,10 +74,11 @@ std::string rawStatsJson(const void* block)
         TAVRO_RawStatsPort(block, i, &p);
         out += format("%s\n  {\"port\": %u, \"linkUp\": %s, \"speedMbps\": %" PRIu32 ", ", i ? "," : "", p.portNbr,
                       p.linkUp ? "true" : "false", p.speedMbps);
+        // Counters are read member by member: the packed record has no alignment.
         for (int dir = 0; dir < 2; ++dir) {
-            const std::uint64_t* c = dir == 0 ? p.rxCounters : p.txCounters;
             out += dir == 0 ? "\"rx\": [" : ", \"tx\": [";
-            for (int k = 0; k < TAVRO_RAW_STATS_COUNTERS; ++k) out += format("%s%" PRIu64, k ? ", " : "", c[k]);
+            for (int k = 0; k < TAVRO_RAW_STATS_COUNTERS; ++k)
+                out += format("%s%" PRIu64, k ? ", " : "", dir == 0 ? p.rxCounters[k] : p.txCounters[k]);
             out += "]";
         }
         out += "}";
