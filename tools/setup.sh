@@ -7,7 +7,7 @@ set -euo pipefail
 
 pkgs=(build-essential cmake pkg-config binutils ccache
       libboost-regex-dev libtinyxml-dev
-      libgtest-dev libgmock-dev googletest libbenchmark-dev)
+      libgtest-dev libgmock-dev googletest libbenchmark-dev libzmq3-dev)
 if [[ "${1:-}" == "--cross" ]]; then
     pkgs+=(g++-powerpc-linux-gnu qemu-user dpkg-dev xz-utils)
 fi
