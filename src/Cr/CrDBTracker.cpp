@@ -1,6 +1,7 @@
 #include "Cr/CrDBTracker.h"
 
 #include <sstream>
+#include <vector>
 
 #include "Common/OS/Linux/WinEvent.h"
 #include "Common/Utility/UtlDebug.h"
@@ -120,9 +121,20 @@ void CrTracker::WaitForRsp(TrackerInfo* info)
 
 void* CrTracker::Execute(void*)
 {
+    // Everything that waits is taken in one go: one wake-up and one lock for
+    // a burst of commands and responses, handled in queue order.
+    std::vector<void*> batch;
     while (ContinueRunning()) {
         if (!pTracker->WaitNotEmpty(POLL_MS)) continue;
-        ProcessMsg(static_cast<TrackerMsg*>(pTracker->GetNext(true)));
+        pTracker->TakeAll(batch);
+        std::size_t i = 0;
+        while (i < batch.size()) {
+            ProcessMsg(static_cast<TrackerMsg*>(batch[i++]));
+            if (!ContinueRunning()) break;
+        }
+        // Stopped half-way: the rest goes as the queue's destructor takes it.
+        for (; i < batch.size(); ++i) delete static_cast<TrackerMsg*>(batch[i]);
+        batch.clear();
     }
     return nullptr;
 }
