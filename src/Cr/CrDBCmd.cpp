@@ -4,6 +4,7 @@
 #include <iomanip>
 #include <sstream>
 
+#include "Common/OS/Linux/HandlePool.h"
 #include "Common/OS/Linux/WinEvent.h"
 #include "Common/Utility/UtlDebug.h"
 #include "Cr/CrDBTracker.h"
@@ -136,7 +137,7 @@ void CrCmd::Init()
 {
     rspTimer = UDBControl::GetDefaultMsgTimeout();
     GetSystemTime(&timeStruct);
-    rspLock = CreateMutex(nullptr, FALSE, nullptr);
+    rspLock = tavro_internal::borrowMutex();
     pCrTracker = static_cast<CrTracker*>(UDBControl::GetClassRef(SMN_TRACKER));
 }
 
@@ -156,10 +157,10 @@ CrCmd::CrCmd(MGR_CLASS mgr, ORV_APP_MSG* hdr, void* data)
 
 CrCmd::~CrCmd()
 {
-    if (waitEvent != nullptr) CloseHandle(waitEvent);
+    tavro_internal::returnEvent(waitEvent, false);
     if (rspLock != nullptr) {
         PurgeRsp();
-        CloseHandle(rspLock);
+        tavro_internal::returnMutex(rspLock);
     }
     SetTrackerInfo(nullptr);
 }
@@ -187,7 +188,7 @@ void CrCmd::Dispatch()
         debugOutf("  CMD: %x no tracker, not sent\r\n", unsigned(cmdCode));
         return;
     }
-    if (waitEvent == nullptr) waitEvent = CreateEvent(nullptr, FALSE, FALSE, nullptr);
+    if (waitEvent == nullptr) waitEvent = tavro_internal::borrowEvent(false);
 
     auto* msg = new TrackerMsg(this);
     if (!pCrTracker->AddToQueue(msg)) {

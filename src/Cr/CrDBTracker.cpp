@@ -3,6 +3,7 @@
 #include <sstream>
 #include <vector>
 
+#include "Common/OS/Linux/HandlePool.h"
 #include "Common/OS/Linux/WinEvent.h"
 #include "Common/Utility/UtlDebug.h"
 #include "Io/IoDBRouter.h"
@@ -19,16 +20,16 @@ TrackerQue::~TrackerQue()
 
 TrackerInfo::TrackerInfo(CrCmd* cmd)
     : pCmd(cmd),
-      rspEvent(CreateEvent(nullptr, TRUE, FALSE, nullptr)),
-      infoLock(CreateMutex(nullptr, FALSE, nullptr))
+      rspEvent(tavro_internal::borrowEvent(true)),
+      infoLock(tavro_internal::borrowMutex())
 {
     if (cmd != nullptr) expectedRsp = cmd->GetMsgAddr();
 }
 
 TrackerInfo::~TrackerInfo()
 {
-    CloseHandle(rspEvent);
-    CloseHandle(infoLock);
+    tavro_internal::returnEvent(rspEvent, true);
+    tavro_internal::returnMutex(infoLock);
 }
 
 void TrackerInfo::Lock() { WaitForSingleObject(infoLock, INFINITE); }
