@@ -137,7 +137,7 @@ void CrCmd::Init()
 {
     rspTimer = UDBControl::GetDefaultMsgTimeout();
     GetSystemTime(&timeStruct);
-    rspLock = tavro_internal::borrowMutex();
+    rspLock = CreateMutex(nullptr, FALSE, nullptr);
     pCrTracker = static_cast<CrTracker*>(UDBControl::GetClassRef(SMN_TRACKER));
 }
 
@@ -160,7 +160,7 @@ CrCmd::~CrCmd()
     tavro_internal::returnEvent(waitEvent, false);
     if (rspLock != nullptr) {
         PurgeRsp();
-        tavro_internal::returnMutex(rspLock);
+        CloseHandle(rspLock);
     }
     SetTrackerInfo(nullptr);
 }

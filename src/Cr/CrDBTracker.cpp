@@ -21,7 +21,7 @@ TrackerQue::~TrackerQue()
 TrackerInfo::TrackerInfo(CrCmd* cmd)
     : pCmd(cmd),
       rspEvent(tavro_internal::borrowEvent(true)),
-      infoLock(tavro_internal::borrowMutex())
+      infoLock(CreateMutex(nullptr, FALSE, nullptr))
 {
     if (cmd != nullptr) expectedRsp = cmd->GetMsgAddr();
 }
@@ -29,7 +29,7 @@ TrackerInfo::TrackerInfo(CrCmd* cmd)
 TrackerInfo::~TrackerInfo()
 {
     tavro_internal::returnEvent(rspEvent, true);
-    tavro_internal::returnMutex(infoLock);
+    CloseHandle(infoLock);
 }
 
 void TrackerInfo::Lock() { WaitForSingleObject(infoLock, INFINITE); }

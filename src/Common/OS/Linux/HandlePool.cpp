@@ -39,11 +39,11 @@ struct Pool {
 // Never destroyed: detached threads may give handles back during exit.
 Pool& pool(int kind)
 {
-    static Pool* pools = new Pool[3];
+    static Pool* pools = new Pool[2];
     return pools[kind];
 }
 
-enum { AUTO_EVENTS, MANUAL_EVENTS, MUTEXES };
+enum { AUTO_EVENTS, MANUAL_EVENTS };
 
 } // namespace
 
@@ -60,22 +60,3 @@ void tavro_internal::returnEvent(HANDLE h, bool manualReset)
     pool(manualReset ? MANUAL_EVENTS : AUTO_EVENTS).put(h);
 }
 
-HANDLE tavro_internal::borrowMutex()
-{
-    HANDLE h = pool(MUTEXES).take();
-    return h != nullptr ? h : CreateMutex(nullptr, FALSE, nullptr);
-}
-
-void tavro_internal::returnMutex(HANDLE h)
-{
-    if (h == nullptr) return;
-    // Closing would have dropped this thread's own holds with the mutex.
-    while (ReleaseMutex(h)) {
-    }
-    if (WaitForSingleObject(h, 0) != WAIT_OBJECT_0) {
-        CloseHandle(h);
-        return;
-    }
-    ReleaseMutex(h);
-    pool(MUTEXES).put(h);
-}

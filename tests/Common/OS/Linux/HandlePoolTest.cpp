@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <thread>
-
 #include "Common/OS/Linux/CWinEventHandle.h"
 #include "Common/OS/Linux/WinEvent.h"
 
@@ -25,23 +23,6 @@ TEST(HandlePoolTest, EventsComeBackClearAndOfTheKindAsked)
         EXPECT_EQ("", ev->name());
         tavro_internal::returnEvent(again, manual);
     }
-}
-
-TEST(HandlePoolTest, AMutexHeldByItsReturnerIsLentFree)
-{
-    HANDLE m = tavro_internal::borrowMutex();
-    ASSERT_EQ(WAIT_OBJECT_0, WaitForSingleObject(m, INFINITE));
-    ASSERT_EQ(WAIT_OBJECT_0, WaitForSingleObject(m, INFINITE));
-    tavro_internal::returnMutex(m);
-    HANDLE again = tavro_internal::borrowMutex();
-    DWORD other = WAIT_FAILED;
-    std::thread t([&] {
-        other = WaitForSingleObject(again, 0);
-        if (other == WAIT_OBJECT_0) ReleaseMutex(again);
-    });
-    t.join();
-    EXPECT_EQ(WAIT_OBJECT_0, other);
-    tavro_internal::returnMutex(again);
 }
 
 } // namespace
