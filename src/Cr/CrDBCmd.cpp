@@ -4,6 +4,7 @@
 #include <iomanip>
 #include <sstream>
 
+#include "Common/OS/Linux/HandlePool.h"
 #include "Common/OS/Linux/WinEvent.h"
 #include "Common/Utility/UtlDebug.h"
 #include "Common/Utility/UtlFormatGuard.h"
@@ -133,7 +134,7 @@ CrCmd::CrCmd(MGR_CLASS mgr, ORV_APP_MSG* hdr, void* data)
 
 CrCmd::~CrCmd()
 {
-    if (waitEvent != nullptr) CloseHandle(waitEvent);
+    tavro_internal::returnEvent(waitEvent, false);
     if (rspLock != nullptr) {
         PurgeRsp();
         CloseHandle(rspLock);
@@ -164,7 +165,7 @@ void CrCmd::Dispatch()
         debugOutf("  CMD: %x no tracker, not sent\r\n", unsigned(cmdCode));
         return;
     }
-    if (waitEvent == nullptr) waitEvent = CreateEvent(nullptr, FALSE, FALSE, nullptr);
+    if (waitEvent == nullptr) waitEvent = tavro_internal::borrowEvent(false);
 
     auto* msg = new TrackerMsg(this);
     if (!pCrTracker->AddToQueue(msg)) {

@@ -1,7 +1,9 @@
 #include "Cr/CrDBTracker.h"
 
 #include <sstream>
+#include <vector>
 
+#include "Common/OS/Linux/HandlePool.h"
 #include "Common/OS/Linux/WinEvent.h"
 #include "Common/Utility/UtlDebug.h"
 #include "Io/IoDBRouter.h"
@@ -18,7 +20,7 @@ TrackerQue::~TrackerQue()
 
 TrackerInfo::TrackerInfo(CrCmd* cmd)
     : pCmd(cmd),
-      rspEvent(CreateEvent(nullptr, TRUE, FALSE, nullptr)),
+      rspEvent(tavro_internal::borrowEvent(true)),
       infoLock(CreateMutex(nullptr, FALSE, nullptr))
 {
     if (cmd != nullptr) expectedRsp = cmd->GetMsgAddr();
@@ -26,7 +28,7 @@ TrackerInfo::TrackerInfo(CrCmd* cmd)
 
 TrackerInfo::~TrackerInfo()
 {
-    CloseHandle(rspEvent);
+    tavro_internal::returnEvent(rspEvent, true);
     CloseHandle(infoLock);
 }
 
@@ -120,9 +122,20 @@ void CrTracker::WaitForRsp(TrackerInfo* info)
 
 void* CrTracker::Execute(void*)
 {
+    // Everything that waits is taken in one go: one wake-up and one lock for
+    // a burst of commands and responses, handled in queue order.
+    std::vector<void*> batch;
     while (ContinueRunning()) {
         if (!pTracker->WaitNotEmpty(POLL_MS)) continue;
-        ProcessMsg(static_cast<TrackerMsg*>(pTracker->GetNext(true)));
+        pTracker->TakeAll(batch);
+        std::size_t i = 0;
+        while (i < batch.size()) {
+            ProcessMsg(static_cast<TrackerMsg*>(batch[i++]));
+            if (!ContinueRunning()) break;
+        }
+        // Stopped half-way: the rest goes as the queue's destructor takes it.
+        for (; i < batch.size(); ++i) delete static_cast<TrackerMsg*>(batch[i]);
+        batch.clear();
     }
     return nullptr;
 }

@@ -160,6 +160,8 @@ TEST_F(E2e, FramesOnTheWireAndSwitchCommandsInBothOrders)
 {
     // The link test header, then a command's words in host order.
     const lp::Order host = lp::hostOrder();
+    // Connected is not yet read: the simulator's reader may still be on its way.
+    ASSERT_TRUE(sim().waitFor([] { return sim().receivedBytes(conn()).size() >= 12u; }, kWait));
     const lp::Bytes start = sim().receivedBytes(conn());
     ASSERT_GE(start.size(), 12u);
     EXPECT_EQ(lp::Bytes(start.begin(), start.begin() + 12), lp::linkTestBytes(host));

@@ -119,6 +119,11 @@ tavro_internal::SocketSeams& tavro_internal::socketSeams()
     return g_seams;
 }
 
+bool tavro_internal::realSend()
+{
+    return g_seams.sendFn == sendNoSignal;
+}
+
 void tavro_internal::resetSocketSeams()
 {
     g_seams = defaultSeams();

@@ -49,6 +49,9 @@ struct SocketSeams {
 };
 SocketSeams& socketSeams();
 void resetSocketSeams();
+// True while sendFn is the real send: only then may a chain go out as one
+// gathered write (a replaced sendFn models what each per-piece call does).
+bool realSend();
 } // namespace tavro_internal
 
 // Whole seconds on the seam clock.
@@ -269,6 +272,10 @@ protected:
     // thread shuts the connection down at once (waking blocked calls) but
     // closes the descriptor only when the last use ends, so its number cannot
     // be reused under a call still running on it.
+    // SendBD's chain as gathered writes, with SendBD's retry and failure
+    // rules; for when no send trace is on. Called under tcpSend.
+    void sendGathered(TCP_BD* chain);
+
     class FdUse {
     public:
         explicit FdUse(OsSocket& s) : sock(s), fd(s.acquireFd()) {}

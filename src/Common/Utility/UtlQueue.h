@@ -3,8 +3,11 @@
 // Thread-safe FIFO of untyped item pointers with a soft capacity bound.
 #include <deque>
 #include <string>
+#include <vector>
 
 #include "Common/OS/Linux/WinTypes.h"
+
+class CWinEventHandle;
 
 class UtlQueue {
 public:
@@ -21,6 +24,10 @@ public:
     virtual bool WaitNotEmpty(DWORD ms);
     virtual bool Empty();
 
+    // Appends every queued item to out, front first, as that many removing
+    // GetNext calls would take them (without the empty-queue lines); the count.
+    std::size_t TakeAll(std::vector<void*>& out);
+
     const std::string& Name() const { return strQueueName; }
 
     UtlQueue(const UtlQueue&) = delete;
@@ -28,6 +35,8 @@ public:
 
 private:
     void Construct(int maxItems);
+    // Sets waterMark after a removal; the event to wake after the unlock.
+    CWinEventHandle* releaseProducers();
 
     std::deque<void*>* pQueue;
     std::string strQueueName;

@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstring>
 #include <memory>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -770,6 +771,32 @@ TEST_F(WriterFixture, ChainIsSentInOrder)
     ASSERT_TRUE(sock->SendBD(&bd1));
     EXPECT_EQ(received(47), std::string(a, 12) + std::string(b, 28) + std::string(c, 7));
     EXPECT_EQ(sock->MsgSent(), 3u);
+}
+
+TEST_F(WriterFixture, LongChainLargerThanTheSocketBufferArrivesWholeAndInOrder)
+{
+    // More pieces than one gathered write takes, empty ones among them, and
+    // more bytes than the socket holds: partial writes must resume mid-piece.
+    std::vector<std::string> pieces;
+    std::vector<TCP_BD> chain;
+    std::string expected;
+    for (int i = 0; i < 40; ++i) {
+        const std::size_t size = i % 7 == 3 ? 0 : 1000 + std::size_t(i) * 4099;
+        std::string p(size, '\0');
+        for (std::size_t k = 0; k < size; ++k) p[k] = static_cast<char>(k * 31 + std::size_t(i));
+        expected += p;
+        pieces.push_back(std::move(p));
+    }
+    chain.resize(pieces.size());
+    for (std::size_t i = 0; i < pieces.size(); ++i)
+        chain[i] = TCP_BD{&pieces[i][0], static_cast<std::int32_t>(pieces[i].size()),
+                          i + 1 < pieces.size() ? &chain[i + 1] : nullptr};
+    std::string got;
+    std::thread reader([&] { got = received(expected.size()); });
+    const bool sent = sock->SendBD(chain.data());
+    reader.join();
+    EXPECT_TRUE(sent);
+    EXPECT_TRUE(got == expected);
 }
 
 TEST_F(WriterFixture, ShortSendsAreContinued)

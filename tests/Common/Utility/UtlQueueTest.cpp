@@ -2,6 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <set>
+#include <thread>
+#include <vector>
+
 #include "Common/OS/Linux/CWinEventHandle.h"
 #include "Common/OS/Linux/OSAL.h"
 #include "Common/OS/Linux/PlatformTestSupport.h"
@@ -64,6 +69,36 @@ TEST(UtlQueueTest, FullQueueBlocksProducersThenLetsAllWaitingOnesIn)
     EXPECT_TRUE(bothIn);
     EXPECT_EQ(5, take(q) + take(q));
     EXPECT_TRUE(q.Empty());
+}
+
+TEST(UtlQueueTest, TakeAllEmptiesInOrderAndLetsABlockedProducerIn)
+{
+    const std::set<CWinEventHandle*> before = CWinEventHandleSet::s_Set();
+    UtlQueue q("all", 2);
+    CWinEventHandle* waterMark = nullptr;
+    for (CWinEventHandle* e : CWinEventHandleSet::s_Set())
+        if (before.count(e) == 0 && e->signaled()) waterMark = e;
+    ASSERT_NE(nullptr, waterMark);
+    std::vector<void*> out;
+    EXPECT_EQ(0u, q.TakeAll(out));
+    q.AddToQueue(item(1), UtlQueue::RETURN_IF_OVERFLOW);
+    q.AddToQueue(item(2), UtlQueue::RETURN_IF_OVERFLOW);
+    std::atomic<bool> added{false};
+    std::thread producer([&] { added = q.AddToQueue(item(3), UtlQueue::WAIT_IF_OVERFLOW); });
+    const bool blocked = tavro_test::eventually([&] { return waterMark->waiters() == 1; });
+    EXPECT_TRUE(blocked);
+    EXPECT_EQ(2u, q.TakeAll(out));
+    ASSERT_EQ(2u, out.size());
+    EXPECT_EQ(1, *static_cast<int*>(out[0]));
+    EXPECT_EQ(2, *static_cast<int*>(out[1]));
+    for (void* p : out) delete static_cast<int*>(p);
+    const bool in = tavro_test::eventually([&] { return added.load(); });
+    if (!in) SetEvent(toHandle(waterMark)); // fail, not hang
+    producer.join();
+    EXPECT_TRUE(in);
+    EXPECT_TRUE(q.WaitNotEmpty(0));
+    EXPECT_EQ(3, take(q));
+    EXPECT_FALSE(q.WaitNotEmpty(0));
 }
 
 TEST(UtlQueueTest, ConsumerWakesWhenAnItemArrivesAndTimesOutOtherwise)

@@ -90,6 +90,20 @@ BOOL SetEvent(HANDLE h)
     return TRUE;
 }
 
+CWinEventHandle* SetEventNoWake(HANDLE h)
+{
+    CWinEventHandle* ev = castToWinEventHandle(h);
+    if (!ev) return nullptr;
+    CEventLock lock;
+    ev->signalAndPin();
+    return ev;
+}
+
+void WakeEvent(CWinEventHandle* ev)
+{
+    if (ev) ev->wakeAndUnpin();
+}
+
 BOOL ResetEvent(HANDLE h)
 {
     CWinEventHandle* ev = castToWinEventHandle(h);

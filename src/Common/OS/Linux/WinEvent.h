@@ -72,6 +72,15 @@ class CWinEventHandle;
 class CWinMutexHandle;
 class CWinTimerHandle;
 
+// SetEvent in two steps, for a caller holding a lock that the woken thread
+// takes next: SetEventNoWake makes the state change (and signals the
+// subscribers) at once and returns the event pinned, or NULL for a NULL or
+// non-event handle; WakeEvent, after the caller's unlock, wakes the event's
+// waiters and unpins it. Any wait in between sees the event set, as after
+// SetEvent; a waiter already blocked only wakes a little later.
+CWinEventHandle* SetEventNoWake(HANDLE h);
+void WakeEvent(CWinEventHandle* ev);
+
 // NULL for a NULL handle or one of another class.
 CWinEventHandle* castToWinEventHandle(HANDLE h);
 CWinMutexHandle* castToWinMutexHandle(HANDLE h);
