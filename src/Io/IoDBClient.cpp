@@ -13,6 +13,7 @@
 #include "Common/OS/Linux/WinEvent.h"
 #include "Common/OS/OsSocket.h"
 #include "Common/Utility/UtlDebug.h"
+#include "Common/Utility/UtlTraceLine.h"
 #include "Cr/CrDBTracker.h"
 #include "Os/UDBControl.h"
 
@@ -72,10 +73,8 @@ void reclaimFinishedSessions()
 // A received frame whose header promises more than the frame carries.
 void traceBadFrame(const c_sockaddr& peer, std::uint32_t frameSize, std::uint32_t appSize)
 {
-    std::ostringstream os;
-    os << "IoClientMgmt::Execute" << ": IP[" << peer.address() << "] ORV_CTL_MSG size[" << frameSize
-       << "] too small for ORV_APP_MSG appSize[" << appSize << "].  MESSAGE DROPPED!\n";
-    debugOut(os.str().c_str());
+    UTL_TRACE("IoClientMgmt::Execute" << ": IP[" << peer.address() << "] ORV_CTL_MSG size[" << frameSize
+       << "] too small for ORV_APP_MSG appSize[" << appSize << "].  MESSAGE DROPPED!\n");
 }
 
 } // namespace

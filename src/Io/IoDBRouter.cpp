@@ -5,6 +5,7 @@
 
 #include "Common/OS/Linux/WinEvent.h"
 #include "Common/Utility/UtlDebug.h"
+#include "Common/Utility/UtlTraceLine.h"
 #include "Common/Utility/UtlQueue.h"
 #include "Io/IoRouteTable.h"
 #include "Os/UDBControl.h"
@@ -99,10 +100,8 @@ int IoRouter::SendR700Cmd(CrCmd* cmd)
     ORV_CTL_MSG ctl(*cmd);
     ORV_APP_MSG app(*cmd);
     if (app.getAppSize() > MAX_APP_SIZE) {
-        std::ostringstream os;
-        os << "SendR700Cmd" << ": MESSAGE TOO LARGE.  appSize[" << app.getAppSize() << "] greater than MAX_TCP_MSG_SIZE["
-           << MAX_TCP_MSG_SIZE << "].  MESSAGE NOT SENT!\n";
-        debugOut(os.str().c_str());
+        UTL_TRACE("SendR700Cmd" << ": MESSAGE TOO LARGE.  appSize[" << app.getAppSize() << "] greater than MAX_TCP_MSG_SIZE["
+           << MAX_TCP_MSG_SIZE << "].  MESSAGE NOT SENT!\n");
         return SEND_TOO_LARGE;
     }
     TCP_BD bd[3];

@@ -7,6 +7,7 @@
 #include "Common/OS/Linux/WinEvent.h"
 #include "Common/OS/OsThread.h"
 #include "Common/Utility/UtlDebug.h"
+#include "Common/Utility/UtlTraceLine.h"
 #include "Io/IoDBRouter.h"
 
 namespace {
@@ -139,9 +140,7 @@ bool RouteTable::removeRoute(std::list<NET_SOCKET*>::iterator it)
         // The session removes its own route: nobody finds it any more, and it
         // is freed once the senders inside it have given their uses back.
         netList.erase(it);
-        std::ostringstream os;
-        os << "DeleteRoute" << ": id[" << route->id << "] ipaddr[" << route->ipAddr << "]\n";
-        trace(os.str());
+        UTL_TRACE("DeleteRoute" << ": id[" << route->id << "] ipaddr[" << route->ipAddr << "]\n");
         const tavro_internal::RouteTableSeams& seams = g_seams;
         for (unsigned waits = 0; route->useCounter != 0 && waits < seams.maxDrainWaits; ++waits) {
             ReleaseMutex(listLock);

@@ -288,20 +288,14 @@ bool OsSocket::setIntOption(int fd, int level, int option, int value, const char
                             const char* caller)
 {
     if (setsockopt(fd, level, option, &value, sizeof value) == 0) {
-        if (sockTraceOn(SOCK_TRACE_OPTIONS)) {
-            std::ostringstream os;
-            os << operation << ": " << callerName(caller) << "(): Socket[" << fd << "] setsockopt( " << optionName
-               << " ) succeeded.\n";
-            sockLog(os.str());
-        }
+        SOCK_TRACE(SOCK_TRACE_OPTIONS, operation << ": " << callerName(caller) << "(): Socket[" << fd << "] setsockopt( " << optionName
+           << " ) succeeded.\n");
         return true;
     }
     const int e = errno;
     errNum = e;
-    std::ostringstream os;
-    os << operation << ": " << callerName(caller) << "(): Socket[" << fd << "] setsockopt( " << optionName
-       << " ) failed[" << e << "]\n";
-    sockLog(os.str());
+    UTL_TRACE(operation << ": " << callerName(caller) << "(): Socket[" << fd << "] setsockopt( " << optionName
+       << " ) failed[" << e << "]\n");
     return false;
 }
 
@@ -312,19 +306,13 @@ bool OsSocket::setLingerOnCloseOffOption(int fd, const char* caller)
     l.l_linger = 0;
     const char* op = "setLingerOnCloseOffOption";
     if (setsockopt(fd, SOL_SOCKET, SO_LINGER, &l, sizeof l) == 0) {
-        if (sockTraceOn(SOCK_TRACE_OPTIONS)) {
-            std::ostringstream os;
-            os << op << ": " << callerName(caller) << "(): Socket[" << fd << "] setsockopt( SO_LINGER ) succeeded.\n";
-            sockLog(os.str());
-        }
+        SOCK_TRACE(SOCK_TRACE_OPTIONS, op << ": " << callerName(caller) << "(): Socket[" << fd << "] setsockopt( SO_LINGER ) succeeded.\n");
         return true;
     }
     const int e = errno;
     errNum = e;
-    std::ostringstream os;
-    os << op << ": " << callerName(caller) << "(): Socket[" << fd << "] setsockopt( SO_LINGER ) failed[" << e
-       << "]\n";
-    sockLog(os.str());
+    UTL_TRACE(op << ": " << callerName(caller) << "(): Socket[" << fd << "] setsockopt( SO_LINGER ) failed[" << e
+       << "]\n");
     return false;
 }
 
@@ -337,9 +325,7 @@ bool OsSocket::setKeepAliveOptions(int fd, const char* caller)
 {
     const char* op = "setKeepAliveOptions";
     if (!keepAlive) {
-        std::ostringstream os;
-        os << op << ": " << callerName(caller) << "(): SOCKET DOES NOT HAVE KEEPALIVE ENABLED.\n";
-        sockLog(os.str());
+        UTL_TRACE(op << ": " << callerName(caller) << "(): SOCKET DOES NOT HAVE KEEPALIVE ENABLED.\n");
         return true;
     }
     bool ok = setIntOption(fd, SOL_SOCKET, SO_KEEPALIVE, 1, "SO_KEEPALIVE", op, caller);
@@ -355,20 +341,14 @@ bool OsSocket::setTxTimeoutOption(int fd, const char* caller)
     const int value = 10000;
     const char* op = "setTxTimeoutOption";
     if (setsockopt(fd, IPPROTO_TCP, 18, &value, sizeof value) == 0) {
-        if (sockTraceOn(SOCK_TRACE_OPTIONS)) {
-            std::ostringstream os;
-            os << op << ": " << callerName(caller) << "(): Socket[" << fd << "] setsockopt( SO_SNDTIMEO ) succeeded.\n";
-            sockLog(os.str());
-        }
+        SOCK_TRACE(SOCK_TRACE_OPTIONS, op << ": " << callerName(caller) << "(): Socket[" << fd << "] setsockopt( SO_SNDTIMEO ) succeeded.\n");
         return true;
     }
     const int e = errno;
     if (e == ENOPROTOOPT) return true; // older kernels lack the option
     errNum = e;
-    std::ostringstream os;
-    os << op << ": " << callerName(caller) << "(): Socket[" << fd << "] setsockopt( SO_SNDTIMEO ) failed[" << e
-       << "]\n";
-    sockLog(os.str());
+    UTL_TRACE(op << ": " << callerName(caller) << "(): Socket[" << fd << "] setsockopt( SO_SNDTIMEO ) failed[" << e
+       << "]\n");
     return false;
 }
 
@@ -388,18 +368,12 @@ bool OsSocket::disableInheritance(int fd, const char* caller)
 {
     const char* op = "disableInheritance";
     if (fcntl(fd, F_SETFD, FD_CLOEXEC) == 0) {
-        if (sockTraceOn(SOCK_TRACE_OPTIONS)) {
-            std::ostringstream os;
-            os << op << ": " << callerName(caller) << "(): Socket[" << fd << "] fcntl( FD_CLOEXEC ) succeeded.\n";
-            sockLog(os.str());
-        }
+        SOCK_TRACE(SOCK_TRACE_OPTIONS, op << ": " << callerName(caller) << "(): Socket[" << fd << "] fcntl( FD_CLOEXEC ) succeeded.\n");
         return true;
     }
     const int e = errno;
     errNum = e;
-    std::ostringstream os;
-    os << op << ": " << callerName(caller) << "(): Socket[" << fd << "] fcntl( FD_CLOEXEC ) failed[" << e << "]\n";
-    sockLog(os.str());
+    UTL_TRACE(op << ": " << callerName(caller) << "(): Socket[" << fd << "] fcntl( FD_CLOEXEC ) failed[" << e << "]\n");
     return false;
 }
 
@@ -422,18 +396,12 @@ bool OsSocket::setBlockingMode(int fd, bool blocking, const char* caller)
     const char* op = "setBlockingMode";
     int nonBlocking = blocking ? 0 : 1;
     if (ioctl(fd, FIONBIO, &nonBlocking) == 0) {
-        if (sockTraceOn(SOCK_TRACE_OPTIONS)) {
-            std::ostringstream os;
-            os << op << ": " << callerName(caller) << "(): Socket[" << fd << "] ioctl( FIONBIO ) succeeded.\n";
-            sockLog(os.str());
-        }
+        SOCK_TRACE(SOCK_TRACE_OPTIONS, op << ": " << callerName(caller) << "(): Socket[" << fd << "] ioctl( FIONBIO ) succeeded.\n");
         return true;
     }
     const int e = errno;
     errNum = e;
-    std::ostringstream os;
-    os << op << ": " << callerName(caller) << "(): Socket[" << fd << "] ioctl( FIONBIO ) failed[" << e << "]\n";
-    sockLog(os.str());
+    UTL_TRACE(op << ": " << callerName(caller) << "(): Socket[" << fd << "] ioctl( FIONBIO ) failed[" << e << "]\n");
     return false;
 }
 
@@ -444,20 +412,14 @@ bool OsSocket::BindSocketToInterface(int fd, const char* interfaceName, const ch
     if (interfaceName != nullptr) std::strncpy(name, interfaceName, IFNAMSIZ);
     const char* op = "BindSocketToInterface";
     if (setsockopt(fd, SOL_SOCKET, SO_BINDTODEVICE, name, IFNAMSIZ) == 0) {
-        if (sockTraceOn(SOCK_TRACE_OPTIONS)) {
-            std::ostringstream os;
-            os << op << ": " << callerName(caller) << "(): Socket[" << fd
-               << "] setsockopt( SO_BINDTODEVICE ) succeeded.\n";
-            sockLog(os.str());
-        }
+        SOCK_TRACE(SOCK_TRACE_OPTIONS, op << ": " << callerName(caller) << "(): Socket[" << fd
+           << "] setsockopt( SO_BINDTODEVICE ) succeeded.\n");
         return true;
     }
     const int e = errno;
     errNum = e;
-    std::ostringstream os;
-    os << op << ": " << callerName(caller) << "(): Socket[" << fd << "] setsockopt( SO_BINDTODEVICE ) failed[" << e
-       << "]\n";
-    sockLog(os.str());
+    UTL_TRACE(op << ": " << callerName(caller) << "(): Socket[" << fd << "] setsockopt( SO_BINDTODEVICE ) failed[" << e
+       << "]\n");
     return false;
 }
 
@@ -496,11 +458,7 @@ bool OsSocket::PrepareTCPSocket(int backlog)
     setLingerOnCloseOffOption(fd, op);
     setKeepAliveOptions(fd, op);
     setBlockingMode(fd, BLOCKING_DISABLED, op);
-    if (sockTraceOn(SOCK_TRACE_CONNECT)) {
-        std::ostringstream os;
-        os << "PrepareTCPSocket: Socket[" << fd << "]  setBlockingMode( BLOCKING_DISABLED )\n";
-        sockLog(os.str());
-    }
+    SOCK_TRACE(SOCK_TRACE_CONNECT, "PrepareTCPSocket: Socket[" << fd << "]  setBlockingMode( BLOCKING_DISABLED )\n");
     if (tcpType != TCP_SERVER) {
         setTxTimeoutOption(fd, op);
         setNoDelayOption(fd, op);
@@ -530,17 +488,13 @@ bool OsSocket::PrepareTcpServerSocket(int fd, int backlog)
         const int e = errno;
         errNum = e;
         if (!isAddressInUseError(e)) {
-            std::ostringstream os;
-            os << "PrepareTcpServerSocket: Fatal bind error [" << e << "] " << sockErrText(e) << " to IP["
-               << m_sockAddr.address() << "] port [" << m_sockAddr.hostPort() << "]\n";
-            sockLog(os.str());
+            UTL_TRACE("PrepareTcpServerSocket: Fatal bind error [" << e << "] " << sockErrText(e) << " to IP["
+               << m_sockAddr.address() << "] port [" << m_sockAddr.hostPort() << "]\n");
             bSockErr = true;
             return false;
         }
-        std::ostringstream os;
-        os << "PrepareTcpServerSocket: bind error [" << e << "] to IP[" << m_sockAddr.address() << "] port ["
-           << m_sockAddr.hostPort() << "] is not fatal.  Retry...\n";
-        sockLog(os.str());
+        UTL_TRACE("PrepareTcpServerSocket: bind error [" << e << "] to IP[" << m_sockAddr.address() << "] port ["
+           << m_sockAddr.hostPort() << "] is not fatal.  Retry...\n");
         g_seams.sleepMs(BIND_RETRY_MS);
         if (isProgramTerminating()) {
             bSockErr = true;
@@ -548,18 +502,12 @@ bool OsSocket::PrepareTcpServerSocket(int fd, int backlog)
         }
         killOtherInstancesOfThisApp();
     }
-    if (sockTraceOn(SOCK_TRACE_BIND)) {
-        std::ostringstream os;
-        os << "PrepareTcpServerSocket: Socket[" << fd << "] bound to [" << m_sockAddr << "]\n";
-        sockLog(os.str());
-    }
+    SOCK_TRACE(SOCK_TRACE_BIND, "PrepareTcpServerSocket: Socket[" << fd << "] bound to [" << m_sockAddr << "]\n");
     if (::listen(fd, backlog) != 0) {
         const int e = errno;
         errNum = e;
-        std::ostringstream os;
-        os << "PrepareTcpServerSocket listening FAILED for socket[" << fd << "] errNum[" << e << "] "
-           << sockErrText(e) << "\n";
-        sockLog(os.str());
+        UTL_TRACE("PrepareTcpServerSocket listening FAILED for socket[" << fd << "] errNum[" << e << "] "
+           << sockErrText(e) << "\n");
         bSockErr = true;
         return false;
     }
@@ -613,19 +561,13 @@ bool OsSocket::bindAndReport(const char* op, const c_sockaddr& addr)
 {
     const int fd = Socket;
     if (::bind(fd, static_cast<const sockaddr*>(addr), sizeof(sockaddr_in)) == 0) {
-        if (sockTraceOn(SOCK_TRACE_BIND)) {
-            std::ostringstream os;
-            os << op << ": Socket[" << fd << "] bound to [" << addr << "]\n";
-            sockLog(os.str());
-        }
+        SOCK_TRACE(SOCK_TRACE_BIND, op << ": Socket[" << fd << "] bound to [" << addr << "]\n");
         return true;
     }
     const int e = errno;
     setError(e);
-    std::ostringstream os;
-    os << op << ": Socket[" << fd << "] bind to [" << addr << "] failed.  errNum[" << e << "] " << sockErrText(e)
-       << "\n";
-    sockLog(os.str());
+    UTL_TRACE(op << ": Socket[" << fd << "] bind to [" << addr << "] failed.  errNum[" << e << "] " << sockErrText(e)
+       << "\n");
     return false;
 }
 
@@ -637,11 +579,7 @@ bool OsSocket::BindTCPSocket(const c_inaddr& local, unsigned short port)
     c_sockaddr addr(AF_INET, local, port);
     if (::bind(fd, static_cast<const sockaddr*>(addr), sizeof(sockaddr_in)) == 0) {
         bindErrors.reset();
-        if (sockTraceOn(SOCK_TRACE_BIND)) {
-            std::ostringstream os;
-            os << "BindTCPSocket: Socket[" << fd << "] bound to [" << addr << "]\n";
-            sockLog(os.str());
-        }
+        SOCK_TRACE(SOCK_TRACE_BIND, "BindTCPSocket: Socket[" << fd << "] bound to [" << addr << "]\n");
         return true;
     }
     const int e = errno;
@@ -649,15 +587,11 @@ bool OsSocket::BindTCPSocket(const c_inaddr& local, unsigned short port)
     unsigned newEvery = 0;
     const bool report = bindErrors.countFailure(newEvery);
     if (report) {
-        std::ostringstream os;
-        os << "BindTCPSocket: Socket[" << fd << "] bind to [" << addr << "] failed.  errNum[" << e << "] "
-           << sockErrText(e) << "  errors[" << bindErrors.errorCount() << "]\n";
-        sockLog(os.str());
+        UTL_TRACE("BindTCPSocket: Socket[" << fd << "] bind to [" << addr << "] failed.  errNum[" << e << "] "
+           << sockErrText(e) << "  errors[" << bindErrors.errorCount() << "]\n");
     }
     if (newEvery != 0) {
-        std::ostringstream os;
-        os << "BindTCPSocket: Changing reporting frequency to every " << newEvery << " errors!\n";
-        sockLog(os.str());
+        UTL_TRACE("BindTCPSocket: Changing reporting frequency to every " << newEvery << " errors!\n");
     }
     return false;
 }
@@ -688,20 +622,14 @@ bool OsSocket::Connect(bool report)
     if (n < 0) {
         const int e = errno;
         errNum = e;
-        std::ostringstream os;
-        os << "Connect:  select failed, so we're failing connection!  errNum[" << e << "]\n";
-        sockLog(os.str());
+        UTL_TRACE("Connect:  select failed, so we're failing connection!  errNum[" << e << "]\n");
         bSockErr = true;
         return false;
     }
     if (n == 0 || (p.revents & (POLLOUT | POLLERR | POLLHUP)) == 0) {
         errNum = ETIMEDOUT;
-        if (sockTraceOn(SOCK_TRACE_CONNECT)) {
-            std::ostringstream os;
-            os << "Connect Socket[" << fd << "] FAILED FD_ISSET check when attempting to connect to [" << m_sockAddr
-               << "]\n";
-            sockLog(os.str());
-        }
+        SOCK_TRACE(SOCK_TRACE_CONNECT, "Connect Socket[" << fd << "] FAILED FD_ISSET check when attempting to connect to [" << m_sockAddr
+           << "]\n");
         bSockErr = true;
         return false;
     }
@@ -710,31 +638,21 @@ bool OsSocket::Connect(bool report)
     if (::getsockopt(fd, SOL_SOCKET, SO_ERROR, &soErr, &len) != 0) {
         const int e = errno;
         errNum = e;
-        std::ostringstream os;
-        os << "Connect  getsockopt failed, so we're failing connection!  errNum[" << e << "]\n";
-        sockLog(os.str());
+        UTL_TRACE("Connect  getsockopt failed, so we're failing connection!  errNum[" << e << "]\n");
         bSockErr = true;
         return false;
     }
     if (soErr != 0) {
         errNum = soErr;
-        if (sockTraceOn(SOCK_TRACE_CONNECT)) {
-            std::ostringstream os;
-            os << "Connect Socket[" << fd << "] FAILED to connect to [" << m_sockAddr << "] SO_ERROR reported errNum["
-               << soErr << "]\n";
-            sockLog(os.str());
-        }
+        SOCK_TRACE(SOCK_TRACE_CONNECT, "Connect Socket[" << fd << "] FAILED to connect to [" << m_sockAddr << "] SO_ERROR reported errNum["
+           << soErr << "]\n");
         bSockErr = true;
         return false;
     }
     if (report) {
-        std::ostringstream os;
-        os << "Connect  Local client[" << c_sockaddr(fd) << "] connected to remote server[" << m_sockAddr << "]\n";
-        sockLog(os.str());
+        UTL_TRACE("Connect  Local client[" << c_sockaddr(fd) << "] connected to remote server[" << m_sockAddr << "]\n");
     } else if (sockTraceOn(SOCK_TRACE_CONNECT)) {
-        std::ostringstream os;
-        os << "Connect Socket[" << fd << "] now connected to [" << m_sockAddr << "]\n";
-        sockLog(os.str());
+        UTL_TRACE("Connect Socket[" << fd << "] now connected to [" << m_sockAddr << "]\n");
     }
     return !bSockErr;
 }
@@ -756,9 +674,7 @@ OsSocket* OsSocket::Accept()
         // A listener without a waiting client says EAGAIN once a second;
         // that is only worth the bind/accept detail.
         if ((e != EAGAIN && e != EWOULDBLOCK) || sockTraceOn(SOCK_TRACE_BIND)) {
-            std::ostringstream os;
-            os << "Accept: errNum[" << e << "] " << sockErrText(e) << "\n";
-            sockLog(os.str());
+            UTL_TRACE("Accept: errNum[" << e << "] " << sockErrText(e) << "\n");
         }
         g_seams.sleepMs(ACCEPT_RETRY_MS);
     }
@@ -782,11 +698,7 @@ OsSocket* OsSocket::Accept()
     client->setRxTimeoutOption(fd, op);
     client->setTxTimeoutOption(fd, op);
     client->setNoDelayOption(fd, op);
-    if (sockTraceOn(SOCK_TRACE_BIND)) {
-        std::ostringstream os;
-        os << "Accept  Local server[" << c_sockaddr(fd) << "] accepted remote client[" << client->m_sockAddr << "]\n";
-        sockLog(os.str());
-    }
+    SOCK_TRACE(SOCK_TRACE_BIND, "Accept  Local server[" << c_sockaddr(fd) << "] accepted remote client[" << client->m_sockAddr << "]\n");
     return client;
 }
 
@@ -897,9 +809,7 @@ int OsSocket::SendTo(const void* buf, unsigned len, const c_sockaddr& to)
     if (n < 0) {
         const int e = errno;
         errNum = e;
-        std::ostringstream os;
-        os << "SendTo: Socket[" << fd << "] to [" << to << "] errNum[" << e << "] " << sockErrText(e) << "\n";
-        sockLog(os.str());
+        UTL_TRACE("SendTo: Socket[" << fd << "] to [" << to << "] errNum[" << e << "] " << sockErrText(e) << "\n");
         return -1;
     }
     msgSent.fetch_add(1, std::memory_order_relaxed);
@@ -918,9 +828,7 @@ int OsSocket::ReceiveFrom(void* buf, unsigned len, c_sockaddr* from)
         const int e = errno;
         errNum = e;
         if (e != EAGAIN && e != EWOULDBLOCK && e != EINTR) {
-            std::ostringstream os;
-            os << "ReceiveFrom: Socket[" << fd << "] errNum[" << e << "] " << sockErrText(e) << "\n";
-            sockLog(os.str());
+            UTL_TRACE("ReceiveFrom: Socket[" << fd << "] errNum[" << e << "] " << sockErrText(e) << "\n");
         }
         return -1;
     }

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "Common/Utility/UtlDbgFeature.h"
+#include "Common/Utility/UtlTraceLine.h"
 
 enum SOCKET_TRACE_BITS : std::uint32_t {
     SOCK_TRACE_BIND = 0x00000001,       // bind and accept detail
@@ -77,3 +78,9 @@ std::string rawDump(const char* title, const void* data, std::size_t n);
 
 // Hands one finished line to the debug trace.
 void sockLog(const std::string& text);
+
+// A socket trace line under one of `bits`, built only when it is written.
+// The texts are the system's own and stay as they always were, also where
+// they say select(): readiness is waited for with poll(), which has no limit
+// on descriptor numbers, but the messages users grep for are unchanged.
+#define SOCK_TRACE(bits, expr) UTL_TRACE_IF(sockTraceOn(bits), expr)

@@ -98,10 +98,8 @@ OsSocket::ReadState OsSocket::ReadCtlMsgCommon(ORV_CTL_MSG* ctl)
     unsigned got = 0;
     if (!Read(reinterpret_cast<char*>(ctl), sizeof(ORV_CTL_MSG), &got)) return READ_CTL_MSG;
     if (got != sizeof(ORV_CTL_MSG)) {
-        std::ostringstream os;
-        os << "ReadCtlMsgCommon: IP[" << peerText() << "] Short ORV_CTL_MSG.  Expected [" << sizeof(ORV_CTL_MSG)
-           << "] bytes.  Received [" << got << "] bytes.\n";
-        sockLog(os.str());
+        UTL_TRACE("ReadCtlMsgCommon: IP[" << peerText() << "] Short ORV_CTL_MSG.  Expected [" << sizeof(ORV_CTL_MSG)
+           << "] bytes.  Received [" << got << "] bytes.\n");
         return READ_PURGE;
     }
     if (sockTraceOn(SOCK_TRACE_RAW)) sockLog(rawDump("ReadCtlMsgCommon", ctl, got < 32 ? got : 32));
@@ -115,10 +113,8 @@ OsSocket::ReadState OsSocket::ReadCtlMsgCommon(ORV_CTL_MSG* ctl)
         ctl->setNetworkOrder();
     }
     if (ctl->getMarker() != MARKER) {
-        std::ostringstream os;
-        os << "ReadCtlMsgCommon: IP[" << peerText() << "] Missing ORV_MSG_MARKER in ORV_CTL_MSG.  Expected ["
-           << hex8(MARKER) << "] bytes.  Received [" << hex8(marker) << "] bytes.\n";
-        sockLog(os.str());
+        UTL_TRACE("ReadCtlMsgCommon: IP[" << peerText() << "] Missing ORV_MSG_MARKER in ORV_CTL_MSG.  Expected ["
+           << hex8(MARKER) << "] bytes.  Received [" << hex8(marker) << "] bytes.\n");
         return READ_PURGE;
     }
     if (ctl->getSize() == 0) {
@@ -132,10 +128,8 @@ OsSocket::ReadState OsSocket::ReadCtlMsg(ORV_CTL_MSG* ctl, unsigned maxSize)
 {
     const ReadState state = ReadCtlMsgCommon(ctl);
     if (state == READ_APP_MSG && ctl->getSize() > maxSize) {
-        std::ostringstream os;
-        os << "ReadCtlMsg: IP[" << peerText() << "] ORV_CTL_MSG size [" << ctl->getSize()
-           << "] (as provided in ORV_CTL_MSG) is larger than expected size[" << maxSize << "]\n";
-        sockLog(os.str());
+        UTL_TRACE("ReadCtlMsg: IP[" << peerText() << "] ORV_CTL_MSG size [" << ctl->getSize()
+           << "] (as provided in ORV_CTL_MSG) is larger than expected size[" << maxSize << "]\n");
         return READ_PURGE;
     }
     return state;
@@ -151,10 +145,8 @@ OsSocket::ReadState OsSocket::ReadCtlMsgWithAppMsgMemAlloc(ORV_CTL_MSG* ctl, ORV
     const std::size_t bytes = size < sizeof(ORV_APP_MSG) ? sizeof(ORV_APP_MSG) : size;
     char* buf = new (std::nothrow) char[bytes];
     if (buf == nullptr) {
-        std::ostringstream os;
-        os << "ReadCtlMsgWithAppMsgMemAlloc: IP[" << peerText()
-           << "] failed to allocate memory for ORV_APP_MSG size [" << size << "] (as provided in ORV_CTL_MSG)\n";
-        sockLog(os.str());
+        UTL_TRACE("ReadCtlMsgWithAppMsgMemAlloc: IP[" << peerText()
+           << "] failed to allocate memory for ORV_APP_MSG size [" << size << "] (as provided in ORV_CTL_MSG)\n");
         return READ_PURGE;
     }
     if (bytes != size) std::memset(buf, 0, bytes);
@@ -170,10 +162,8 @@ OsSocket::ReadState OsSocket::ReadAppMsg(ORV_APP_MSG* app, unsigned size, unsign
     char* at = reinterpret_cast<char*>(app) + bytesRead;
     unsigned got = 0;
     if (!Read(at, want, &got)) {
-        std::ostringstream os;
-        os << "ReadAppMsg: IP[" << peerText() << "] Reading ORV_APP_MSG failed. Wanted [" << want
-           << "] bytes.  Read [" << got << "] bytes.\n";
-        sockLog(os.str());
+        UTL_TRACE("ReadAppMsg: IP[" << peerText() << "] Reading ORV_APP_MSG failed. Wanted [" << want
+           << "] bytes.  Read [" << got << "] bytes.\n");
         return READ_FAILED;
     }
     if (bytesRead == 0 && sockTraceOn(SOCK_TRACE_RAW)) sockLog(rawDump("ReadAppMsg", at, got < 32 ? got : 32));
@@ -316,21 +306,15 @@ int OsSocket::waitForReadySocket()
         }
         if (n == -1) {
             errNum = e;
-            if (sockTraceOn(SOCK_TRACE_WAIT)) {
-                std::ostringstream os;
-                os << "waitForReadySocket: IP[" << peerText() << "] select() returned error.  errNum[" << e << "] "
-                   << sockErrText(e) << "\n";
-                sockLog(os.str());
-            }
+            SOCK_TRACE(SOCK_TRACE_WAIT, "waitForReadySocket: IP[" << peerText() << "] select() returned error.  errNum[" << e << "] "
+               << sockErrText(e) << "\n");
             if (!interruptOrTryAgain(e)) {
                 SignalShutdown();
                 bSockErr = true;
                 return 0;
             }
-            std::ostringstream os;
-            os << "waitForReadySocket: errNum[" << e << "] " << sockErrText(e)
-               << "] is INTERRUPT_ERROR[4] or TRY_AGAIN_ERROR[11]\n";
-            sockLog(os.str());
+            UTL_TRACE("waitForReadySocket: errNum[" << e << "] " << sockErrText(e)
+               << "] is INTERRUPT_ERROR[4] or TRY_AGAIN_ERROR[11]\n");
             n = 0;
             continue;
         }
@@ -338,22 +322,14 @@ int OsSocket::waitForReadySocket()
             sockLog("waitForReadySocket: IP[" + peerText() + "] nReadySockets[1] but FD_ISSET() returns false!\n");
         }
     }
-    if (sockTraceOn(SOCK_TRACE_WAIT_EXIT)) {
-        std::ostringstream os;
-        os << "waitForReadySocket: IP[" << peerText() << "] nReadySockets[" << n << "] Shuttingdown()["
-           << boolText(Shuttingdown()) << "] bSockErr[" << boolText(bSockErr) << "]\n";
-        sockLog(os.str());
-    }
+    SOCK_TRACE(SOCK_TRACE_WAIT_EXIT, "waitForReadySocket: IP[" << peerText() << "] nReadySockets[" << n << "] Shuttingdown()["
+       << boolText(Shuttingdown()) << "] bSockErr[" << boolText(bSockErr) << "]\n");
     return n;
 }
 
 int OsSocket::readAllData(char* buf, unsigned len, unsigned* got)
 {
-    if (sockTraceOn(SOCK_TRACE_CONNECT)) {
-        std::ostringstream os;
-        os << "readAllData: IP[" << peerText() << "] nRequestedBytes[" << len << "]\n";
-        sockLog(os.str());
-    }
+    SOCK_TRACE(SOCK_TRACE_CONNECT, "readAllData: IP[" << peerText() << "] nRequestedBytes[" << len << "]\n");
     if (!mayContinue()) return static_cast<int>(*got);
     // Held bytes first: they stand for the recv that returned them.
     *got = takeBuffered(buf, len);
@@ -401,12 +377,8 @@ int OsSocket::readAllData(char* buf, unsigned len, unsigned* got)
         errNum = e;
         if (!interruptOrTryAgain(e)) break;
         ++interrupts;
-        if (sockTraceOn(SOCK_TRACE_INTERRUPT)) {
-            std::ostringstream os;
-            os << "readAllData: interrupt " << interrupts << ", errNum[" << e << "] " << sockErrText(e)
-               << "] is INTERRUPT_ERROR[4] or TRY_AGAIN_ERROR[11]\n";
-            sockLog(os.str());
-        }
+        SOCK_TRACE(SOCK_TRACE_INTERRUPT, "readAllData: interrupt " << interrupts << ", errNum[" << e << "] " << sockErrText(e)
+           << "] is INTERRUPT_ERROR[4] or TRY_AGAIN_ERROR[11]\n");
         if (interrupts >= MAX_READ_INTERRUPTS) {
             errNum = TOO_MANY_INTERRUPTS;
             break;
@@ -448,11 +420,7 @@ int OsSocket::ReadAvailableBytes(char* buf, unsigned len)
 
 int OsSocket::waitForAllData(unsigned n)
 {
-    if (sockTraceOn(SOCK_TRACE_WAIT)) {
-        std::ostringstream os;
-        os << "waitForAllData: IP[" << peerText() << "] nRequestedBytes[" << n << "]\n";
-        sockLog(os.str());
-    }
+    SOCK_TRACE(SOCK_TRACE_WAIT, "waitForAllData: IP[" << peerText() << "] nRequestedBytes[" << n << "]\n");
     const tavro_internal::SocketSeams& seams = tavro_internal::socketSeams();
     int avail = 0;
     int rc = 0;
@@ -472,20 +440,14 @@ int OsSocket::waitForAllData(unsigned n)
     }
     errNum = e;
     if (!interruptOrTryAgain(e)) {
-        if (sockTraceOn(SOCK_TRACE_INTERRUPT)) {
-            std::ostringstream os;
-            os << "waitForAllData: ioctlsocket(FIONREAD) failed.  IP[" << peerText() << "]  rc[" << rc << "]  errNum["
-               << e << "] " << sockErrText(e) << "  bytesAvail[" << avail << "]\n";
-            sockLog(os.str());
-        }
+        SOCK_TRACE(SOCK_TRACE_INTERRUPT, "waitForAllData: ioctlsocket(FIONREAD) failed.  IP[" << peerText() << "]  rc[" << rc << "]  errNum["
+           << e << "] " << sockErrText(e) << "  bytesAvail[" << avail << "]\n");
         SignalShutdown();
         bSockErr = true;
         return -1;
     }
-    std::ostringstream os;
-    os << "waitForAllData: errNum[" << e << "] " << sockErrText(e)
-       << "] is INTERRUPT_ERROR[4] or TRY_AGAIN_ERROR[11]\n";
-    sockLog(os.str());
+    UTL_TRACE("waitForAllData: errNum[" << e << "] " << sockErrText(e)
+       << "] is INTERRUPT_ERROR[4] or TRY_AGAIN_ERROR[11]\n");
     return 0;
 }
 
@@ -504,12 +466,8 @@ bool OsSocket::ReadReady()
     if (rc == 0 && avail != 0) return true;
     if (rc != 0) {
         errNum = e;
-        if (sockTraceOn(SOCK_TRACE_INTERRUPT)) {
-            std::ostringstream os;
-            os << "ReadReady: ioctlsocket(FIONREAD) failed.  IP[" << peerText() << "]  rc[" << rc << "]  errNum[" << e
-               << "] " << sockErrText(e) << "  bytesAvail[" << avail << "]\n";
-            sockLog(os.str());
-        }
+        SOCK_TRACE(SOCK_TRACE_INTERRUPT, "ReadReady: ioctlsocket(FIONREAD) failed.  IP[" << peerText() << "]  rc[" << rc << "]  errNum[" << e
+           << "] " << sockErrText(e) << "  bytesAvail[" << avail << "]\n");
     }
     return false;
 }
@@ -531,83 +489,51 @@ bool OsSocket::SendBD(TCP_BD* chain)
     bool failed = false;
     for (TCP_BD* bd = gathered ? nullptr : chain; bd != nullptr && !failed && mayContinue();) {
         const int size = bd->size;
-        if (sockTraceOn(SOCK_TRACE_SEND_BD)) {
-            std::ostringstream os;
-            os << "SendBD: Sending nBytes[" << size << "] of data at [" << hex8(bd->pBuf) << "]\n";
-            sockLog(os.str());
-        }
+        SOCK_TRACE(SOCK_TRACE_SEND_BD, "SendBD: Sending nBytes[" << size << "] of data at [" << hex8(bd->pBuf) << "]\n");
         const char* p = static_cast<const char*>(bd->pBuf);
         int left = size;
         while (left > 0 && mayContinue()) {
             FdUse use(*this);
             const int fd = use.get();
-            if (sockTraceOn(SOCK_TRACE_SEND_CALL)) {
-                std::ostringstream os;
-                os << "SendBD: Sending nBytesToSend[" << left << "] on Socket[" << fd << "]\n";
-                sockLog(os.str());
-            }
+            SOCK_TRACE(SOCK_TRACE_SEND_CALL, "SendBD: Sending nBytesToSend[" << left << "] on Socket[" << fd << "]\n");
             const ssize_t n = seams.sendFn(fd, p, static_cast<size_t>(left), 0);
             const int e = errno;
             msgSent.fetch_add(1, std::memory_order_relaxed);
             if (n == 0) {
-                if (sockTraceOn(SOCK_TRACE_SEND_ERROR)) {
-                    std::ostringstream os;
-                    os << "SendBD: Zero bytes[0] sent on Socket[" << fd << "]\n";
-                    sockLog(os.str());
-                }
+                SOCK_TRACE(SOCK_TRACE_SEND_ERROR, "SendBD: Zero bytes[0] sent on Socket[" << fd << "]\n");
                 continue;
             }
             if (n < 0) {
-                if (sockTraceOn(SOCK_TRACE_SEND_ERROR)) {
-                    std::ostringstream os;
-                    os << "SendBD: Error sending nBytesToSend[" << left << "] on Socket[" << fd << "]\n";
-                    sockLog(os.str());
-                }
+                SOCK_TRACE(SOCK_TRACE_SEND_ERROR, "SendBD: Error sending nBytesToSend[" << left << "] on Socket[" << fd << "]\n");
                 if (e == EAGAIN && ++wouldBlock <= MAX_SEND_WOULD_BLOCK) {
-                    std::ostringstream os;
-                    os << "SendBD: Retrying send that would have blocked on Socket[" << fd << "]\n";
-                    sockLog(os.str());
+                    UTL_TRACE("SendBD: Retrying send that would have blocked on Socket[" << fd << "]\n");
                     seams.sleepMs(SEND_RETRY_MS);
                     continue;
                 }
                 if (e == EINTR) {
-                    std::ostringstream os;
-                    os << "SendBD: Retrying send that returned sockerr[4] (interrupt or try again) on Socket[" << fd
-                       << "]\n";
-                    sockLog(os.str());
+                    UTL_TRACE("SendBD: Retrying send that returned sockerr[4] (interrupt or try again) on Socket[" << fd
+                       << "]\n");
                     continue;
                 }
                 setError(e);
                 SignalShutdown();
-                if (sockTraceOn(SOCK_TRACE_SEND_ERROR)) {
-                    std::ostringstream os;
-                    os << "SendBD: IP[" << peerText() << "] pBD[" << hex8(bd) << "] FAILED TO send nBytes[" << size
-                       << "] errNum[" << e << "] " << sockErrText(e) << "\n";
-                    sockLog(os.str());
-                }
+                SOCK_TRACE(SOCK_TRACE_SEND_ERROR, "SendBD: IP[" << peerText() << "] pBD[" << hex8(bd) << "] FAILED TO send nBytes[" << size
+                   << "] errNum[" << e << "] " << sockErrText(e) << "\n");
                 failed = true;
                 break;
             }
             p += n;
             left -= static_cast<int>(n);
             wouldBlock = 0;
-            if (sockTraceOn(SOCK_TRACE_SEND_CALL)) {
-                std::ostringstream os;
-                os << "SendBD: Sent nBytesSent[" << n << "] on Socket[" << fd << "]\n";
-                sockLog(os.str());
-            }
+            SOCK_TRACE(SOCK_TRACE_SEND_CALL, "SendBD: Sent nBytesSent[" << n << "] on Socket[" << fd << "]\n");
             if (left == 0) {
                 if (sockTraceOn(SOCK_TRACE_SEND_BD)) {
                     sockLog(rawDump("SendBD", bd->pBuf, static_cast<std::size_t>(size < 32 ? size : 32)));
-                    std::ostringstream os;
-                    os << "SendBD: IP[" << peerText() << "] pBD[" << hex8(bd) << "] Sent nBytes[" << size << "]\n";
-                    sockLog(os.str());
+                    UTL_TRACE("SendBD: IP[" << peerText() << "] pBD[" << hex8(bd) << "] Sent nBytes[" << size << "]\n");
                 }
             } else if (sockTraceOn(SOCK_TRACE_SEND_ERROR)) {
-                std::ostringstream os;
-                os << "SendBD: Only sent nBytesSent[" << n << "] of nBytesToSend[" << n + left << "] on Socket[" << fd
-                   << "].  Potential timeout coming?\n";
-                sockLog(os.str());
+                UTL_TRACE("SendBD: Only sent nBytesSent[" << n << "] of nBytesToSend[" << n + left << "] on Socket[" << fd
+                   << "].  Potential timeout coming?\n");
             }
         }
         if (left > 0) break; // stopped by shutdown or failure
@@ -649,17 +575,13 @@ void OsSocket::sendGathered(TCP_BD* chain)
         if (n == 0) continue;
         if (n < 0) {
             if (e == EAGAIN && ++wouldBlock <= MAX_SEND_WOULD_BLOCK) {
-                std::ostringstream os;
-                os << "SendBD: Retrying send that would have blocked on Socket[" << fd << "]\n";
-                sockLog(os.str());
+                UTL_TRACE("SendBD: Retrying send that would have blocked on Socket[" << fd << "]\n");
                 tavro_internal::socketSeams().sleepMs(SEND_RETRY_MS);
                 continue;
             }
             if (e == EINTR) {
-                std::ostringstream os;
-                os << "SendBD: Retrying send that returned sockerr[4] (interrupt or try again) on Socket[" << fd
-                   << "]\n";
-                sockLog(os.str());
+                UTL_TRACE("SendBD: Retrying send that returned sockerr[4] (interrupt or try again) on Socket[" << fd
+                   << "]\n");
                 continue;
             }
             setError(e);
