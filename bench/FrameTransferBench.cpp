@@ -15,6 +15,8 @@
 #include <thread>
 #include <vector>
 
+#include "support/PlainSocketIo.h"
+
 #include "Common/OS/OsSocket.h"
 #include "Cr/CrOrvMsg.h"
 
@@ -60,20 +62,6 @@ std::string makeFrame(std::uint32_t payload)
     return f;
 }
 
-bool sendAll(int fd, const char* p, std::size_t n)
-{
-    while (n > 0) {
-        const ssize_t k = ::send(fd, p, n, MSG_NOSIGNAL);
-        if (k < 0) {
-            if (errno == EINTR) continue;
-            return false;
-        }
-        p += k;
-        n -= static_cast<std::size_t>(k);
-    }
-    return true;
-}
-
 bool recvAll(int fd, char* p, std::size_t n)
 {
     while (n > 0) {
@@ -91,7 +79,7 @@ class FrameSource {
 public:
     FrameSource(int fd, const std::string& frame)
         : thread([fd, &frame] {
-              while (sendAll(fd, frame.data(), frame.size())) {
+              while (writeAll(fd, frame.data(), frame.size())) {
               }
           })
     {
@@ -201,7 +189,7 @@ void BM_PlainSend(benchmark::State& state)
     {
         Sink sink(a);
         for (auto _ : state) {
-            if (!sendAll(b, frame.data(), frame.size())) {
+            if (!writeAll(b, frame.data(), frame.size())) {
                 state.SkipWithError("send failed");
                 break;
             }

@@ -19,6 +19,7 @@
 
 #include "Common/OS/OsSocket.h"
 #include "Common/OS/OsSocketDebug.h"
+#include "support/PlainSocketIo.h"
 
 namespace sock_test {
 
@@ -114,20 +115,7 @@ inline void expectFrame(const ORV_CTL_MSG& ctl, const char* body, const FrameSpe
     EXPECT_EQ(bad, 0u) << "payload bytes differ";
 }
 
-inline bool writeAll(int fd, const void* data, std::size_t n)
-{
-    const char* p = static_cast<const char*>(data);
-    while (n > 0) {
-        const ssize_t k = ::send(fd, p, n, MSG_NOSIGNAL);
-        if (k < 0) {
-            if (errno == EINTR) continue;
-            return false;
-        }
-        p += k;
-        n -= static_cast<std::size_t>(k);
-    }
-    return true;
-}
+using ::writeAll;
 inline bool writeAll(int fd, const std::string& s) { return writeAll(fd, s.data(), s.size()); }
 
 inline bool readAll(int fd, void* data, std::size_t n)
