@@ -284,19 +284,26 @@ std::size_t OsSocket::createdSocketsCount()
 // ---------------------------------------------------------------------------
 // Options
 
-bool OsSocket::setIntOption(int fd, int level, int option, int value, const char* optionName, const char* operation,
-                            const char* caller)
+bool OsSocket::setOption(int fd, int level, int option, const void* value, socklen_t size, const char* optionName,
+                         const char* operation, const char* caller, int toleratedErrno)
 {
-    if (setsockopt(fd, level, option, &value, sizeof value) == 0) {
+    if (setsockopt(fd, level, option, value, size) == 0) {
         SOCK_TRACE(SOCK_TRACE_OPTIONS, operation << ": " << callerName(caller) << "(): Socket[" << fd << "] setsockopt( " << optionName
            << " ) succeeded.\n");
         return true;
     }
     const int e = errno;
+    if (toleratedErrno != 0 && e == toleratedErrno) return true;
     errNum = e;
     UTL_TRACE(operation << ": " << callerName(caller) << "(): Socket[" << fd << "] setsockopt( " << optionName
        << " ) failed[" << e << "]\n");
     return false;
+}
+
+bool OsSocket::setIntOption(int fd, int level, int option, int value, const char* optionName, const char* operation,
+                            const char* caller)
+{
+    return setOption(fd, level, option, &value, sizeof value, optionName, operation, caller);
 }
 
 bool OsSocket::setLingerOnCloseOffOption(int fd, const char* caller)
@@ -304,16 +311,7 @@ bool OsSocket::setLingerOnCloseOffOption(int fd, const char* caller)
     linger l{};
     l.l_onoff = 0;
     l.l_linger = 0;
-    const char* op = "setLingerOnCloseOffOption";
-    if (setsockopt(fd, SOL_SOCKET, SO_LINGER, &l, sizeof l) == 0) {
-        SOCK_TRACE(SOCK_TRACE_OPTIONS, op << ": " << callerName(caller) << "(): Socket[" << fd << "] setsockopt( SO_LINGER ) succeeded.\n");
-        return true;
-    }
-    const int e = errno;
-    errNum = e;
-    UTL_TRACE(op << ": " << callerName(caller) << "(): Socket[" << fd << "] setsockopt( SO_LINGER ) failed[" << e
-       << "]\n");
-    return false;
+    return setOption(fd, SOL_SOCKET, SO_LINGER, &l, sizeof l, "SO_LINGER", "setLingerOnCloseOffOption", caller);
 }
 
 bool OsSocket::setReuseAddrOption(int fd, const char* caller)
@@ -338,18 +336,10 @@ bool OsSocket::setKeepAliveOptions(int fd, const char* caller)
 bool OsSocket::setTxTimeoutOption(int fd, const char* caller)
 {
     // TCP_USER_TIMEOUT (18); the messages have always called it SO_SNDTIMEO.
+    // Older kernels lack the option: not an error.
     const int value = 10000;
-    const char* op = "setTxTimeoutOption";
-    if (setsockopt(fd, IPPROTO_TCP, 18, &value, sizeof value) == 0) {
-        SOCK_TRACE(SOCK_TRACE_OPTIONS, op << ": " << callerName(caller) << "(): Socket[" << fd << "] setsockopt( SO_SNDTIMEO ) succeeded.\n");
-        return true;
-    }
-    const int e = errno;
-    if (e == ENOPROTOOPT) return true; // older kernels lack the option
-    errNum = e;
-    UTL_TRACE(op << ": " << callerName(caller) << "(): Socket[" << fd << "] setsockopt( SO_SNDTIMEO ) failed[" << e
-       << "]\n");
-    return false;
+    return setOption(fd, IPPROTO_TCP, 18, &value, sizeof value, "SO_SNDTIMEO", "setTxTimeoutOption", caller,
+                     ENOPROTOOPT);
 }
 
 bool OsSocket::setNoDelayOption(int fd, const char* caller)

@@ -298,6 +298,10 @@ private:
     void registerSocket();
     void copyStateFrom(const OsSocket& other);
     bool bindAndReport(const char* op, const c_sockaddr& addr);
+    // Sets one option and traces the outcome under the names given; a failure
+    // with toleratedErrno counts as success and is not recorded.
+    bool setOption(int fd, int level, int option, const void* value, socklen_t size, const char* optionName,
+                   const char* operation, const char* caller, int toleratedErrno = 0);
     bool setIntOption(int fd, int level, int option, int value, const char* optionName, const char* operation,
                       const char* caller);
     // The read-state loop shared by both frame readers; ctlStep is their

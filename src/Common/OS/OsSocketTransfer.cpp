@@ -32,6 +32,22 @@ bool interruptOrTryAgain(int e)
     return e == EINTR || e == EAGAIN;
 }
 
+// A send that would block is tried again after a pause, a few times; an
+// interrupted one at once. True when the caller should send again.
+bool retrySend(int e, int fd, unsigned& wouldBlock)
+{
+    if (e == EAGAIN && ++wouldBlock <= OsSocket::MAX_SEND_WOULD_BLOCK) {
+        UTL_TRACE("SendBD: Retrying send that would have blocked on Socket[" << fd << "]\n");
+        tavro_internal::socketSeams().sleepMs(OsSocket::SEND_RETRY_MS);
+        return true;
+    }
+    if (e == EINTR) {
+        UTL_TRACE("SendBD: Retrying send that returned sockerr[4] (interrupt or try again) on Socket[" << fd << "]\n");
+        return true;
+    }
+    return false;
+}
+
 } // namespace
 
 // ---------------------------------------------------------------------------
@@ -505,16 +521,7 @@ bool OsSocket::SendBD(TCP_BD* chain)
             }
             if (n < 0) {
                 SOCK_TRACE(SOCK_TRACE_SEND_ERROR, "SendBD: Error sending nBytesToSend[" << left << "] on Socket[" << fd << "]\n");
-                if (e == EAGAIN && ++wouldBlock <= MAX_SEND_WOULD_BLOCK) {
-                    UTL_TRACE("SendBD: Retrying send that would have blocked on Socket[" << fd << "]\n");
-                    seams.sleepMs(SEND_RETRY_MS);
-                    continue;
-                }
-                if (e == EINTR) {
-                    UTL_TRACE("SendBD: Retrying send that returned sockerr[4] (interrupt or try again) on Socket[" << fd
-                       << "]\n");
-                    continue;
-                }
+                if (retrySend(e, fd, wouldBlock)) continue;
                 setError(e);
                 SignalShutdown();
                 SOCK_TRACE(SOCK_TRACE_SEND_ERROR, "SendBD: IP[" << peerText() << "] pBD[" << hex8(bd) << "] FAILED TO send nBytes[" << size
@@ -574,16 +581,7 @@ void OsSocket::sendGathered(TCP_BD* chain)
         if (n <= 0) msgSent.fetch_add(1, std::memory_order_relaxed);
         if (n == 0) continue;
         if (n < 0) {
-            if (e == EAGAIN && ++wouldBlock <= MAX_SEND_WOULD_BLOCK) {
-                UTL_TRACE("SendBD: Retrying send that would have blocked on Socket[" << fd << "]\n");
-                tavro_internal::socketSeams().sleepMs(SEND_RETRY_MS);
-                continue;
-            }
-            if (e == EINTR) {
-                UTL_TRACE("SendBD: Retrying send that returned sockerr[4] (interrupt or try again) on Socket[" << fd
-                   << "]\n");
-                continue;
-            }
+            if (retrySend(e, fd, wouldBlock)) continue;
             setError(e);
             SignalShutdown();
             return;
