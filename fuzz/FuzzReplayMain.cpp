@@ -1,0 +1,71 @@
+// Runs a fuzz target without libFuzzer: every file named on the command line,
+// or found below a named directory, is passed once to LLVMFuzzerTestOneInput.
+// A broken property aborts, so ctest sees the failure.
+#include <dirent.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <vector>
+
+#include "FuzzSupport.h"
+
+extern "C" __attribute__((weak)) int LLVMFuzzerInitialize(int* argc, char*** argv);
+
+namespace {
+
+void collect(const std::string& path, std::vector<std::string>& files)
+{
+    struct stat st;
+    if (::stat(path.c_str(), &st) != 0) {
+        std::fprintf(stderr, "replay: cannot read %s\n", path.c_str());
+        std::exit(2);
+    }
+    if (!S_ISDIR(st.st_mode)) {
+        files.push_back(path);
+        return;
+    }
+    DIR* dir = ::opendir(path.c_str());
+    if (dir == nullptr) {
+        std::fprintf(stderr, "replay: cannot open %s\n", path.c_str());
+        std::exit(2);
+    }
+    std::vector<std::string> names;
+    while (const dirent* e = ::readdir(dir))
+        if (e->d_name[0] != '.') names.push_back(e->d_name);
+    ::closedir(dir);
+    std::sort(names.begin(), names.end());
+    for (const std::string& n : names) collect(path + "/" + n, files);
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    if (argc < 2) {
+        std::fprintf(stderr, "usage: %s FILE|DIR...\n", argv[0]);
+        return 2;
+    }
+    std::vector<std::string> files;
+    for (int i = 1; i < argc; ++i) collect(argv[i], files);
+    if (files.empty()) {
+        std::fprintf(stderr, "replay: no inputs\n");
+        return 2;
+    }
+    if (LLVMFuzzerInitialize != nullptr) LLVMFuzzerInitialize(&argc, &argv);
+    for (const std::string& f : files) {
+        std::ifstream in(f, std::ios::binary);
+        const std::vector<char> bytes{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+        // Never hand over a null pointer, as libFuzzer never does.
+        std::vector<std::uint8_t> data(bytes.begin(), bytes.end());
+        data.reserve(1);
+        std::fprintf(stderr, "replay: %s (%zu bytes)\n", f.c_str(), data.size());
+        LLVMFuzzerTestOneInput(data.data(), data.size());
+    }
+    fuzz_support::stopTracker();
+    std::fprintf(stderr, "replay: %zu inputs passed\n", files.size());
+    return 0;
+}
