@@ -55,15 +55,21 @@ int main(int argc, char** argv)
         std::fprintf(stderr, "replay: no inputs\n");
         return 2;
     }
-    if (LLVMFuzzerInitialize != nullptr) LLVMFuzzerInitialize(&argc, &argv);
+    std::vector<std::vector<std::uint8_t>> inputs;
     for (const std::string& f : files) {
         std::ifstream in(f, std::ios::binary);
-        const std::vector<char> bytes{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+        if (!in) {
+            std::fprintf(stderr, "replay: cannot read %s\n", f.c_str());
+            return 2;
+        }
+        inputs.emplace_back(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
         // Never hand over a null pointer, as libFuzzer never does.
-        std::vector<std::uint8_t> data(bytes.begin(), bytes.end());
-        data.reserve(1);
-        std::fprintf(stderr, "replay: %s (%zu bytes)\n", f.c_str(), data.size());
-        LLVMFuzzerTestOneInput(data.data(), data.size());
+        inputs.back().reserve(1);
+    }
+    if (LLVMFuzzerInitialize != nullptr) LLVMFuzzerInitialize(&argc, &argv);
+    for (std::size_t i = 0; i < files.size(); ++i) {
+        std::fprintf(stderr, "replay: %s (%zu bytes)\n", files[i].c_str(), inputs[i].size());
+        LLVMFuzzerTestOneInput(inputs[i].data(), inputs[i].size());
     }
     fuzz_support::stopTracker();
     std::fprintf(stderr, "replay: %zu inputs passed\n", files.size());
