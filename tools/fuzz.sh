@@ -83,7 +83,8 @@ fi
 
 child=0
 stop() {
-    [[ $child -ne 0 ]] && kill -INT "$child" 2>/dev/null && wait "$child" 2>/dev/null
+    # A background job of a script ignores SIGINT; libFuzzer stops on SIGTERM.
+    [[ $child -ne 0 ]] && kill -TERM "$child" 2>/dev/null && wait "$child" 2>/dev/null
     echo "fuzz.sh: interrupted" >&2
     exit 130
 }
