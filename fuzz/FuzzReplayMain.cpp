@@ -1,10 +1,16 @@
 // Runs a fuzz target without libFuzzer: every file named on the command line,
 // or found below a named directory, is passed once to LLVMFuzzerTestOneInput.
 // A broken property aborts, so ctest sees the failure.
+
+// 32-bit targets: readdir and stat fail with EOVERFLOW on 64-bit inode
+// numbers unless they are the 64-bit variants.
+#define _FILE_OFFSET_BITS 64
 #include <dirent.h>
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <cstdio>
 #include <fstream>
 #include <iterator>
@@ -34,9 +40,17 @@ void collect(const std::string& path, std::vector<std::string>& files)
         std::exit(2);
     }
     std::vector<std::string> names;
-    while (const dirent* e = ::readdir(dir))
+    errno = 0;
+    while (const dirent* e = ::readdir(dir)) {
         if (e->d_name[0] != '.') names.push_back(e->d_name);
+        errno = 0;
+    }
+    const int readError = errno;
     ::closedir(dir);
+    if (readError != 0) {
+        std::fprintf(stderr, "replay: cannot list %s: %s\n", path.c_str(), std::strerror(readError));
+        std::exit(2);
+    }
     std::sort(names.begin(), names.end());
     for (const std::string& n : names) collect(path + "/" + n, files);
 }
