@@ -1,6 +1,6 @@
 // The allocating frame reader (GetOrvMessageWithAppMsgMemAlloc) fed a byte
 // stream in random pieces. It allocates what a header announces, without a
-// bound; under the sanitizer, allocations above kAllocLimitMb fail (the
+// bound; under the sanitizer, allocations above ALLOC_LIMIT_MB fail (the
 // reader then purges), so that only a leak can make memory grow.
 // Input: piece-length count and lengths, then the stream.
 #include <memory>
@@ -9,13 +9,19 @@
 #include "FrameFeed.h"
 #include "FuzzSupport.h"
 
+// Above what libFuzzer itself allocates (about 20 MB), far below the 2 GiB a
+// header may announce.
+#define ALLOC_LIMIT_MB 64
+#define TEXT_OF(x) #x
+#define VALUE_TEXT(x) TEXT_OF(x)
+
 namespace {
-constexpr std::size_t kAllocLimitMb = 64;
+constexpr std::size_t kAllocLimitMb = ALLOC_LIMIT_MB;
 }
 
 extern "C" const char* __asan_default_options()
 {
-    return "allocator_may_return_null=1:max_allocation_size_mb=64";
+    return "allocator_may_return_null=1:max_allocation_size_mb=" VALUE_TEXT(ALLOC_LIMIT_MB);
 }
 
 extern "C" int LLVMFuzzerInitialize(int*, char***)
