@@ -20,8 +20,9 @@ build/fuzz/findings/<TARGET>/. A finding stops that target's run. To keep a
 finding as a regression input, fix it and copy it into fuzz/corpus/<TARGET>/;
 ctest replays that folder in every configuration.
 
-Environment: FUZZ_ARGS adds libFuzzer options to every run (e.g. -jobs is not
-supported; -max_len=8192 is).
+Environment: FUZZ_ARGS adds libFuzzer options to every run (for example
+FUZZ_ARGS=-max_len=8192); BUILD_ROOT moves the build directory; JOBS sets
+the build's parallelism (default 2).
 
 Exit status: 0 no findings, 1 findings, 2 usage error, 3 set-up or build failure.
 EOF
