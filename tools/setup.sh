@@ -2,6 +2,7 @@
 # Installs what a fresh Debian build machine lacks for libTAVRO.
 #   tools/setup.sh          host build and tests
 #   tools/setup.sh --cross  also the 32-bit big-endian powerpc cross toolchain and qemu-user
+#   tools/setup.sh --fuzz   also clang and its libFuzzer runtime (tools/fuzz.sh)
 # Idempotent and quiet when everything is present.
 set -euo pipefail
 
@@ -14,6 +15,7 @@ if [[ "${1:-}" == "--cross" ]]; then
     pkgs+=(g++-powerpc-linux-gnu qemu-user dpkg-dev xz-utils)
 fi
 
+[[ "${1:-}" == "--fuzz" ]] && pkgs+=(clang libclang-rt-dev)
 missing=()
 for p in "${pkgs[@]}"; do
     dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

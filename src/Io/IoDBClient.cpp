@@ -89,6 +89,11 @@ void tavro_internal::resetClientSeams()
     g_seams = defaultSeams();
 }
 
+void tavro_internal::deliverSessionMessage(IoClientMgmt& session, const ORV_CTL_MSG& ctl, ORV_APP_MSG* app)
+{
+    session.handleMessage(ctl, app);
+}
+
 std::size_t tavro_internal::clientSessionCount()
 {
     SessionRegistry& r = registry();

@@ -27,6 +27,7 @@
 #include "Io/IoSwitchCtl.h"
 
 class CrTracker;
+class IoClientMgmt;
 class OsSocket;
 class UDBControl;
 
@@ -59,6 +60,9 @@ ClientSeams& clientSeams();
 void resetClientSeams();
 // Sessions made by startClient and not yet deleted or reclaimed.
 std::size_t clientSessionCount();
+// Hands one frame, as the reader left it, to the session's own handling
+// (commands to its dispatcher, responses to the tracker), without a socket.
+void deliverSessionMessage(IoClientMgmt& session, const ORV_CTL_MSG& ctl, ORV_APP_MSG* app);
 } // namespace tavro_internal
 
 class IoClientMgmt : public OsThread, public IRouteTableEntry {
@@ -126,6 +130,7 @@ public:
 private:
     class SessionThread;
     friend class SessionThread;
+    friend void tavro_internal::deliverSessionMessage(IoClientMgmt&, const ORV_CTL_MSG&, ORV_APP_MSG*);
 
     // Creates the descriptor for a new attempt unless shutdown has been
     // signalled; under sockLock so that SignalShutdown cannot miss it.
