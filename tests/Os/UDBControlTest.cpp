@@ -167,6 +167,7 @@ TEST(PortNum, SubportWordsAndValidity)
         EXPECT_EQ(PORT_NUM(v[2] | v[1] << 8 | v[0] << 16).isValid(), v[3] != 0) << v[0] << "." << v[1] << "." << v[2];
     EXPECT_FALSE(PORT_NUM::INVALID_PORT_NUM.isValid());
     EXPECT_TRUE(PORT_NUM::ALL_PORT_NUMS.isValid());
+    EXPECT_EQ(PORT_NUM::ALL_PORT_NUMS.value(), 0xFFFFFFFEu); // as it goes on the wire
     EXPECT_FALSE(PORT_NUM().isValid());
     EXPECT_TRUE(SUBPORT_NUM("1.1.1.1").isValid() && SUBPORT_NUM("1.1.1.2").isValid());
     EXPECT_FALSE(SUBPORT_NUM("1.1.1.3").isValid() || SUBPORT_NUM::INVALID_SUBPORT_NUM.isValid());
