@@ -198,6 +198,9 @@ def main():
     ap.add_argument("--set-aside", default=os.path.join(ROOT, "tools", "mutate-equivalent.txt"),
                     help="file of mutants that cannot change behaviour")
     ap.add_argument("--list", action="store_true", help="only print the mutants that would be tried")
+    ap.add_argument("--matrix", action="store_true",
+                    help="run every test for every mutant (no stop at the first failure) and report, per test, "
+                         "how many mutants it caught and how many only it caught")
     args = ap.parse_args()
 
     tree = os.path.abspath(args.tree)
@@ -217,8 +220,10 @@ def main():
 
     build_cmd = ["nice", "-n", "10", "cmake", "--build", build, "-j%d" % args.jobs]
     test_cmd = ["unshare", "-n", "sh", "-c",
-                'ip link set lo up && cd "$0" && exec nice -n 10 ctest -j%d -L "%s" --stop-on-failure'
-                % (args.jobs, args.labels), build]
+                'ip link set lo up && cd "$0" && exec nice -n 10 ctest -j%d -L "%s"%s'
+                % (args.jobs, args.labels, "" if args.matrix else " --stop-on-failure"), build]
+    failed_log = os.path.join(build, "Testing", "Temporary", "LastTestsFailed.log")
+    kills = {}  # test name -> labels of the mutants it caught
 
     reverter = Reverter()
 
@@ -268,7 +273,15 @@ def main():
                 if rc != 0:
                     print("  (does not build, drawn again) " + label, flush=True)
                     continue
+                if os.path.exists(failed_log):
+                    os.remove(failed_log)
                 rc, secs = run(test_cmd, args.timeout, tree)
+                if args.matrix and rc != 0 and os.path.exists(failed_log):
+                    with open(failed_log, encoding="utf-8", errors="replace") as fh:
+                        for entry in fh:
+                            name = entry.strip().split(":", 1)[-1]
+                            if name:
+                                kills.setdefault(name, []).append(label)
             finally:
                 reverter.revert()
             key = (rel, lines[n].strip(), new.strip())
@@ -307,6 +320,15 @@ def main():
     for r in results:
         if r[4].startswith("set aside"):
             print("%s  %s" % (r[4], r[3]))
+    if args.matrix:
+        alone = {}
+        for test, caught_by in kills.items():
+            for m in caught_by:
+                if sum(1 for t in kills.values() if m in t) == 1:
+                    alone[test] = alone.get(test, 0) + 1
+        print("\ncaught per test (total, caught by no other test):")
+        for test in sorted(kills, key=lambda t: (-alone.get(t, 0), -len(kills[t]), t)):
+            print("  %3d %3d  %s" % (len(kills[test]), alone.get(test, 0), test))
     return 1 if survivors else 0
 
 
