@@ -97,6 +97,7 @@ TEST_F(Control, SequenceNumbersSkipZeroAndAreUniqueAcrossThreads)
         std::uint32_t last;
         std::vector<std::uint32_t> next;
     } cases[] = {{0, {1, 2, 3}}, {4294967294u, {4294967295u, 1, 2}}, {4294967295u, {1}}};
+    EXPECT_EQ(UDBControl::GenSeqNbr(), 1u) << "the first number of a process";
     for (const auto& c : cases) {
         UDBControl::SetSeqNbrForTest(c.last);
         for (std::uint32_t expected : c.next) EXPECT_EQ(UDBControl::GenSeqNbr(), expected) << c.last;

@@ -85,6 +85,11 @@ TEST(CWinTimerHandleTest, OneShotFiresOnceAndResetModeDecidesHowLongItIsSeen)
         HANDLE t = CreateWaitableTimer(nullptr, manual, "ignored");
         const DWORD start = GetTickCount();
         ASSERT_TRUE(arm(t, -50 * kMs, 0, &calls[manual]));
+        // A stray SIGUSR1 on a thread that does not block it must reach the
+        // handler with a siginfo it can read.
+        struct sigaction now {};
+        ASSERT_EQ(0, sigaction(SIGUSR1, nullptr, &now));
+        EXPECT_NE(0, now.sa_flags & SA_SIGINFO);
         ASSERT_EQ(WAIT_OBJECT_0, WaitForSingleObject(t, kFireBoundMs));
         // Timer clock and tick clock differ slightly.
         EXPECT_GE(GetTickCount() - start, 45u);
