@@ -22,12 +22,10 @@
 #include "Common/Utility/UtlDebug.h"
 #include "Cr/CrDBCmd.h"
 #include "Io/IoDBClient.h"
-#include "Io/LoopbackPeer.h"
 #include "Os/TAVRO.h"
 #include "SwitchSimulator.h"
 #include "TestSupport.h"
 
-namespace lp = loopback_peer;
 using switchsim::OutFrame;
 using switchsim::SimFrame;
 using switchsim::SwitchSimulator;
@@ -101,8 +99,7 @@ protected:
         }
         return false;
     }
-    // Frames the simulator has read so far: commands of a code, or answers
-    // to its own command seq.
+    // Commands of a code the simulator has read so far.
     template <typename P>
     static std::vector<SimFrame> framesWhere(P p)
     {
@@ -114,10 +111,6 @@ protected:
     {
         return framesWhere([=](const SimFrame& f) { return f.cmdCode == code; });
     }
-    static std::vector<SimFrame> answersTo(std::uint32_t seq)
-    {
-        return framesWhere([=](const SimFrame& f) { return !f.isCommand() && f.seqNbr == seq; });
-    }
     // The session sends in order: once a later command arrived, an earlier
     // one was either sent or never will be.
     static void barrier()
@@ -126,7 +119,7 @@ protected:
         I_TAVRO_SendCommandNoResponse(CMD_CONN_INIT, nullptr, 0);
         ASSERT_TRUE(sim().waitFor([&] { return received(CMD_CONN_INIT).size() > before; }, kWait));
     }
-    static OutFrame reply(const SimFrame& f, const lp::Bytes& payload, std::uint32_t status = RSP_OK)
+    static OutFrame reply(const SimFrame& f, const switchsim::Bytes& payload, std::uint32_t status = RSP_OK)
     {
         OutFrame r;
         r.manager = f.manager;
@@ -137,7 +130,7 @@ protected:
         return r;
     }
     // A CMD_CONN_PORT command; no response wanted when timeoutMs < 0.
-    static std::unique_ptr<CrCmd> command(std::initializer_list<int> to, int timeoutMs, const lp::Bytes& data = {})
+    static std::unique_ptr<CrCmd> command(std::initializer_list<int> to, int timeoutMs, const switchsim::Bytes& data = {})
     {
         std::unique_ptr<CrCmd> cmd(new CrCmd);
         cmd->SetCmdCode(CMD_CONN_PORT);
@@ -203,13 +196,13 @@ TEST_F(E2e, TimeOutsOrphansAndEightConcurrentCallers)
     for (int t = 0; t < kThreads; ++t) {
         callers.emplace_back([&, t] {
             for (int round = 0; round < kRounds; ++round) {
-                const lp::Bytes mine = {std::uint8_t(t), std::uint8_t(round)};
+                const switchsim::Bytes mine = {std::uint8_t(t), std::uint8_t(round)};
                 std::unique_ptr<CrCmd> own = command({1}, 60000, mine);
                 own->Dispatch();
                 CrRsp* rsp = own->WaitForRsp() && own->GetRspCount() == 1 ? own->GetFirstRsp() : nullptr;
                 const auto* d = rsp ? static_cast<const std::uint8_t*>(rsp->GetData()) : nullptr;
                 if (rsp == nullptr || rsp->GetRspStat() != RSP_OK || rsp->GetSeqNbr() != own->GetSeqNbr() ||
-                    rsp->GetSize() != 2 || d == nullptr || lp::Bytes(d, d + 2) != mine)
+                    rsp->GetSize() != 2 || d == nullptr || switchsim::Bytes(d, d + 2) != mine)
                     ++mismatches;
             }
         });
