@@ -296,15 +296,16 @@ def main():
     except KeyboardInterrupt:
         interrupted = True
         reverter.revert()
-        print("\nmutate: interrupted; the source is back as it was (rebuild before using the build)",
-              file=sys.stderr)
-        return 130
+        print("\nmutate: interrupted; the source is back as it was (rebuild before using the build); "
+              "the figures below cover the mutants run so far", file=sys.stderr)
     finally:
         reverter.revert()
         if not args.list and results and not interrupted:
             run(build_cmd, 3600, tree)  # leave the build matching the source
     if args.list:
         return 0
+    if not results:
+        return 130 if interrupted else 2
     counted = [r for r in results if not r[4].startswith("set aside")]
     caught = [r for r in counted if r[4].startswith("caught")]
     print("\nseed %d: %d of %d mutants caught (%.0f%%), %d set aside" %
@@ -329,6 +330,13 @@ def main():
         print("\ncaught per test (total, caught by no other test):")
         for test in sorted(kills, key=lambda t: (-alone.get(t, 0), -len(kills[t]), t)):
             print("  %3d %3d  %s" % (len(kills[test]), alone.get(test, 0), test))
+        listing = subprocess.run(["ctest", "-N", "-L", args.labels], cwd=build, capture_output=True, text=True)
+        idle = [m.group(1) for m in re.finditer(r"Test +#\d+: (\S+)", listing.stdout) if m.group(1) not in kills]
+        print("\ncaught none of these mutants (%d tests):" % len(idle))
+        for test in idle:
+            print("  " + test)
+    if interrupted:
+        return 130
     return 1 if survivors else 0
 
 
