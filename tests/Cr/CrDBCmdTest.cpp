@@ -218,8 +218,8 @@ TEST_F(CrDBCmdTest, MessageAndResponseText)
     cmd.SetCmdCode(CMD_CONN_PORT);
     cmd.SetSeqNbr(7);
     cmd.SetMsgAddr(12);
-    cmd.SetMsgAddr(3);
-    EXPECT_EQ("seqNbr[  7] cmdCode[CMD_CONN_PORT] mgrClass[MGR_CONN] 1st dstAddr[3] ", text(&cmd));
+    cmd.SetMsgAddr(0); // the lowest address is a destination like any other
+    EXPECT_EQ("seqNbr[  7] cmdCode[CMD_CONN_PORT] mgrClass[MGR_CONN] 1st dstAddr[0] ", text(&cmd));
     std::unique_ptr<char[]> owned(cmd.ToString());
     EXPECT_STREQ(text(&cmd).c_str(), owned.get());
 
@@ -231,7 +231,7 @@ TEST_F(CrDBCmdTest, MessageAndResponseText)
     os << static_cast<const Message*>(&cmd) << 255;
     os.width(4);
     os << 1;
-    EXPECT_EQ("seqNbr[12345] cmdCode[CMD_CONN_PORT] mgrClass[UNKNOWN MGR_CLASS[40][0x00000028]] 1st dstAddr[3] ff1***",
+    EXPECT_EQ("seqNbr[12345] cmdCode[CMD_CONN_PORT] mgrClass[UNKNOWN MGR_CLASS[40][0x00000028]] 1st dstAddr[0] ff1***",
               os.str());
 
     CrRsp rsp;
