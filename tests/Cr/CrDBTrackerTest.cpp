@@ -11,6 +11,7 @@
 #include <tuple>
 #include <vector>
 
+#include "Common/OS/Linux/CWinEventHandle.h"
 #include "Io/FakeSwitch.h"
 #include "Io/IoDBRouter.h"
 #include "Io/IoRouteTable.h"
@@ -134,6 +135,19 @@ TEST_F(TrackerTest, EveryDestinationEndsWithOneAnswerMissingOnesAsTimeOuts)
         EXPECT_EQ(cmd->GetTrackerInfo(), nullptr);
         EXPECT_EQ(tracker->PendingCount(), 0u);
     }
+}
+
+TEST(TrackerInfoTest, ClosesTheEventItMade)
+{
+    const std::size_t before = CWinEventHandleSet::s_Set().size();
+    CrCmd cmd;
+    cmd.SetMsgAddr(3);
+    {
+        TrackerInfo info(&cmd);
+        EXPECT_TRUE(info.ExpectedRsp(3));
+        EXPECT_EQ(CWinEventHandleSet::s_Set().size(), before + 1);
+    }
+    EXPECT_EQ(CWinEventHandleSet::s_Set().size(), before);
 }
 
 TEST_F(TrackerTest, StrayAnswersAreOrphans)
