@@ -146,7 +146,9 @@ TEST(CWinTimerHandleTest, CancelStopsAnArmedTimerOnlyAndEveryCallIsCounted)
     EXPECT_FALSE(CancelWaitableTimer(t)) << "never armed";
     ASSERT_TRUE(arm(t, -1 * kMs, 1, &calls));
     ASSERT_TRUE(eventually([&] { return calls.n >= 2; }));
+    const size_t live = CWinTimerHandle::liveTimerCount();
     ASSERT_TRUE(CancelWaitableTimer(t));
+    EXPECT_EQ(live - 1, CWinTimerHandle::liveTimerCount()) << "a cancelled timer takes no more expiries";
     EXPECT_FALSE(castToWinTimerHandle(t)->hasTimer());
     EXPECT_FALSE(castToWinTimerHandle(t)->hasThread());
     EXPECT_FALSE(CancelWaitableTimer(t)) << "already cancelled";
