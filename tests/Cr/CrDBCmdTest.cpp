@@ -218,8 +218,8 @@ TEST_F(CrDBCmdTest, MessageAndResponseText)
     cmd.SetCmdCode(CMD_CONN_PORT);
     cmd.SetSeqNbr(7);
     cmd.SetMsgAddr(12);
-    cmd.SetMsgAddr(3);
-    EXPECT_EQ("seqNbr[  7] cmdCode[CMD_CONN_PORT] mgrClass[MGR_CONN] 1st dstAddr[3] ", text(&cmd));
+    cmd.SetMsgAddr(0); // the lowest address is a destination like any other
+    EXPECT_EQ("seqNbr[  7] cmdCode[CMD_CONN_PORT] mgrClass[MGR_CONN] 1st dstAddr[0] ", text(&cmd));
     std::unique_ptr<char[]> owned(cmd.ToString());
     EXPECT_STREQ(text(&cmd).c_str(), owned.get());
 
@@ -231,7 +231,7 @@ TEST_F(CrDBCmdTest, MessageAndResponseText)
     os << static_cast<const Message*>(&cmd) << 255;
     os.width(4);
     os << 1;
-    EXPECT_EQ("seqNbr[12345] cmdCode[CMD_CONN_PORT] mgrClass[UNKNOWN MGR_CLASS[40][0x00000028]] 1st dstAddr[3] ff1***",
+    EXPECT_EQ("seqNbr[12345] cmdCode[CMD_CONN_PORT] mgrClass[UNKNOWN MGR_CLASS[40][0x00000028]] 1st dstAddr[0] ff1***",
               os.str());
 
     CrRsp rsp;
@@ -272,12 +272,55 @@ TEST_F(CrDBCmdTest, ResponseListIsIteratedAndOwned)
 
 TEST_F(CrDBCmdTest, CommandWithoutTargetIsNotSent)
 {
+    CrTracker tracker; // never started: a command queued to it would hang Dispatch
+    UDBControl::InsertClassRef(SMN_TRACKER, &tracker);
     CrCmd cmd;
     cmd.SetCmdCode(CMD_CONN_PORT);
     cmd.SetRspReq(true);
-    cmd.Dispatch(); // returns at once: no destination, no tracker needed
+    testing::internal::CaptureStdout();
+    cmd.Dispatch();
+    EXPECT_EQ("  CMD: 2712 has no target address\r\n", testing::internal::GetCapturedStdout());
     EXPECT_EQ(nullptr, cmd.GetWaitEvent());
     EXPECT_FALSE(cmd.WaitForRsp());
+    EXPECT_EQ(0u, tracker.PendingCount());
+}
+
+// Responses whose destruction is counted.
+struct CountedRsp : CrRsp {
+    explicit CountedRsp(int* n) : freed(n) {}
+    ~CountedRsp() override { ++*freed; }
+    int* freed;
+};
+
+// A command made from a received frame is a command like any other: the
+// default time-out, the registered tracker, and a locked response list that
+// it frees.
+TEST_F(CrDBCmdTest, CommandFromAFrameGetsTheDefaultsAndOwnsItsResponses)
+{
+    CrTracker tracker;
+    UDBControl::InsertClassRef(SMN_TRACKER, &tracker);
+    ORV_APP_MSG hdr;
+    hdr.msgType = MSG_COMMAND;
+    hdr.cmdCode = CMD_CONN_PORT;
+    hdr.seqNbr = 5;
+    hdr.msgStat = CMD_WITH_RSP;
+    unsigned char data[] = {1, 2, 3};
+    hdr.setAppSize(sizeof data);
+    for (bool fromFrame : {false, true}) {
+        SCOPED_TRACE(fromFrame ? "from a frame" : "made here");
+        int freed = 0;
+        {
+            std::unique_ptr<CrCmd> cmd(fromFrame ? new CrCmd(MGR_CONN, &hdr, data) : new CrCmd);
+            EXPECT_EQ(UDBControl::GetDefaultMsgTimeout(), cmd->GetRspTimer());
+            EXPECT_EQ(&tracker, cmd->GetTracker());
+            for (int i = 0; i < 3; ++i) cmd->AddToRspList(new CountedRsp(&freed));
+            EXPECT_EQ(3, cmd->GetRspCount());
+            if (fromFrame) {
+                EXPECT_EQ(std::make_tuple(5, true, 3), std::make_tuple(cmd->GetSeqNbr(), cmd->GetRspReq(), cmd->GetSize()));
+            }
+        }
+        EXPECT_EQ(3, freed);
+    }
 }
 
 } // namespace

@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <functional>
 #include <memory>
 #include <string>
@@ -10,6 +11,7 @@
 #include <tuple>
 #include <vector>
 
+#include "Common/OS/Linux/CWinEventHandle.h"
 #include "Io/FakeSwitch.h"
 #include "Io/IoDBRouter.h"
 #include "Io/IoRouteTable.h"
@@ -102,8 +104,9 @@ struct TrackerTest : testing::Test {
 
 TEST_F(TrackerTest, EveryDestinationEndsWithOneAnswerMissingOnesAsTimeOuts)
 {
-    FakeSwitch sw1(1), sw2(2), sw3(3);
-    Routed r1(swi, sw1), r2(swi, sw2), r3(swi, sw3);
+    FakeSwitch sw0(0), sw1(1), sw2(2), sw3(3);
+    Routed r0(swi, sw0), r1(swi, sw1), r2(swi, sw2), r3(swi, sw3);
+    answering(sw0, RSP_BUSY);
     answering(sw1, RSP_ERROR, {7, 7});
     answering(sw3, RSP_OK);
     const struct {
@@ -115,6 +118,7 @@ TEST_F(TrackerTest, EveryDestinationEndsWithOneAnswerMissingOnesAsTimeOuts)
         {{2, 4, 9}, 20, {{2, RSP_TIME_OUT, 0}, {4, RSP_TIME_OUT, 0}, {9, RSP_TIME_OUT, 0}}},
         {{3, 1, 2}, 20, {{1, RSP_ERROR, 2}, {3, RSP_OK, 0}, {2, RSP_TIME_OUT, 0}}},
         {{3, 1}, -1, {{1, RSP_ERROR, 2}, {3, RSP_OK, 0}}}, // no time limit: the wait ends with the answers
+        {{0}, 5000, {{0, RSP_BUSY, 0}}},                   // the lowest address answers like any other
     };
     start();
     for (const auto& c : cases) {
@@ -125,11 +129,25 @@ TEST_F(TrackerTest, EveryDestinationEndsWithOneAnswerMissingOnesAsTimeOuts)
         EXPECT_TRUE(cmd->WaitForRsp());
         const std::string out = GetCapturedStdout();
         EXPECT_THAT(answersOf(*cmd), ElementsAreArray(c.expected));
-        EXPECT_EQ(out.find("TimeoutAction TIMED OUT WAITING FOR RESPONSE: seqNbr[") != std::string::npos,
-                  c.timeoutMs > 0);
+        const bool timedOut = std::any_of(c.expected.begin(), c.expected.end(),
+                                          [](const Answer& a) { return std::get<1>(a) == RSP_TIME_OUT; });
+        EXPECT_EQ(out.find("TimeoutAction TIMED OUT WAITING FOR RESPONSE: seqNbr[") != std::string::npos, timedOut);
         EXPECT_EQ(cmd->GetTrackerInfo(), nullptr);
         EXPECT_EQ(tracker->PendingCount(), 0u);
     }
+}
+
+TEST(TrackerInfoTest, ClosesTheEventItMade)
+{
+    const std::size_t before = CWinEventHandleSet::s_Set().size();
+    CrCmd cmd;
+    cmd.SetMsgAddr(3);
+    {
+        TrackerInfo info(&cmd);
+        EXPECT_TRUE(info.ExpectedRsp(3));
+        EXPECT_EQ(CWinEventHandleSet::s_Set().size(), before + 1);
+    }
+    EXPECT_EQ(CWinEventHandleSet::s_Set().size(), before);
 }
 
 TEST_F(TrackerTest, StrayAnswersAreOrphans)

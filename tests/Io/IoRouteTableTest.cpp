@@ -74,7 +74,11 @@ struct Routes : testing::Test {
 
 TEST_F(Routes, LogLinesOfAddingAndRemovingPerTable)
 {
-    // Unknown models are UNDEFINED rather than a read past the table.
+    // Every model by its own name; unknown ones are UNDEFINED rather than a
+    // read past the table.
+    const char* const names[] = {"UNDEFINED", "N511", "N512",  "N512H",   "N513",   "N514",         "R721",
+                                 "R723",      "R732", "R732s", "R721_R", "OPTICAL", "HYBRID", "OTHER_VENDOR"};
+    for (int m = 0; m < SW_MODEL_NUM_MODELS; ++m) EXPECT_STREQ(switchModelName(m), names[m]) << m;
     for (int m : {-1, 14, 1000}) EXPECT_STREQ(switchModelName(m), "UNDEFINED");
     FakeEntry& plain = make(3);
     FakeEntry& r700 = make(4);

@@ -66,6 +66,10 @@ TEST_F(Api, InitializeOnceBuildsTheSystemAndSetsUpTheProcess)
     IoRouter* router = IoRouter::getIt();
     ASSERT_TRUE(ctl && tracker && router);
     EXPECT_EQ(SYS_PARM::getIt(), &sysParm);
+    // The fixed waits tests replace: connect 200 x 40 ms, disconnect 100 x 40 ms, raw statistics 10 s.
+    const tavro_internal::ApiSeams& w = tavro_internal::apiSeams();
+    EXPECT_EQ(std::make_tuple(w.connectPolls, w.connectPollMs, w.disconnectPolls, w.disconnectPollMs, w.rawStatsTimeoutMs),
+              std::make_tuple(200u, DWORD(40), 100u, DWORD(40), 10000));
     EXPECT_TRUE(UtlDebug::IsDebugThreadRunning());
     EXPECT_EQ(I_SwitchInitialize(), I_SUCCESS); // a second call changes nothing
     EXPECT_EQ(std::make_tuple(UDBControl::getIt(), CrTracker::getIt(), IoRouter::getIt()),

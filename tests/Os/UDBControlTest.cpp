@@ -97,6 +97,7 @@ TEST_F(Control, SequenceNumbersSkipZeroAndAreUniqueAcrossThreads)
         std::uint32_t last;
         std::vector<std::uint32_t> next;
     } cases[] = {{0, {1, 2, 3}}, {4294967294u, {4294967295u, 1, 2}}, {4294967295u, {1}}};
+    EXPECT_EQ(UDBControl::GenSeqNbr(), 1u) << "the first number of a process";
     for (const auto& c : cases) {
         UDBControl::SetSeqNbrForTest(c.last);
         for (std::uint32_t expected : c.next) EXPECT_EQ(UDBControl::GenSeqNbr(), expected) << c.last;
@@ -167,6 +168,7 @@ TEST(PortNum, SubportWordsAndValidity)
         EXPECT_EQ(PORT_NUM(v[2] | v[1] << 8 | v[0] << 16).isValid(), v[3] != 0) << v[0] << "." << v[1] << "." << v[2];
     EXPECT_FALSE(PORT_NUM::INVALID_PORT_NUM.isValid());
     EXPECT_TRUE(PORT_NUM::ALL_PORT_NUMS.isValid());
+    EXPECT_EQ(PORT_NUM::ALL_PORT_NUMS.value(), 0xFFFFFFFEu); // as it goes on the wire
     EXPECT_FALSE(PORT_NUM().isValid());
     EXPECT_TRUE(SUBPORT_NUM("1.1.1.1").isValid() && SUBPORT_NUM("1.1.1.2").isValid());
     EXPECT_FALSE(SUBPORT_NUM("1.1.1.3").isValid() || SUBPORT_NUM::INVALID_SUBPORT_NUM.isValid());

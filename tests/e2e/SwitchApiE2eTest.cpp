@@ -1,7 +1,9 @@
-// The library end to end through its exported API, against the switch
-// simulator on the SNMP service port of this host. One library and one
-// connection serve every test of a process; a test that drops the connection
-// leaves the next one to make it again. Under ctest each test is a process of
+// The library end to end against the switch simulator on the SNMP service
+// port, where a test needs the library's seams (quick reconnects, short
+// time-outs) or its command objects; what an application sees alone is
+// tested in tests/api. One library and one connection serve every test of a
+// process; a test that drops the connection leaves the next one to make it
+// again. Under ctest each test is a process of
 // its own that pays the real first-connect wait, so the tests are few and wide.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -20,12 +22,10 @@
 #include "Common/Utility/UtlDebug.h"
 #include "Cr/CrDBCmd.h"
 #include "Io/IoDBClient.h"
-#include "Io/LoopbackPeer.h"
 #include "Os/TAVRO.h"
 #include "SwitchSimulator.h"
 #include "TestSupport.h"
 
-namespace lp = loopback_peer;
 using switchsim::OutFrame;
 using switchsim::SimFrame;
 using switchsim::SwitchSimulator;
@@ -72,7 +72,13 @@ protected:
         if (I_SwitchIsConnected() != I_SUCCESS) {
             ASSERT_EQ(I_SwitchConnect(SW_SERVICE_SNMP), I_SUCCESS);
         }
-        ASSERT_TRUE(sim().waitFor([] { return !sim().openConnections().empty(); }, kWait));
+        // Connected is not enough: the link test header may still be in flight.
+        ASSERT_TRUE(sim().waitFor(
+            [] {
+                const std::vector<std::uint64_t> open = sim().openConnections();
+                return !open.empty() && sim().receivedBytes(open.back()).size() >= 12;
+            },
+            kWait));
     }
     void TearDown() override
     {
@@ -93,8 +99,7 @@ protected:
         }
         return false;
     }
-    // Frames the simulator has read so far: commands of a code, or answers
-    // to its own command seq.
+    // Commands of a code the simulator has read so far.
     template <typename P>
     static std::vector<SimFrame> framesWhere(P p)
     {
@@ -106,10 +111,6 @@ protected:
     {
         return framesWhere([=](const SimFrame& f) { return f.cmdCode == code; });
     }
-    static std::vector<SimFrame> answersTo(std::uint32_t seq)
-    {
-        return framesWhere([=](const SimFrame& f) { return !f.isCommand() && f.seqNbr == seq; });
-    }
     // The session sends in order: once a later command arrived, an earlier
     // one was either sent or never will be.
     static void barrier()
@@ -118,7 +119,7 @@ protected:
         I_TAVRO_SendCommandNoResponse(CMD_CONN_INIT, nullptr, 0);
         ASSERT_TRUE(sim().waitFor([&] { return received(CMD_CONN_INIT).size() > before; }, kWait));
     }
-    static OutFrame reply(const SimFrame& f, const lp::Bytes& payload, std::uint32_t status = RSP_OK)
+    static OutFrame reply(const SimFrame& f, const switchsim::Bytes& payload, std::uint32_t status = RSP_OK)
     {
         OutFrame r;
         r.manager = f.manager;
@@ -129,7 +130,7 @@ protected:
         return r;
     }
     // A CMD_CONN_PORT command; no response wanted when timeoutMs < 0.
-    static std::unique_ptr<CrCmd> command(std::initializer_list<int> to, int timeoutMs, const lp::Bytes& data = {})
+    static std::unique_ptr<CrCmd> command(std::initializer_list<int> to, int timeoutMs, const switchsim::Bytes& data = {})
     {
         std::unique_ptr<CrCmd> cmd(new CrCmd);
         cmd->SetCmdCode(CMD_CONN_PORT);
@@ -141,107 +142,8 @@ protected:
     }
 };
 
-std::mutex g_handlerLock;
-std::vector<lp::Bytes> g_handled;
-
-void answeringHandler(COMMAND_CODE, const void* data, uint32_t size, CrRsp* rsp)
+TEST_F(E2e, TimeOutsOrphansAndEightConcurrentCallers)
 {
-    const auto* p = static_cast<const std::uint8_t*>(data);
-    {
-        std::lock_guard<std::mutex> g(g_handlerLock);
-        g_handled.emplace_back(p, p + size);
-    }
-    const std::uint8_t answer[2] = {0x0A, 0x0B};
-    I_TAVRO_SetResponseStatus(rsp, RSP_BUSY);
-    I_TAVRO_SetResponseData(rsp, answer, sizeof answer);
-}
-
-TEST_F(E2e, FramesOnTheWireAndSwitchCommandsInBothOrders)
-{
-    // The link test header, then a command's words in host order.
-    const lp::Order host = lp::hostOrder();
-    // Connected is not yet read: the simulator's reader may still be on its way.
-    ASSERT_TRUE(sim().waitFor([] { return sim().receivedBytes(conn()).size() >= 12u; }, kWait));
-    const lp::Bytes start = sim().receivedBytes(conn());
-    ASSERT_GE(start.size(), 12u);
-    EXPECT_EQ(lp::Bytes(start.begin(), start.begin() + 12), lp::linkTestBytes(host));
-    lp::Frame expected;
-    expected.manager = 1;
-    expected.msgType = lp::kCommand;
-    expected.cmdCode = CMD_CONN_PORT;
-    expected.srcAddr = SYS_SNMP_AGENT; // msgStat 0: no response wanted
-    expected.payload = {0xDE, 0xAD, 0xBE};
-    const std::size_t sent = received(CMD_CONN_PORT).size();
-    ASSERT_EQ(I_TAVRO_SendCommandNoResponse(CMD_CONN_PORT, expected.payload.data(), 3), I_SUCCESS);
-    ASSERT_TRUE(sim().waitFor([&] { return received(CMD_CONN_PORT).size() > sent; }, kWait));
-    const lp::Bytes all = sim().receivedBytes(conn());
-    const lp::Bytes wire(all.begin() + long(start.size()), all.end());
-    ASSERT_EQ(wire.size(), 43u);
-    expected.seqNbr = std::uint32_t(lp::getWord(wire.data() + 20, host));
-    EXPECT_NE(expected.seqNbr, 0u);
-    EXPECT_EQ(wire, expected.encode(host));
-
-    // Switch commands in either order: a handler's answer goes back exactly
-    // when one is asked for; nothing answers an unhandled command.
-    ASSERT_EQ(I_TAVRO_RegisterCommandHandler(CMD_CONN_PORT, answeringHandler), I_SUCCESS);
-    for (bool reverse : {false, true}) {
-        SCOPED_TRACE(reverse ? "reversed" : "same order");
-        switchsim::Faults f;
-        f.reverse = reverse;
-        sim().setFaults(f);
-        {
-            std::lock_guard<std::mutex> g(g_handlerLock);
-            g_handled.clear();
-        }
-        testing::internal::CaptureStdout(); // the unhandled command's complaint
-        const std::uint32_t quiet = sim().sendCommand(conn(), CMD_CONN_PORT, {1, 2, 3}, false);
-        const std::uint32_t asked = sim().sendCommand(conn(), CMD_CONN_PORT, {4, 5}, true);
-        const std::uint32_t unhandled = sim().sendCommand(conn(), CMD_DISC_PORT, {6}, true);
-        // A later answered command: everything before it has been handled.
-        const std::uint32_t after = sim().sendCommand(conn(), CMD_CONN_PORT, {}, true);
-        const bool answered = sim().waitFor([&] { return !answersTo(after).empty(); }, kWait);
-        testing::internal::GetCapturedStdout();
-        ASSERT_TRUE(answered);
-        {
-            std::lock_guard<std::mutex> g(g_handlerLock);
-            EXPECT_EQ(g_handled, (std::vector<lp::Bytes>{{1, 2, 3}, {4, 5}, {}}));
-        }
-        EXPECT_TRUE(answersTo(quiet).empty());
-        EXPECT_TRUE(answersTo(unhandled).empty());
-        const std::vector<SimFrame> rsp = answersTo(asked);
-        ASSERT_EQ(rsp.size(), 1u);
-        EXPECT_EQ(std::make_tuple(rsp[0].cmdCode, rsp[0].msgStat, rsp[0].srcAddr, rsp[0].payload),
-                  std::make_tuple(std::uint32_t(CMD_CONN_PORT), std::uint32_t(RSP_BUSY),
-                                  std::uint32_t(SYS_SNMP_AGENT), lp::Bytes{0x0A, 0x0B}));
-    }
-    I_TAVRO_UnRegisterCommandHandler(CMD_CONN_PORT);
-}
-
-TEST_F(E2e, RawStatsTimeOutsOrphansAndEightConcurrentCallers)
-{
-    // Two entries are 1908 bytes: a byte short or a bad status gives nothing.
-    const struct {
-        std::size_t size;
-        std::uint32_t status;
-        bool block;
-    } cases[] = {{1908, RSP_OK, true}, {1907, RSP_OK, false}, {1908, RSP_BUSY, false}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(testing::Message() << c.size << " bytes, status " << c.status);
-        lp::Bytes payload(c.size);
-        for (std::size_t i = 0; i < c.size; ++i) payload[i] = std::uint8_t(i * 7 + 1);
-        const std::uint16_t two = 2;
-        std::memcpy(payload.data(), &two, 2);
-        sim().setResponder([&](SwitchSimulator& s, const SimFrame& f) {
-            return f.cmdCode == CMD_GET_BLADE_RAW_STATS && s.send(f.conn, reply(f, payload, c.status));
-        });
-        void* got = I_GetRawStats(1);
-        ASSERT_EQ(got != nullptr, c.block);
-        if (got != nullptr) {
-            EXPECT_EQ(std::memcmp(got, payload.data(), 1908), 0);
-        }
-        std::free(got);
-    }
-
     // Switch 2 has no route and never answers: a made-up time-out stands in.
     sim().setResponder(nullptr);
     std::unique_ptr<CrCmd> cmd = command({1, 2}, 300, {42});
@@ -294,13 +196,13 @@ TEST_F(E2e, RawStatsTimeOutsOrphansAndEightConcurrentCallers)
     for (int t = 0; t < kThreads; ++t) {
         callers.emplace_back([&, t] {
             for (int round = 0; round < kRounds; ++round) {
-                const lp::Bytes mine = {std::uint8_t(t), std::uint8_t(round)};
+                const switchsim::Bytes mine = {std::uint8_t(t), std::uint8_t(round)};
                 std::unique_ptr<CrCmd> own = command({1}, 60000, mine);
                 own->Dispatch();
                 CrRsp* rsp = own->WaitForRsp() && own->GetRspCount() == 1 ? own->GetFirstRsp() : nullptr;
                 const auto* d = rsp ? static_cast<const std::uint8_t*>(rsp->GetData()) : nullptr;
                 if (rsp == nullptr || rsp->GetRspStat() != RSP_OK || rsp->GetSeqNbr() != own->GetSeqNbr() ||
-                    rsp->GetSize() != 2 || d == nullptr || lp::Bytes(d, d + 2) != mine)
+                    rsp->GetSize() != 2 || d == nullptr || switchsim::Bytes(d, d + 2) != mine)
                     ++mismatches;
             }
         });

@@ -140,9 +140,15 @@ UtlDebug* UtlDebug::GetTheUtlDebug()
 
 bool UtlDebug::StartDebugThread()
 {
+    return GetTheUtlDebug()->Start(nullptr);
+}
+
+bool UtlDebug::Start(void* arg)
+{
+    if (this != theUtlDebug.load()) return OsThread::Start(arg);
     std::lock_guard<std::mutex> g(s_startLock);
-    if (writerRunning.load()) return true;
-    if (!GetTheUtlDebug()->Start(nullptr)) return false;
+    if (writerRunning.load()) return true; // one writer per instance
+    if (!OsThread::Start(arg)) return false;
     writerRunning.store(true);
     return true;
 }

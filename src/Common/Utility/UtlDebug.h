@@ -52,6 +52,10 @@ public:
     // Starts the process's writer once; later and concurrent calls only
     // report whether it runs. Until then debugOut writes directly.
     static bool StartDebugThread();
+    // For the process's instance the same as StartDebugThread, so that
+    // debugOut queues to the writer however its owner started it; any other
+    // instance just starts its thread.
+    bool Start(void* arg);
     static bool IsDebugThreadRunning();
 
     // Replaces time stamps and thread ids by fixed markers in the log file.

@@ -244,6 +244,53 @@ TEST_F(ReaderFixture, LargeBodyIsReceivedInPlace)
     EXPECT_EQ(g_recvLens, want);
 }
 
+// The same when the body trickles in after its headers: the reader keeps
+// asking for the rest until the body is whole.
+TEST_F(ReaderFixture, LargeBodyArrivingInPiecesAfterItsHeaders)
+{
+    open();
+    FrameSpec f;
+    f.payload = 3 * OsSocket::READ_AHEAD_SIZE + 123;
+    f.order = Order::Little;
+    const std::string frame = buildFrame(f);
+    ASSERT_TRUE(writeAll(fds.b, frame.substr(0, 40 + 10)));
+    std::thread writer([&] {
+        for (std::size_t at = 50; at < frame.size(); at += 5000) {
+            std::this_thread::yield();
+            writeAll(fds.b, frame.substr(at, 5000));
+        }
+    });
+    std::vector<char> buf(frame.size());
+    const bool ok = sock->GetOrvMessage(&ctl, reinterpret_cast<ORV_APP_MSG*>(buf.data()), unsigned(frame.size()));
+    writer.join();
+    ASSERT_TRUE(ok);
+    expectFrame(ctl, buf.data(), f);
+}
+
+// A byte held ahead is ready at once: Read must not wait for the kernel
+// to report more (here nothing more ever comes).
+TEST_F(ReaderFixture, ByteHeldAheadIsReadWithoutWaiting)
+{
+    open();
+    FrameSpec f;
+    f.payload = 3;
+    ASSERT_TRUE(writeAll(fds.b, buildFrame(f) + "Z"));
+    ASSERT_TRUE(get());
+    char c = 0;
+    unsigned got = 0;
+    std::atomic<bool> done{false};
+    std::thread reader([&] {
+        sock->Read(&c, 1, &got);
+        done = true;
+    });
+    for (int i = 0; i < 10000 && !done; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    const bool inTime = done.load();
+    if (!inTime) sock->SignalShutdown(); // let a stuck reader go
+    reader.join();
+    EXPECT_TRUE(inTime);
+    EXPECT_EQ(std::make_pair(c, got), std::make_pair('Z', 1u));
+}
+
 TEST_F(ReaderFixture, LinkTestHeadersAreSkippedWithoutPurging)
 {
     open();

@@ -50,6 +50,29 @@ protected:
 
 } // namespace
 
+// The owner may start the process's writer itself instead of through
+// StartDebugThread: debugOut must queue to it all the same, and a later
+// StartDebugThread must not start a second writer.
+TEST(UtlDebugOwner, WriterStartedByItsOwnerGetsTheLines)
+{
+    tavro_test::ScopedTempDir dir;
+    ASSERT_EQ(mkdir("log", 0777), 0);
+    UtlDebug::SetUnitTestFriendly(true);
+    debugSetLastDay(time(nullptr) / 86400);
+    UtlDebug* d = UtlDebug::GetTheUtlDebug();
+    ASSERT_TRUE(d->Start(nullptr));
+    EXPECT_TRUE(UtlDebug::IsDebugThreadRunning());
+    testing::internal::CaptureStdout();
+    debugOut("owner started\n");
+    EXPECT_TRUE(UtlDebug::StartDebugThread());
+    EXPECT_TRUE(d->Start(nullptr));
+    debugOutf("%s\n", "still one writer");
+    ASSERT_TRUE(d->WaitUntilDrained(10000));
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+    EXPECT_EQ(readLog(), "[][] owner started\n[][] still one writer\n");
+    UtlDebug::SetUnitTestFriendly(false);
+}
+
 TEST_F(UtlDebugTest, UnitTestModeBytesBannerOnceSysLogEchoAndLongText)
 {
     const std::string longWord(5000, 'w');

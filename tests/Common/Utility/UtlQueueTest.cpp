@@ -118,6 +118,8 @@ TEST(UtlQueueTest, ConsumerWakesWhenAnItemArrivesAndTimesOutOtherwise)
 TEST(UtlQueueTest, BadInputIsReportedOnStandardOutput)
 {
     UtlQueue q("bad", 2);
+    EXPECT_EQ("bad", q.Name());
+    EXPECT_EQ("", UtlQueue(static_cast<const char*>(nullptr), 1).Name());
     testing::internal::CaptureStdout();
     EXPECT_FALSE(q.AddToQueue(nullptr, UtlQueue::RETURN_IF_OVERFLOW));
     EXPECT_EQ("  BAD pointer to queue\n", testing::internal::GetCapturedStdout());

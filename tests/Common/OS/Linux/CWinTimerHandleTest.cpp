@@ -85,6 +85,11 @@ TEST(CWinTimerHandleTest, OneShotFiresOnceAndResetModeDecidesHowLongItIsSeen)
         HANDLE t = CreateWaitableTimer(nullptr, manual, "ignored");
         const DWORD start = GetTickCount();
         ASSERT_TRUE(arm(t, -50 * kMs, 0, &calls[manual]));
+        // A stray SIGUSR1 on a thread that does not block it must reach the
+        // handler with a siginfo it can read.
+        struct sigaction now {};
+        ASSERT_EQ(0, sigaction(SIGUSR1, nullptr, &now));
+        EXPECT_NE(0, now.sa_flags & SA_SIGINFO);
         ASSERT_EQ(WAIT_OBJECT_0, WaitForSingleObject(t, kFireBoundMs));
         // Timer clock and tick clock differ slightly.
         EXPECT_GE(GetTickCount() - start, 45u);
@@ -141,7 +146,9 @@ TEST(CWinTimerHandleTest, CancelStopsAnArmedTimerOnlyAndEveryCallIsCounted)
     EXPECT_FALSE(CancelWaitableTimer(t)) << "never armed";
     ASSERT_TRUE(arm(t, -1 * kMs, 1, &calls));
     ASSERT_TRUE(eventually([&] { return calls.n >= 2; }));
+    const size_t live = CWinTimerHandle::liveTimerCount();
     ASSERT_TRUE(CancelWaitableTimer(t));
+    EXPECT_EQ(live - 1, CWinTimerHandle::liveTimerCount()) << "a cancelled timer takes no more expiries";
     EXPECT_FALSE(castToWinTimerHandle(t)->hasTimer());
     EXPECT_FALSE(castToWinTimerHandle(t)->hasThread());
     EXPECT_FALSE(CancelWaitableTimer(t)) << "already cancelled";
