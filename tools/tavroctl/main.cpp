@@ -527,7 +527,8 @@ int cmdListen(const Options& o)
         std::unique_lock<std::mutex> lk(g_stopLock);
         g_stopChanged.wait(lk, [] { return g_stop; });
     }
-    for (long long c : codes) I_TAVRO_UnRegisterCommandHandler(COMMAND_CODE(c));
+    // The handler table is not locked: it stays as it is while the session
+    // may still dispatch; the process ends right after.
     return finish(kOk);
 }
 
