@@ -441,7 +441,8 @@ struct World {
         char tmpl[] = "/tmp/tavro-roundtrip-XXXXXX";
         if (const char* d = ::mkdtemp(tmpl)) {
             dir = d;
-            if (::chdir(d) != 0) {}
+            if (::chdir(d) != 0) {
+            }
         }
         ::mkdir("log", 0755);
         if (!responder.start()) {
@@ -509,7 +510,7 @@ long rssKiB()
 // runs with the most commands (the measured one and its repetitions) count.
 struct Run {
     double medianUs = 0;
-    double cpuUs = 0; // process CPU time per command
+    double cpuUs = 0;           // process CPU time per command
     std::uint64_t commands = 0; // of all threads
     Clock::time_point first = Clock::time_point::max();
     Clock::time_point last = Clock::time_point::min();
@@ -577,8 +578,8 @@ void timeRoundTrips(benchmark::State& state, RoundTrip roundTrip, const char* na
     const double cpuUs = processCpuUs() - cpu0;
     state.SetItemsProcessed(state.iterations());
     if (!us.empty())
-        state.counters["cpu_us"] =
-            benchmark::Counter(cpuUs / double(us.size() * std::size_t(state.threads())), benchmark::Counter::kAvgThreads);
+        state.counters["cpu_us"] = benchmark::Counter(cpuUs / double(us.size() * std::size_t(state.threads())),
+                                                      benchmark::Counter::kAvgThreads);
     const double med = percentile(us, 0.5);
     const double p99 = percentile(us, 0.99);
     state.counters["median_us"] = benchmark::Counter(med, benchmark::Counter::kAvgThreads);
@@ -612,7 +613,8 @@ void BM_Raw(benchmark::State& state, COMMAND_CODE code, std::size_t size, const 
     RawClient c(w.responder.port());
     if (!c.ok()) return state.SkipWithError("raw client: cannot connect");
     const auto payload = payloadOf(size);
-    timeRoundTrips(state, [&] { return c.roundTrip(code, payload); }, name);
+    timeRoundTrips(
+        state, [&] { return c.roundTrip(code, payload); }, name);
 }
 
 void BM_HandOff(benchmark::State& state, COMMAND_CODE code, std::size_t size, const char* name)
@@ -622,7 +624,8 @@ void BM_HandOff(benchmark::State& state, COMMAND_CODE code, std::size_t size, co
     HandOffClient c(w.responder.port());
     if (!c.ok()) return state.SkipWithError("hand-off client: cannot connect");
     const auto payload = payloadOf(size);
-    timeRoundTrips(state, [&] { return c.roundTrip(code, payload); }, name);
+    timeRoundTrips(
+        state, [&] { return c.roundTrip(code, payload); }, name);
 }
 
 void BM_Library(benchmark::State& state, COMMAND_CODE code, std::size_t size, const char* name)
@@ -630,7 +633,8 @@ void BM_Library(benchmark::State& state, COMMAND_CODE code, std::size_t size, co
     World& w = world();
     if (!w.error.empty()) return state.SkipWithError(w.error.c_str());
     const auto payload = payloadOf(size);
-    timeRoundTrips(state, [&] { return libraryRoundTrip(code, payload); }, name);
+    timeRoundTrips(
+        state, [&] { return libraryRoundTrip(code, payload); }, name);
 }
 
 // Eight application threads: each has its own raw connection; the library
@@ -643,7 +647,8 @@ void BM_Raw8(benchmark::State& state)
     if (!w.error.empty()) return state.SkipWithError(w.error.c_str());
     RawClient& c = *g_raw8[state.thread_index()];
     const std::vector<char> none;
-    timeRoundTrips(state, [&] { return c.roundTrip(kShort, none); }, "raw 40 B x8");
+    timeRoundTrips(
+        state, [&] { return c.roundTrip(kShort, none); }, "raw 40 B x8");
 }
 
 void BM_Library8(benchmark::State& state, const char* name)
@@ -651,7 +656,8 @@ void BM_Library8(benchmark::State& state, const char* name)
     World& w = world();
     if (!w.error.empty()) return state.SkipWithError(w.error.c_str());
     const std::vector<char> none;
-    timeRoundTrips(state, [&] { return libraryRoundTrip(kShort, none); }, name);
+    timeRoundTrips(
+        state, [&] { return libraryRoundTrip(kShort, none); }, name);
 }
 
 void raw8Setup(const benchmark::State&)
@@ -768,17 +774,18 @@ void summary()
     };
     const auto median = [](const Run& r) { return r.medianUs; };
     const auto cpu = [](const Run& r) { return r.cpuUs; };
-    std::printf("\nAgainst raw TCP of the same frames, same run (with repetitions, the median over them):\n"
-                "  %-48s %26s %26s\n",
-                "", "median round trip, us", "process CPU per command, us");
+    std::printf(
+        "\nAgainst raw TCP of the same frames, same run (with repetitions, the median over them):\n"
+        "  %-48s %26s %26s\n",
+        "", "median round trip, us", "process CPU per command, us");
     for (const char* variant : {"library"}) {
         for (const Target& t : targets) {
             const std::string lib = std::string(variant) + " " + t.what;
             const double l = overRuns(lib, median), raw = overRuns(t.raw, median);
             const double lc = overRuns(lib, cpu), rc = overRuns(t.raw, cpu);
             if (l <= 0 || raw <= 0 || rc <= 0) continue;
-            std::printf("  %-48s %8.1f / %7.1f = %5.2fx %8.1f / %7.1f = %5.2fx", (lib + " / " + t.raw).c_str(), l,
-                        raw, l / raw, lc, rc, lc / rc);
+            std::printf("  %-48s %8.1f / %7.1f = %5.2fx %8.1f / %7.1f = %5.2fx", (lib + " / " + t.raw).c_str(), l, raw,
+                        l / raw, lc, rc, lc / rc);
             if (t.limit > 0) std::printf("  (target <= %.1fx)", t.limit);
             std::printf("\n");
         }

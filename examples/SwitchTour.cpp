@@ -63,8 +63,8 @@ const char* statusName(I_STATUS s)
 void onHeartbeat(COMMAND_CODE code, const void*, uint32_t size, CrRsp* response)
 {
     const int n = ++g_heartbeats;
-    say("  [handler] heartbeat #%d from the switch (command %d, %u payload bytes): answering RSP_OK\n", n,
-        int(code), unsigned(size));
+    say("  [handler] heartbeat #%d from the switch (command %d, %u payload bytes): answering RSP_OK\n", n, int(code),
+        unsigned(size));
     I_TAVRO_SetResponseStatus(response, RSP_OK);
     // The library sends the response after this returns and reports it as
     // "Send response result=0" (0: sent).
@@ -78,10 +78,9 @@ void printRawStats(const void* block)
         return;
     }
     const int n = TAVRO_RawStatsEntries(block);
-    say("  slot %u, format %u, %d port entries (%s byte order)\n", unsigned(head.slotNbr),
-        unsigned(head.formatVersion), n, TAVRO_RawStatsReversed(block) ? "reversed" : "host");
-    say("  %4s  %-4s  %7s  %16s  %16s  %16s  %16s\n", "port", "link", "Mbit/s", "rx[0]", "tx[0]", "rx[1]",
-        "tx[1]");
+    say("  slot %u, format %u, %d port entries (%s byte order)\n", unsigned(head.slotNbr), unsigned(head.formatVersion),
+        n, TAVRO_RawStatsReversed(block) ? "reversed" : "host");
+    say("  %4s  %-4s  %7s  %16s  %16s  %16s  %16s\n", "port", "link", "Mbit/s", "rx[0]", "tx[0]", "rx[1]", "tx[1]");
     for (int i = 0; i < n; ++i) {
         TAVRO_RAW_PORT_STATS p;
         if (TAVRO_RawStatsPort(block, i, &p) != 0) break;
@@ -133,8 +132,7 @@ int main(int argc, char** argv)
             ok = false;
         }
         if (!ok) {
-            std::fprintf(stderr, "SwitchTour: bad option '%s'%s%s\n\n%s", a.c_str(), v ? " " : "", v ? v : "",
-                         kUsage);
+            std::fprintf(stderr, "SwitchTour: bad option '%s'%s%s\n\n%s", a.c_str(), v ? " " : "", v ? v : "", kUsage);
             return 2;
         }
         ++i;
@@ -173,7 +171,8 @@ int main(int argc, char** argv)
         ++failures;
     } else {
         const int n = TAVRO_RawStatsEntries(block);
-        say("   -> a block of %d bytes\n", n < 0 ? TAVRO_RAW_STATS_HEAD_SIZE : TAVRO_RAW_STATS_HEAD_SIZE + n * TAVRO_RAW_STATS_ENTRY_SIZE);
+        say("   -> a block of %d bytes\n",
+            n < 0 ? TAVRO_RAW_STATS_HEAD_SIZE : TAVRO_RAW_STATS_HEAD_SIZE + n * TAVRO_RAW_STATS_ENTRY_SIZE);
         printRawStats(block);
         std::free(block);
     }

@@ -16,8 +16,8 @@ namespace frame_feed {
 
 struct Frame {
     ORV_CTL_MSG ctl;
-    ORV_APP_MSG app;                 // as the reader leaves it: host order, flag set
-    std::vector<std::uint8_t> body;  // all size bytes as sent, header included
+    ORV_APP_MSG app;                // as the reader leaves it: host order, flag set
+    std::vector<std::uint8_t> body; // all size bytes as sent, header included
 };
 
 struct Expected {

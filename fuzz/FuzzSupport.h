@@ -13,9 +13,9 @@
 class CrTracker;
 class IoClientMgmt;
 
-#define FUZZ_CHECK(cond)                                                                                      \
-    do {                                                                                                      \
-        if (!(cond)) fuzz_support::fail(__FILE__, __LINE__, #cond);                                           \
+#define FUZZ_CHECK(cond)                                                                                               \
+    do {                                                                                                               \
+        if (!(cond)) fuzz_support::fail(__FILE__, __LINE__, #cond);                                                    \
     } while (0)
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);

@@ -140,7 +140,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     // The block is the reply's head and as many entries as its first word
     // counts, copied exactly; anything less is no block.
     std::size_t want = 0;
-    if (payloadSize >= 2) want = std::size_t(load16(payload, false)) * TAVRO_RAW_STATS_ENTRY_SIZE + TAVRO_RAW_STATS_HEAD_SIZE;
+    if (payloadSize >= 2)
+        want = std::size_t(load16(payload, false)) * TAVRO_RAW_STATS_ENTRY_SIZE + TAVRO_RAW_STATS_HEAD_SIZE;
     const bool expectBlock = status == RSP_OK && payloadSize >= 2 && payloadSize >= want;
     FUZZ_CHECK((block != nullptr) == expectBlock);
     if (block != nullptr) {

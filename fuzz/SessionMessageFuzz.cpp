@@ -15,11 +15,11 @@
 namespace {
 
 enum Flags : std::uint8_t {
-    kWithHandler = 1,   // a handler is registered for the frame's code
-    kFixAppSize = 2,    // appSize says the payload's true length
-    kNetworkOrder = 4,  // the frame came byte-reversed
-    kShortBody = 8,     // the body is shorter than the application header
-    kWideManager = 16,  // any manager word, not only small ones
+    kWithHandler = 1,  // a handler is registered for the frame's code
+    kFixAppSize = 2,   // appSize says the payload's true length
+    kNetworkOrder = 4, // the frame came byte-reversed
+    kShortBody = 8,    // the body is shorter than the application header
+    kWideManager = 16, // any manager word, not only small ones
     kHandlerAnswers = 32,
 };
 
@@ -63,7 +63,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
     // The body as it arrived: exactly its bytes, at least a whole header.
     std::size_t bodySize = in.restSize();
-    if ((flags & kShortBody) && bodySize > 0) bodySize = bodySize < sizeof(ORV_APP_MSG) ? bodySize : in.rest()[0] % sizeof(ORV_APP_MSG);
+    if ((flags & kShortBody) && bodySize > 0)
+        bodySize = bodySize < sizeof(ORV_APP_MSG) ? bodySize : in.rest()[0] % sizeof(ORV_APP_MSG);
     const std::size_t room = bodySize < sizeof(ORV_APP_MSG) ? sizeof(ORV_APP_MSG) : bodySize;
     std::unique_ptr<char[]> body(new char[room]());
     std::memcpy(body.get(), in.rest(), bodySize);

@@ -27,9 +27,11 @@ public:
     }
     ~ScopedTempDir()
     {
-        if (!old_.empty() && chdir(old_.c_str()) != 0) {}
+        if (!old_.empty() && chdir(old_.c_str()) != 0) {
+        }
         std::string cmd = "rm -rf '" + path_ + "'";
-        if (std::system(cmd.c_str()) != 0) {}
+        if (std::system(cmd.c_str()) != 0) {
+        }
     }
     ScopedTempDir(const ScopedTempDir&) = delete;
     ScopedTempDir& operator=(const ScopedTempDir&) = delete;

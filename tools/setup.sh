@@ -9,7 +9,7 @@ set -euo pipefail
 pkgs=(build-essential cmake pkg-config binutils ccache
       libboost-regex-dev libtinyxml-dev
       libgtest-dev libgmock-dev googletest libbenchmark-dev tshark
-      libzmq3-dev)  # ZeroMQ: a benchmark baseline only; the library never links it
+      clang-format libzmq3-dev)  # clang-format: the format check; ZeroMQ: a benchmark baseline only; the library never links it
 pkgs+=(python3 python3-pytest python3-setuptools python3-pip python3-wheel python3-venv)  # Python binding
 if [[ "${1:-}" == "--cross" ]]; then
     pkgs+=(g++-powerpc-linux-gnu qemu-user dpkg-dev xz-utils)

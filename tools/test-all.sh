@@ -53,7 +53,8 @@ run_config() {
 
 for c in "${configs[@]}"; do
     case $c in
-        native) run_config native || failed=1 ;;
+        native) if ! tools/check-format.sh; then summary[format]="FAILED"; failed=1; fi
+                run_config native || failed=1 ;;
         asan)   ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=0} \
                 UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1} \
                 run_config asan -DTAVRO_ASAN=ON -DCMAKE_BUILD_TYPE=Debug || failed=1 ;;
@@ -68,5 +69,6 @@ done
 
 echo
 echo "=== summary"
+[[ -n "${summary[format]:-}" ]] && printf '%-7s %s\n' format "${summary[format]}"
 for c in "${configs[@]}"; do printf '%-7s %s\n' "$c" "${summary[$c]:-not run}"; done
 exit $failed

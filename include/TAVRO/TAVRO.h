@@ -83,7 +83,7 @@ TAVRO_EXPORT I_STATUS I_TAVRO_UnRegisterCommandHandler(COMMAND_CODE commandCode)
 /* Sends a command without waiting for a response; returns once it has been
  * sent or dropped. Always I_SUCCESS. */
 TAVRO_EXPORT I_STATUS I_TAVRO_SendCommandNoResponse(COMMAND_CODE commandCode, const void* commandData,
-                                                     unsigned int commandDataSize);
+                                                    unsigned int commandDataSize);
 
 /* Raw counters of the blade in slotNum, waiting up to 10 s: a malloc'ed block
  * of 6 + 951 * n bytes (a head whose first 16-bit word is n, then n port

@@ -24,10 +24,10 @@
 #include <stdint.h>
 #include <string.h>
 
-#define TAVRO_RAW_STATS_FORMAT 1     /* the layout described here */
+#define TAVRO_RAW_STATS_FORMAT 1 /* the layout described here */
 #define TAVRO_RAW_STATS_HEAD_SIZE 6
 #define TAVRO_RAW_STATS_ENTRY_SIZE 951
-#define TAVRO_RAW_STATS_COUNTERS 59  /* per direction, in the blade's own numbering */
+#define TAVRO_RAW_STATS_COUNTERS 59 /* per direction, in the blade's own numbering */
 
 #pragma pack(push, 1)
 
@@ -52,7 +52,10 @@ static_assert(sizeof(TAVRO_RAW_STATS_HEAD) == TAVRO_RAW_STATS_HEAD_SIZE, "wire s
 static_assert(sizeof(TAVRO_RAW_PORT_STATS) == TAVRO_RAW_STATS_ENTRY_SIZE, "wire size");
 #endif
 
-static inline uint16_t TAVRO_RawStatsSwap16(uint16_t v) { return (uint16_t)((v >> 8) | (v << 8)); }
+static inline uint16_t TAVRO_RawStatsSwap16(uint16_t v)
+{
+    return (uint16_t)((v >> 8) | (v << 8));
+}
 
 static inline uint32_t TAVRO_RawStatsSwap32(uint32_t v)
 {
@@ -109,8 +112,7 @@ static inline int TAVRO_RawStatsPort(const void* block, int index, TAVRO_RAW_POR
     int i;
     const int n = TAVRO_RawStatsEntries(block);
     if (n < 0 || index < 0 || index >= n || port == NULL) return -1;
-    memcpy(port,
-           (const unsigned char*)block + TAVRO_RAW_STATS_HEAD_SIZE + (size_t)index * TAVRO_RAW_STATS_ENTRY_SIZE,
+    memcpy(port, (const unsigned char*)block + TAVRO_RAW_STATS_HEAD_SIZE + (size_t)index * TAVRO_RAW_STATS_ENTRY_SIZE,
            sizeof *port);
     if (TAVRO_RawStatsReversed(block) == 1) {
         port->portNbr = TAVRO_RawStatsSwap16(port->portNbr);

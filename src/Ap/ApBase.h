@@ -37,7 +37,7 @@ enum MGR_CLASS : std::int32_t {
     MGR_PKT_CONN = 9,
     MGR_PKT_STATS = 10,
     MGR_PCE_PROC = 11,
-    MGR_MAX = 12, // a count, not a manager
+    MGR_MAX = 12,                                              // a count, not a manager
     MGR_LINK = std::int32_t(fourCharCode('L', 'I', 'N', 'K')), // 0x4C494E4B
 };
 

@@ -18,6 +18,7 @@ struct EventKind {
     RecordSwap swap;
 };
 
+// clang-format off
 #define AP_KIND(R) EventKind{sizeof(R), &swapRecordAt<R>}
 // No record at all (connection lost).
 constexpr EventKind kEmpty{0, nullptr};
@@ -116,12 +117,12 @@ const EventKind kKinds[I_EVENT_TYPE_LAST + 1] = {
     AP_KIND(I_APP_STATUS),          // 85
     AP_KIND(I_DEVICE_APP),          // 86
 };
+// clang-format on
 #undef AP_KIND
 
 const EventKind& kindOf(std::int32_t type)
 {
-    if (type < I_EVENT_TYPE_FIRST || type > I_EVENT_TYPE_LAST)
-        return kKinds[0];
+    if (type < I_EVENT_TYPE_FIRST || type > I_EVENT_TYPE_LAST) return kKinds[0];
     return kKinds[type];
 }
 
@@ -156,40 +157,34 @@ void swapAt(unsigned char* p)
 // event's size in a packet, or 0 if not even its base fits.
 unsigned int swapEventAt(unsigned char* p, std::size_t room, bool hostOrderNow)
 {
-    if (room < kBase)
-        return 0;
+    if (room < kBase) return 0;
     std::int32_t type = loadAt<std::int32_t>(p + kTypeAt);
-    if (!hostOrderNow)
-        type = ApSwap::value(type);
-    swapAt<std::uint32_t>(p);     // SwitchHandle
-    swapAt<std::int32_t>(p + 4);  // EventType
-    swapAt<std::int32_t>(p + 8);  // EventAction
+    if (!hostOrderNow) type = ApSwap::value(type);
+    swapAt<std::uint32_t>(p);    // SwitchHandle
+    swapAt<std::int32_t>(p + 4); // EventType
+    swapAt<std::int32_t>(p + 8); // EventAction
     const std::size_t dataRoom = room - kBase;
 
     if (type != I_EVENT_TYPE_PACKET_ASSOCIATION) {
         const EventKind& kind = kindOf(type);
-        if (kind.swap && kind.size <= dataRoom)
-            kind.swap(p + kBase);
+        if (kind.swap && kind.size <= dataRoom) kind.swap(p + kBase);
         return static_cast<unsigned int>(kBase + kind.size);
     }
 
     // Association event: convert what lies inside the room, the count
     // before the ids, so that a second pass sees the same count.
-    if (dataRoom >= sizeof(I_PACKET_ASSOCIATION))
-        reinterpret_cast<I_PACKET_ASSOCIATION*>(p + kBase)->Swap();
+    if (dataRoom >= sizeof(I_PACKET_ASSOCIATION)) reinterpret_cast<I_PACKET_ASSOCIATION*>(p + kBase)->Swap();
     std::uint32_t nbrTrunks = 0;
     if (room >= kNbrTrunksAt + sizeof(std::uint32_t)) {
         nbrTrunks = loadAt<std::uint32_t>(p + kNbrTrunksAt);
         swapAt<std::uint32_t>(p + kNbrTrunksAt);
-        if (!hostOrderNow)
-            nbrTrunks = ApSwap::value(nbrTrunks);
+        if (!hostOrderNow) nbrTrunks = ApSwap::value(nbrTrunks);
     }
     const unsigned int size = API_EVENT::sizeofEvent(type, nbrTrunks);
     if (room > kTrunkIdsAt) {
         const std::size_t idsFitting = (room - kTrunkIdsAt) / sizeof(std::uint16_t);
         const std::size_t ids = std::min<std::size_t>(std::max<std::uint32_t>(nbrTrunks, 1), idsFitting);
-        for (std::size_t i = 0; i < ids; ++i)
-            swapAt<std::uint16_t>(p + kTrunkIdsAt + i * sizeof(std::uint16_t));
+        for (std::size_t i = 0; i < ids; ++i) swapAt<std::uint16_t>(p + kTrunkIdsAt + i * sizeof(std::uint16_t));
     }
     return size;
 }
@@ -222,8 +217,7 @@ unsigned int API_EVENT::sizeofThis() const
 {
     const auto* p = reinterpret_cast<const unsigned char*>(this);
     const std::int32_t type = loadAt<std::int32_t>(p + kTypeAt);
-    if (type != I_EVENT_TYPE_PACKET_ASSOCIATION)
-        return sizeofEvent(type, 0);
+    if (type != I_EVENT_TYPE_PACKET_ASSOCIATION) return sizeofEvent(type, 0);
     return sizeofEvent(type, loadAt<std::uint32_t>(p + kNbrTrunksAt));
 }
 
@@ -234,8 +228,7 @@ API_EVENT* API_EVENT::getNextEvent()
 
 const API_EVENT* API_EVENT::getNextEvent() const
 {
-    return reinterpret_cast<const API_EVENT*>(reinterpret_cast<const unsigned char*>(this) +
-                                              sizeofThis());
+    return reinterpret_cast<const API_EVENT*>(reinterpret_cast<const unsigned char*>(this) + sizeofThis());
 }
 
 unsigned int API_EVENT::swapWithin(std::size_t room, bool hostOrderNow)
@@ -280,8 +273,7 @@ int API_EVENT_PKT::Swap()
     for (std::uint32_t i = 0; i < count && offset < used; ++i) {
         const std::size_t room = used - offset;
         const unsigned int eventSize = swapEventAt(Events + offset, room, hostOrderNow);
-        if (eventSize == 0 || eventSize > room)
-            break;
+        if (eventSize == 0 || eventSize > room) break;
         offset += eventSize;
     }
     return 1;

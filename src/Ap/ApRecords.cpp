@@ -144,8 +144,7 @@ int I_SUBPORT::Swap()
     AP_SWAP(lineType);
     AP_SWAP(nbrSubports);
     // Every slot is converted, used or not: the count may be in either order.
-    for (auto& s : subports)
-        s.Swap();
+    for (auto& s : subports) s.Swap();
     return 1;
 }
 
@@ -240,8 +239,7 @@ int I_CONNECTION::Swap()
     AP_SWAP(connectionSetId);
     AP_SWAP(groupId);
     AP_SWAP(nbrHops);
-    for (auto& hop : path)
-        hop.Swap();
+    for (auto& hop : path) hop.Swap();
     AP_SWAP(durationMs);
     return 1;
 }
@@ -304,8 +302,7 @@ int I_MAINTENANCE::Swap()
     end.Swap();
     AP_SWAP(repeatIntervalSec);
     AP_SWAP(nbrPorts);
-    for (auto& p : ports)
-        p.Swap();
+    for (auto& p : ports) p.Swap();
     AP_SWAP(result);
     return 1;
 }

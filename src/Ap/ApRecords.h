@@ -54,8 +54,7 @@ inline T value(T v)
 {
     static_assert(std::is_arithmetic<T>::value || std::is_enum<T>::value,
                   "only numbers and enumerations are byte-reversed");
-    static_assert(sizeof(T) == 2 || sizeof(T) == 4 || sizeof(T) == 8,
-                  "single bytes are never byte-reversed");
+    static_assert(sizeof(T) == 2 || sizeof(T) == 4 || sizeof(T) == 8, "single bytes are never byte-reversed");
     if constexpr (sizeof(T) == 2) {
         unsigned short u;
         std::memcpy(&u, &v, 2);
@@ -79,9 +78,8 @@ inline T value(T v)
 
 // Reverse one multi-byte field, or each element of a fixed array of numbers.
 #define AP_SWAP(field) ((field) = ::ApSwap::value(field))
-#define AP_SWAP_EACH(array)                                                        \
-    for (std::size_t apIdx_ = 0; apIdx_ < sizeof(array) / sizeof((array)[0]); ++apIdx_) \
-    AP_SWAP((array)[apIdx_])
+#define AP_SWAP_EACH(array)                                                                                            \
+    for (std::size_t apIdx_ = 0; apIdx_ < sizeof(array) / sizeof((array)[0]); ++apIdx_) AP_SWAP((array)[apIdx_])
 
 #pragma pack(push, 1)
 

@@ -38,8 +38,7 @@ int I_PACKET_ASSOCIATION::Swap()
 unsigned int I_PACKET_ASSOCIATION_EVT::sizeofThis(unsigned int nbrTrunks)
 {
     const std::uint64_t base = sizeof(I_PACKET_ASSOCIATION_EVT);
-    if (nbrTrunks == 0)
-        return static_cast<unsigned int>(base);
+    if (nbrTrunks == 0) return static_cast<unsigned int>(base);
     const std::uint64_t size = base + sizeof(std::uint16_t) * (std::uint64_t{nbrTrunks} - 1);
     const std::uint64_t cap = std::numeric_limits<unsigned int>::max();
     return static_cast<unsigned int>(size < cap ? size : cap);
@@ -74,8 +73,7 @@ int I_INGRESS::Swap()
     AP_SWAP(ingressType);
     AP_SWAP(lineType);
     AP_SWAP(nbrMembers);
-    for (auto& m : members)
-        m.Swap();
+    for (auto& m : members) m.Swap();
     AP_SWAP(filterId);
     AP_SWAP(domainId);
     AP_SWAP(vlanId);
@@ -383,10 +381,8 @@ int I_PACKET_DEFINITION::Swap()
     AP_SWAP(frameLength);
     AP_SWAP(nbrFields);
     AP_SWAP(nbrFrames);
-    for (auto& f : fields)
-        f.Swap();
-    for (auto& f : frames)
-        f.Swap();
+    for (auto& f : fields) f.Swap();
+    for (auto& f : frames) f.Swap();
     AP_SWAP(domainId);
     modified.Swap();
     return 1;
@@ -416,8 +412,7 @@ int I_PROBE::Swap()
     AP_SWAP(probeType);
     AP_SWAP(state);
     AP_SWAP(nbrMembers);
-    for (auto& p : ports)
-        p.Swap();
+    for (auto& p : ports) p.Swap();
     AP_SWAP(rovTimeSec);
     activated.Swap();
     AP_SWAP(domainId);

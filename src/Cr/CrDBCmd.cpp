@@ -33,7 +33,10 @@ std::ostream& operator<<(std::ostream& os, const SlaveAddr& addr)
 
 // ---------------------------------------------------------------- Message
 
-Message::~Message() { FreeData(); }
+Message::~Message()
+{
+    FreeData();
+}
 
 void Message::FreeData()
 {
@@ -118,7 +121,10 @@ void CrCmd::Init()
     pCrTracker = static_cast<CrTracker*>(UDBControl::GetClassRef(SMN_TRACKER));
 }
 
-CrCmd::CrCmd() { Init(); }
+CrCmd::CrCmd()
+{
+    Init();
+}
 
 CrCmd::CrCmd(MGR_CLASS mgr, ORV_APP_MSG* hdr, void* data)
 {

@@ -19,9 +19,7 @@ TrackerQue::~TrackerQue()
 // ---------------------------------------------------------------- TrackerInfo
 
 TrackerInfo::TrackerInfo(CrCmd* cmd)
-    : pCmd(cmd),
-      rspEvent(tavro_internal::borrowEvent(true)),
-      infoLock(CreateMutex(nullptr, FALSE, nullptr))
+    : pCmd(cmd), rspEvent(tavro_internal::borrowEvent(true)), infoLock(CreateMutex(nullptr, FALSE, nullptr))
 {
     if (cmd != nullptr) expectedRsp = cmd->GetMsgAddr();
 }
@@ -32,11 +30,20 @@ TrackerInfo::~TrackerInfo()
     CloseHandle(infoLock);
 }
 
-void TrackerInfo::Lock() { WaitForSingleObject(infoLock, INFINITE); }
+void TrackerInfo::Lock()
+{
+    WaitForSingleObject(infoLock, INFINITE);
+}
 
-void TrackerInfo::Unlock() { ReleaseMutex(infoLock); }
+void TrackerInfo::Unlock()
+{
+    ReleaseMutex(infoLock);
+}
 
-void TrackerInfo::EventNotify() { SetEvent(rspEvent); }
+void TrackerInfo::EventNotify()
+{
+    SetEvent(rspEvent);
+}
 
 void TrackerInfo::WaitForRsp(int timeoutMs)
 {
@@ -50,7 +57,8 @@ void TrackerInfo::WaitForRsp(int timeoutMs)
 void TrackerInfo::TimeoutAction()
 {
     std::ostringstream os;
-    os << "TimeoutAction" << " TIMED OUT WAITING FOR RESPONSE: " << static_cast<const Message*>(pCmd) << "\n";
+    os << "TimeoutAction"
+       << " TIMED OUT WAITING FOR RESPONSE: " << static_cast<const Message*>(pCmd) << "\n";
     debugOut(os.str().c_str());
 
     CrTracker* tracker = pCmd->GetTracker() ? pCmd->GetTracker() : CrTracker::getIt();
@@ -95,9 +103,15 @@ std::size_t CrTracker::PendingCount()
     return n;
 }
 
-CrTracker* CrTracker::getIt() { return static_cast<CrTracker*>(UDBControl::GetClassRef(SMN_TRACKER)); }
+CrTracker* CrTracker::getIt()
+{
+    return static_cast<CrTracker*>(UDBControl::GetClassRef(SMN_TRACKER));
+}
 
-bool CrTracker::AddToQueue(TrackerMsg* msg) { return pTracker->AddToQueue(msg, UtlQueue::WAIT_IF_OVERFLOW); }
+bool CrTracker::AddToQueue(TrackerMsg* msg)
+{
+    return pTracker->AddToQueue(msg, UtlQueue::WAIT_IF_OVERFLOW);
+}
 
 void CrTracker::ReceiveRsp(CrRsp* rsp)
 {

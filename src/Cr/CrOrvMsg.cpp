@@ -10,7 +10,10 @@ namespace {
 
 // Network order here means "reversed relative to the host", whatever the
 // host is, so this is an unconditional reversal.
-inline std::uint32_t reverse32(std::uint32_t v) { return __builtin_bswap32(v); }
+inline std::uint32_t reverse32(std::uint32_t v)
+{
+    return __builtin_bswap32(v);
+}
 
 // Words are reversed in place through memcpy: the packed struct's members may
 // sit at addresses unsuitable for a direct reference.
@@ -35,8 +38,7 @@ std::uint32_t ownSysAddr()
 } // namespace
 
 ORV_CTL_MSG::ORV_CTL_MSG(const Message& msg)
-    : marker(std::uint32_t(ORV_MSG_MARKER)),
-      manager(std::uint32_t(msg.GetMgrClass())),
+    : marker(std::uint32_t(ORV_MSG_MARKER)), manager(std::uint32_t(msg.GetMgrClass())),
       size((std::uint32_t(msg.GetSize()) + sizeof(ORV_APP_MSG)) & ORV_SIZE_MASK)
 {
     if (msg.isNetworkOrder()) setNetworkOrder();

@@ -73,8 +73,9 @@ void reclaimFinishedSessions()
 // A received frame whose header promises more than the frame carries.
 void traceBadFrame(const c_sockaddr& peer, std::uint32_t frameSize, std::uint32_t appSize)
 {
-    UTL_TRACE("IoClientMgmt::Execute" << ": IP[" << peer.address() << "] ORV_CTL_MSG size[" << frameSize
-       << "] too small for ORV_APP_MSG appSize[" << appSize << "].  MESSAGE DROPPED!\n");
+    UTL_TRACE("IoClientMgmt::Execute"
+              << ": IP[" << peer.address() << "] ORV_CTL_MSG size[" << frameSize
+              << "] too small for ORV_APP_MSG appSize[" << appSize << "].  MESSAGE DROPPED!\n");
 }
 
 } // namespace
@@ -145,24 +146,10 @@ IoClientMgmt* IoClientMgmt::startClient(int clientNbr, unsigned short port, Disp
 }
 
 IoClientMgmt::IoClientMgmt(const c_sockaddr& addr, SWITCH_CTL*, int clientNbr, Dispatcher dispatcher)
-    : OsThread(STACK_SIZE),
-      pSocket(nullptr),
-      pUDBCtl(UDBControl::getIt()),
-      processState(TCP_NONE),
-      myDispatcher(dispatcher),
-      switchState(SWI_OP_UNDEFINED),
-      swiType(SW_TYPE_UNDEF),
-      bConnect(false),
-      bActive(false),
-      bStarted(false),
-      rcvCount(0),
-      lastRcv(0),
-      sockAddr(addr),
-      hTimer(nullptr),
-      syncLock(nullptr),
-      connectErr(0),
-      connectWait(INITIAL_CONNECT_WAIT),
-      clientNbr(clientNbr)
+    : OsThread(STACK_SIZE), pSocket(nullptr), pUDBCtl(UDBControl::getIt()), processState(TCP_NONE),
+      myDispatcher(dispatcher), switchState(SWI_OP_UNDEFINED), swiType(SW_TYPE_UNDEF), bConnect(false), bActive(false),
+      bStarted(false), rcvCount(0), lastRcv(0), sockAddr(addr), hTimer(nullptr), syncLock(nullptr), connectErr(0),
+      connectWait(INITIAL_CONNECT_WAIT), clientNbr(clientNbr)
 {
     setWorkerThread(this);
     switchAdr = SlaveAddr();

@@ -41,21 +41,14 @@ LogonList::~LogonList()
 // ---------------------------------------------------------------- IoRouter
 
 IoRouter::IoRouter()
-    : OsThread("IoRouter", STACK_SIZE),
-      pUDBCtl(UDBControl::getIt()),
-      pApiRoute(RouteTable::getIt(SMN_API_TABLE)),
-      pSwiRoute(RouteTable::getIt(SMN_SWI_TABLE)),
-      pPollRoute(RouteTable::getIt(SMN_POLL_TABLE)),
+    : OsThread("IoRouter", STACK_SIZE), pUDBCtl(UDBControl::getIt()), pApiRoute(RouteTable::getIt(SMN_API_TABLE)),
+      pSwiRoute(RouteTable::getIt(SMN_SWI_TABLE)), pPollRoute(RouteTable::getIt(SMN_POLL_TABLE)),
       pEventQue(new UtlQueue("EventQueue", EVENT_QUEUE_SIZE))
 {
 }
 
 IoRouter::IoRouter(RouteTable* api, RouteTable* swi, RouteTable* poll)
-    : OsThread("IoRouter", STACK_SIZE),
-      pUDBCtl(UDBControl::getIt()),
-      pApiRoute(api),
-      pSwiRoute(swi),
-      pPollRoute(poll),
+    : OsThread("IoRouter", STACK_SIZE), pUDBCtl(UDBControl::getIt()), pApiRoute(api), pSwiRoute(swi), pPollRoute(poll),
       pEventQue(new UtlQueue("EventQueue", EVENT_QUEUE_SIZE))
 {
 }
@@ -100,8 +93,9 @@ int IoRouter::SendR700Cmd(CrCmd* cmd)
     ORV_CTL_MSG ctl(*cmd);
     ORV_APP_MSG app(*cmd);
     if (app.getAppSize() > MAX_APP_SIZE) {
-        UTL_TRACE("SendR700Cmd" << ": MESSAGE TOO LARGE.  appSize[" << app.getAppSize() << "] greater than MAX_TCP_MSG_SIZE["
-           << MAX_TCP_MSG_SIZE << "].  MESSAGE NOT SENT!\n");
+        UTL_TRACE("SendR700Cmd"
+                  << ": MESSAGE TOO LARGE.  appSize[" << app.getAppSize() << "] greater than MAX_TCP_MSG_SIZE["
+                  << MAX_TCP_MSG_SIZE << "].  MESSAGE NOT SENT!\n");
         return SEND_TOO_LARGE;
     }
     TCP_BD bd[3];
@@ -179,8 +173,7 @@ void IoRouter::FanOutEvent(CrCmd* item, LogonList* logons)
     std::memset(static_cast<void*>(&pkt), 0, sizeof pkt);
     const int have = item->GetSize();
     if (item->GetData() != nullptr && have > 0)
-        std::memcpy(static_cast<void*>(&pkt), item->GetData(),
-                    have < int(sizeof pkt) ? std::size_t(have) : sizeof pkt);
+        std::memcpy(static_cast<void*>(&pkt), item->GetData(), have < int(sizeof pkt) ? std::size_t(have) : sizeof pkt);
     if (have != int(sizeof pkt)) item->SetData(&pkt, int(sizeof pkt));
     if (logons == nullptr) return;
 

@@ -76,8 +76,7 @@ public:
     // Queues a copy of data as an event command; the queue owns it.
     int SendEvent(void* data, int size);
 
-    void establishTcpBufferDescriptors(TCP_BD* bd, ORV_CTL_MSG& ctl, ORV_APP_MSG& app, void* data,
-                                       const char* caller);
+    void establishTcpBufferDescriptors(TCP_BD* bd, ORV_CTL_MSG& ctl, ORV_APP_MSG& app, void* data, const char* caller);
     // 0 when at least one destination took the chain, else 3. A non-zero
     // client selects the route by that address for every destination.
     int SendMsg(TCP_BD* chain, const SlaveAddr& dst, TCP_TYPE type, int client);

@@ -60,8 +60,7 @@ unsigned tavro_internal::netSocketHdlNoRouteCount()
     return stcnt.load();
 }
 
-const char* const pModel[10] = {"UNDEFINED", "N511", "N512", "N512H", "N513",
-                                "N514",      "R721", "R723", "R732",  "R732s"};
+const char* const pModel[10] = {"UNDEFINED", "N511", "N512", "N512H", "N513", "N514", "R721", "R723", "R732", "R732s"};
 
 const char* switchModelName(int model)
 {
@@ -140,7 +139,8 @@ bool RouteTable::removeRoute(std::list<NET_SOCKET*>::iterator it)
         // The session removes its own route: nobody finds it any more, and it
         // is freed once the senders inside it have given their uses back.
         netList.erase(it);
-        UTL_TRACE("DeleteRoute" << ": id[" << route->id << "] ipaddr[" << route->ipAddr << "]\n");
+        UTL_TRACE("DeleteRoute"
+                  << ": id[" << route->id << "] ipaddr[" << route->ipAddr << "]\n");
         const tavro_internal::RouteTableSeams& seams = g_seams;
         for (unsigned waits = 0; route->useCounter != 0 && waits < seams.maxDrainWaits; ++waits) {
             ReleaseMutex(listLock);

@@ -25,8 +25,8 @@ class IRouteTableEntry;
 // One route, owned by its table. Every field is guarded by the table's listLock.
 struct NET_SOCKET {
     NET_SOCKET(const c_inaddr& ip, const c_inaddr& ip2, int clientId, TCP_TYPE tableType, IRouteTableEntry* entry)
-        : ipAddr(ip), ipAddr2(ip2), id(clientId), type(tableType), pRouteEntry(entry), useCounter(0),
-          markDelete(false), doneShutdown(false)
+        : ipAddr(ip), ipAddr2(ip2), id(clientId), type(tableType), pRouteEntry(entry), useCounter(0), markDelete(false),
+          doneShutdown(false)
     {
     }
 

@@ -131,7 +131,8 @@ I_STATUS I_SwitchConnect(SW_SERVICE_TYPE serviceType)
         if (x.service == serviceType) row = &x;
     if (row == nullptr) {
         std::ostringstream os;
-        os << "I_SwitchConnect" << ": Unsupported service type[" << static_cast<int>(serviceType) << "]\n";
+        os << "I_SwitchConnect"
+           << ": Unsupported service type[" << static_cast<int>(serviceType) << "]\n";
         traceLine(os.str());
         return I_ERR_INVALID_PARAMETER;
     }
@@ -180,8 +181,7 @@ I_STATUS I_TAVRO_UnRegisterCommandHandler(COMMAND_CODE commandCode)
     return I_SUCCESS;
 }
 
-I_STATUS I_TAVRO_SendCommandNoResponse(COMMAND_CODE commandCode, const void* commandData,
-                                       unsigned int commandDataSize)
+I_STATUS I_TAVRO_SendCommandNoResponse(COMMAND_CODE commandCode, const void* commandData, unsigned int commandDataSize)
 {
     CrCmd cmd;
     cmd.SetCmdCode(commandCode);

@@ -22,11 +22,11 @@ namespace tavro_internal {
 
 // The API's fixed waits, replaceable by tests (never exported).
 struct ApiSeams {
-    unsigned connectPolls;     // 200
-    DWORD connectPollMs;       // 40
-    unsigned disconnectPolls;  // 100
-    DWORD disconnectPollMs;    // 40
-    int rawStatsTimeoutMs;     // 10000
+    unsigned connectPolls;    // 200
+    DWORD connectPollMs;      // 40
+    unsigned disconnectPolls; // 100
+    DWORD disconnectPollMs;   // 40
+    int rawStatsTimeoutMs;    // 10000
 };
 ApiSeams& apiSeams();
 void resetApiSeams();

@@ -12,8 +12,7 @@
 #include "Cr/CrOrvMsg.h"
 
 I_STATUS I_TAVRO_SendCommandWithResponse(COMMAND_CODE commandCode, const void* commandData,
-                                         unsigned int commandDataSize, unsigned int timeoutMs,
-                                         TAVRO_RESPONSE* response)
+                                         unsigned int commandDataSize, unsigned int timeoutMs, TAVRO_RESPONSE* response)
 {
     if (response == nullptr) return I_ERR_INVALID_PARAMETER;
     std::memset(response, 0, sizeof *response);

@@ -19,12 +19,8 @@ std::atomic<UDBControl*> UDBControl::pTheUdbControl{nullptr};
 std::atomic<void*> UDBControl::pExecuteArg{nullptr};
 
 UDBControl::UDBControl(SYS_PARM* parm, PREPARE_MODE mode)
-    : OsThread("UDBControl", STACK_SIZE),
-      eventlock(CreateMutex(nullptr, FALSE, nullptr)),
-      ctlState(CTL_INITIAL),
-      pSysParm(parm),
-      startTime(0),
-      failedover(false)
+    : OsThread("UDBControl", STACK_SIZE), eventlock(CreateMutex(nullptr, FALSE, nullptr)), ctlState(CTL_INITIAL),
+      pSysParm(parm), startTime(0), failedover(false)
 {
     for (auto& slot : systemClasses) slot.store(nullptr, std::memory_order_relaxed);
     InsertClassRef(SMN_SYS_PARM, parm);
@@ -60,7 +56,8 @@ private:
 void traceStartFailure(const char* what)
 {
     std::ostringstream os;
-    os << "PrepareSystem" << ": could not start[" << what << "]\n";
+    os << "PrepareSystem"
+       << ": could not start[" << what << "]\n";
     debugOut(os.str().c_str());
 }
 
@@ -160,7 +157,8 @@ void UDBControl::SetCtlState(CTL_STATE s)
 {
     if (pSysParm == nullptr || !pSysParm->bDiscoverSwitches) {
         std::ostringstream os;
-        os << "SetCtlState" << ":   CTL: state[" << CtlStateName(s) << "]\n";
+        os << "SetCtlState"
+           << ":   CTL: state[" << CtlStateName(s) << "]\n";
         debugOut(os.str().c_str());
     }
     ctlState = s;

@@ -15,10 +15,8 @@ struct PORT_NUM {
     constexpr PORT_NUM() : PORT_NUM(0xFFFFFFFFu) {}
     // Bytes taken as they are: portId bits 0-7 ... swId bits 24-31.
     constexpr PORT_NUM(unsigned int v)
-        : portId(static_cast<unsigned char>(v)),
-          pimId(static_cast<unsigned char>(v >> 8)),
-          ccId(static_cast<unsigned char>(v >> 16)),
-          swId(static_cast<unsigned char>(v >> 24))
+        : portId(static_cast<unsigned char>(v)), pimId(static_cast<unsigned char>(v >> 8)),
+          ccId(static_cast<unsigned char>(v >> 16)), swId(static_cast<unsigned char>(v >> 24))
     {
     }
     constexpr PORT_NUM(int v) : PORT_NUM(static_cast<unsigned int>(v)) {}

@@ -44,14 +44,9 @@ c_inaddr SYS_PARM::createIpAddress(NET_CHANNEL net, int chassis, int slot) const
     long long s = slot == THIS_SLOT ? static_cast<long long>(slotNbr) : slot;
     std::ostringstream text;
     switch (net) {
-    case NETWORK_A:
-        text << "192.168." << c << "." << (s + 1);
-        break;
-    case NETWORK_B:
-        text << "172.16." << c << "." << (s + 1);
-        break;
-    default:
-        return c_inaddr();
+    case NETWORK_A: text << "192.168." << c << "." << (s + 1); break;
+    case NETWORK_B: text << "172.16." << c << "." << (s + 1); break;
+    default: return c_inaddr();
     }
     return c_inaddr(text.str().c_str());
 }
@@ -279,8 +274,10 @@ void parseCommandArgs()
     std::string logDir = sysParm.pLogDir;
     std::string mkdir = "mkdir " + logDir + " > /dev/null 2>&1";
     std::string chmod = "chmod 777 " + logDir + " > /dev/null 2>&1";
-    if (std::system(mkdir.c_str()) != 0) {}
-    if (std::system(chmod.c_str()) != 0) {}
+    if (std::system(mkdir.c_str()) != 0) {
+    }
+    if (std::system(chmod.c_str()) != 0) {
+    }
 
     GetBaseConfiguration(configFile);
 }

@@ -20,8 +20,8 @@ TEST(ApSwapPrimitives, ReverseBytesAndKeepEveryFloatPattern)
 
     // Patterns whose reversal is +inf, a signalling NaN, a quiet NaN, a
     // denormal, or negative zero: none may be altered on the way.
-    for (std::uint32_t bits : {0x3F800000u, 0x0000807Fu, 0x0100807Fu, 0x0100C07Fu, 0x01000000u, 0x00000080u,
-                               0x12345678u, 0xFFFFFFFFu}) {
+    for (std::uint32_t bits :
+         {0x3F800000u, 0x0000807Fu, 0x0100807Fu, 0x0100C07Fu, 0x01000000u, 0x00000080u, 0x12345678u, 0xFFFFFFFFu}) {
         float f, once, twice;
         std::memcpy(&f, &bits, 4);
         once = swapf(f);
@@ -107,8 +107,7 @@ TEST(ApRecords, EveryRecordHasItsWireSizeAndConvertsExactlyItsNumbers)
         AP_RECORD(I_STREAM, 305, "4 b64 b128 4 2 4 8 4 4 b2 P T 8 8 4 b32 4 b1"),
         AP_RECORD(I_PROBE, 313, "4 b64 b128 4 4 b2 2 Px4 4 T b24 4 b1"),
         AP_RECORD(I_SERVER_CLOCK, 314, "T 4 b2 2 b256 4 4 4 b30"),
-        AP_RECORD(I_SYSTEM_PARAMETERS, 2130,
-                  "b64 b64 4x3 4x8 2x6 b1 b64 4x8 2 b1 4 b256 b1 b1024 b192 4x4 8 4x3 b333"),
+        AP_RECORD(I_SYSTEM_PARAMETERS, 2130, "b64 b64 4x3 4x8 2x6 b1 b64 4x8 2 b1 4 b256 b1 b1024 b192 4x4 8 4x3 b333"),
         AP_RECORD(I_STICKY_NOTE, 489, "4x3 b32 T T 4 b1 b64 b360"),
         AP_RECORD(I_DEVICE, 254, "4 b64 b128 4 2 4 b7 4 T b24 4 b1"),
         AP_RECORD(I_PACKET_RESERVATION, 531, "4 b224 T T 4 4 2 4x32 4 b1 b128 T 4 4"),

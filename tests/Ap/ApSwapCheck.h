@@ -101,7 +101,11 @@ struct RecordCase {
     SwapFn swap;
 };
 
-#define AP_RECORD(R, wireSize, layout) ::apcheck::RecordCase{#R, wireSize, sizeof(R), layout, &::apcheck::swapAs<R>}
+#define AP_RECORD(R, wireSize, layout)                                                                                 \
+    ::apcheck::RecordCase                                                                                              \
+    {                                                                                                                  \
+#R, wireSize, sizeof(R), layout, &::apcheck::swapAs < R>                                                       \
+    }
 
 // Size, one conversion against the layout, and a second conversion back.
 inline void checkRecord(const RecordCase& c)

@@ -62,8 +62,12 @@ TEST(SlaveAddrTest, TextShowsOnlyTheFirstFivePositions)
         SlaveAddr addr;
         const char* expected;
     } cases[] = {
-        {addrs({}), ""}, {addrs({1, 2}), " 1 2"}, {addrs({0, 4, 9}), " 0 4"}, {addrs({7}), ""},
-        {addrs({0, 1, 2, 3, 4}), " 0 1 2 3 4"}, {addrs({0, 1, 2, 3, 4, 5}), "FIRST FIVE: 0 1 2 3 4"},
+        {addrs({}), ""},
+        {addrs({1, 2}), " 1 2"},
+        {addrs({0, 4, 9}), " 0 4"},
+        {addrs({7}), ""},
+        {addrs({0, 1, 2, 3, 4}), " 0 1 2 3 4"},
+        {addrs({0, 1, 2, 3, 4, 5}), "FIRST FIVE: 0 1 2 3 4"},
         {addrs({5, 6, 7, 8, 9, 10}), "FIRST FIVE:"},
     };
     for (const auto& c : cases) EXPECT_EQ(c.expected, text(c.addr));
@@ -123,8 +127,11 @@ TEST_F(CrDBCmdTest, ResponseKeepsTheOrderFlagOnlyForUpdateCodes)
     const struct {
         COMMAND_CODE code;
         bool keeps;
-    } cases[] = {{CMD_UPDT_INIT, true},  {CMD_UPDATE, true},         {CMD_PKT_CARD_INIT, true},
-                 {CMD_CONN_PORT, false}, {CMD_UPDATE_RESTORE, false}};
+    } cases[] = {{CMD_UPDT_INIT, true},
+                 {CMD_UPDATE, true},
+                 {CMD_PKT_CARD_INIT, true},
+                 {CMD_CONN_PORT, false},
+                 {CMD_UPDATE_RESTORE, false}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.code);
         CrCmd cmd;
@@ -153,7 +160,8 @@ TEST_F(CrDBCmdTest, ResponseKeepsTheOrderFlagOnlyForUpdateCodes)
         hdr.setAppSize(sizeof data);
         CrRsp got(MGR_UPDT, &hdr, data);
         EXPECT_EQ(c.keeps, got.isNetworkOrder());
-        EXPECT_EQ("seqNbr[  9] cmdCode[" + text(c.code) + "] mgrClass[MGR_UPDT] 1st dstAddr[INV] status[RSP_BUSY] errCode[-201]",
+        EXPECT_EQ("seqNbr[  9] cmdCode[" + text(c.code) +
+                      "] mgrClass[MGR_UPDT] 1st dstAddr[INV] status[RSP_BUSY] errCode[-201]",
                   got.toString());
         EXPECT_EQ(TCP_CLIENT, got.GetSourceNet());
         ASSERT_EQ(2, got.GetSize());
@@ -240,9 +248,10 @@ TEST_F(CrDBCmdTest, MessageAndResponseText)
     rsp.SetMsgAddr(SYS_ACTIVE_CONTROLLER);
     rsp.SetRspStat(RSP_TIME_OUT);
     rsp.SetErrorCode(I_ERR_PORT_IN_GROUP);
-    EXPECT_EQ("seqNbr[ 12] cmdCode[CMD_FABRIC_CHECK] mgrClass[MGR_PKT_CONN] 1st dstAddr[21] "
-              "status[RSP_TIME_OUT] errCode[-407]",
-              rsp.toString());
+    EXPECT_EQ(
+        "seqNbr[ 12] cmdCode[CMD_FABRIC_CHECK] mgrClass[MGR_PKT_CONN] 1st dstAddr[21] "
+        "status[RSP_TIME_OUT] errCode[-407]",
+        rsp.toString());
 }
 
 TEST_F(CrDBCmdTest, ResponseListIsIteratedAndOwned)
@@ -316,7 +325,8 @@ TEST_F(CrDBCmdTest, CommandFromAFrameGetsTheDefaultsAndOwnsItsResponses)
             for (int i = 0; i < 3; ++i) cmd->AddToRspList(new CountedRsp(&freed));
             EXPECT_EQ(3, cmd->GetRspCount());
             if (fromFrame) {
-                EXPECT_EQ(std::make_tuple(5, true, 3), std::make_tuple(cmd->GetSeqNbr(), cmd->GetRspReq(), cmd->GetSize()));
+                EXPECT_EQ(std::make_tuple(5, true, 3),
+                          std::make_tuple(cmd->GetSeqNbr(), cmd->GetRspReq(), cmd->GetSize()));
             }
         }
         EXPECT_EQ(3, freed);

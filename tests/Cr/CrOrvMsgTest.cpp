@@ -128,14 +128,14 @@ TEST_F(FrameTest, ReversedFrameDecodesToHostOrderWithFlags)
     auto* app = reinterpret_cast<ORV_APP_MSG*>(body);
     EXPECT_TRUE(app->fromNetwork());
     app->setNetworkOrder();
-    EXPECT_EQ(std::make_tuple(app->getMsgType(), app->getCmdCode(), app->getSeqNbr(), app->getCmdControl(),
-                              app->getSrcAddr(), app->getAppSize()),
-              std::make_tuple(MSG_COMMAND, CMD_PKT_GET_BLADE_RAW_STATS, 7u, CMD_WITH_RSP,
-                              std::uint32_t(SYS_UDB_SERVER), 3u));
+    EXPECT_EQ(
+        std::make_tuple(app->getMsgType(), app->getCmdCode(), app->getSeqNbr(), app->getCmdControl(), app->getSrcAddr(),
+                        app->getAppSize()),
+        std::make_tuple(MSG_COMMAND, CMD_PKT_GET_BLADE_RAW_STATS, 7u, CMD_WITH_RSP, std::uint32_t(SYS_UDB_SERVER), 3u));
 
     CrCmd received(ctl.getManagerClass(), app, nullptr);
-    EXPECT_EQ(std::make_tuple(received.GetCmdCode(), received.GetSeqNbr(), received.GetMgrClass(),
-                              received.GetRspReq(), received.isNetworkOrder()),
+    EXPECT_EQ(std::make_tuple(received.GetCmdCode(), received.GetSeqNbr(), received.GetMgrClass(), received.GetRspReq(),
+                              received.isNetworkOrder()),
               std::make_tuple(CMD_PKT_GET_BLADE_RAW_STATS, 7, MGR_PKT_CARD, true, true));
     ASSERT_EQ(3, received.GetSize());
     ASSERT_TRUE(received.OwnsData());

@@ -135,9 +135,9 @@ TEST(SessionBackoff, TwentyNineWaitsOfTwoSecondsThenThirtyOfEachDoublingUpTo256s
         if (next.connectWait != b.connectWait) changes.emplace_back(attempt, next.connectWait);
         b = next;
     }
-    const std::vector<std::pair<int, int>> expected = {{30, 4000},   {60, 8000},    {90, 16000},
-                                                       {120, 32000}, {150, 64000},  {180, 128000},
-                                                       {210, 256000}, {240, 2000}, {270, 4000}};
+    const std::vector<std::pair<int, int>> expected = {{30, 4000},    {60, 8000},   {90, 16000},
+                                                       {120, 32000},  {150, 64000}, {180, 128000},
+                                                       {210, 256000}, {240, 2000},  {270, 4000}};
     EXPECT_EQ(changes, expected);
     EXPECT_EQ(IoClientMgmt::nextConnectBackoff(29, 2000).connectErr, 0); // each change restarts the count
     EXPECT_EQ(IoClientMgmt::nextConnectBackoff(28, 2000).connectErr, 29);
@@ -211,8 +211,7 @@ TEST_F(Session, CommandsGoToTheDispatcherAndResponsesToTheTrackerInBothOrders)
         }
         // rcvCount moves before the dispatcher runs: wait for the dispatch of
         // the last (only valid) frame too.
-        ASSERT_TRUE(eventually(
-            [&] { return s->GetRcvCount() == rcvBefore + 6 && copyOf(g_seen).size() > before; }));
+        ASSERT_TRUE(eventually([&] { return s->GetRcvCount() == rcvBefore + 6 && copyOf(g_seen).size() > before; }));
         const std::vector<Seen> seen = copyOf(g_seen);
         EXPECT_EQ(std::vector<Seen>(seen.begin() + long(before), seen.end()),
                   std::vector<Seen>{Seen(CMD_CONN_PORT, 77, TCP_CLIENT, 1, 1, true, reversed, 1, cmd.payload)});

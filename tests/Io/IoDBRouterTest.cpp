@@ -73,8 +73,9 @@ TEST_F(RouterTest, CommandPayloadMustStayBelowTheLimit)
 
     CaptureStdout();
     EXPECT_EQ(send(false, [&](Message& m) { m.SetFastData(big.data(), 2559936, false); }), 1);
-    EXPECT_EQ(GetCapturedStdout(), "SendR700Cmd: MESSAGE TOO LARGE.  appSize[2559936] greater than "
-                                   "MAX_TCP_MSG_SIZE[2559936].  MESSAGE NOT SENT!\n");
+    EXPECT_EQ(GetCapturedStdout(),
+              "SendR700Cmd: MESSAGE TOO LARGE.  appSize[2559936] greater than "
+              "MAX_TCP_MSG_SIZE[2559936].  MESSAGE NOT SENT!\n");
     EXPECT_EQ(sw.sentCount(), 1u);
 }
 
@@ -89,7 +90,7 @@ TEST_F(RouterTest, ResponseLimitAppliesOnlyOutsideServerAndTelnetAndIsSilent)
         int result;
         FakeSwitch* receiver;
     } cases[] = {
-        {TCP_SERVER, 2559936, 0, &apiSw}, {TCP_TELNET, 2559936, 0, &swiSw}, {TCP_CLIENT, 2559936, 1, nullptr},
+        {TCP_SERVER, 2559936, 0, &apiSw}, {TCP_TELNET, 2559936, 0, &swiSw},  {TCP_CLIENT, 2559936, 1, nullptr},
         {TCP_POLL, 2559936, 1, nullptr},  {TCP_SYSTEM, 2559936, 1, nullptr}, {TCP_CLIENT, 2559935, 0, &swiSw},
         {TCP_POLL, 2559935, 0, &pollSw},
     };
@@ -123,9 +124,8 @@ TEST_F(RouterTest, EachDestinationIsTriedAndAnyTakerMeansSuccess)
         std::size_t frames1, frames3;
         unsigned noRoute; // sends attempted without a route
     } cases[] = {
-        {{1, 3}, {3}, {}, 0, 0, 1, 1},      {{1, 3}, {1, 3}, {1}, 0, 1, 1, 0},
-        {{1, 3}, {1, 3}, {1, 3}, 3, 1, 1, 0}, {{1, 3}, {}, {}, 3, 0, 0, 2},
-        {{}, {1, 3}, {}, 3, 0, 0, 0}, // no destination: not even an attempt
+        {{1, 3}, {3}, {}, 0, 0, 1, 1}, {{1, 3}, {1, 3}, {1}, 0, 1, 1, 0}, {{1, 3}, {1, 3}, {1, 3}, 3, 1, 1, 0},
+        {{1, 3}, {}, {}, 3, 0, 0, 2},  {{}, {1, 3}, {}, 3, 0, 0, 0}, // no destination: not even an attempt
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(testing::Message() << "case with result " << c.result << ", routes " << c.routed.size());

@@ -76,7 +76,7 @@ TEST_F(Routes, LogLinesOfAddingAndRemovingPerTable)
 {
     // Every model by its own name; unknown ones are UNDEFINED rather than a
     // read past the table.
-    const char* const names[] = {"UNDEFINED", "N511", "N512",  "N512H",   "N513",   "N514",         "R721",
+    const char* const names[] = {"UNDEFINED", "N511", "N512",  "N512H",  "N513",    "N514",   "R721",
                                  "R723",      "R732", "R732s", "R721_R", "OPTICAL", "HYBRID", "OTHER_VENDOR"};
     for (int m = 0; m < SW_MODEL_NUM_MODELS; ++m) EXPECT_STREQ(switchModelName(m), names[m]) << m;
     for (int m : {-1, 14, 1000}) EXPECT_STREQ(switchModelName(m), "UNDEFINED");
@@ -289,8 +289,11 @@ TEST_F(Routes, HandlesPickTheTableSendAndGiveTheUseBack)
         TCP_TYPE type;
         FakeEntry* expected;
         RouteTable* table;
-    } cases[] = {{TCP_SERVER, &a, &api}, {TCP_POLL, &p, &poll}, {TCP_CLIENT, &s, &swi},
-                 {TCP_TELNET, &s, &swi}, {UDP_SERVICE, &s, &swi}};
+    } cases[] = {{TCP_SERVER, &a, &api},
+                 {TCP_POLL, &p, &poll},
+                 {TCP_CLIENT, &s, &swi},
+                 {TCP_TELNET, &s, &swi},
+                 {UDP_SERVICE, &s, &swi}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.type);
         const int before = c.expected->sends.load();

@@ -57,8 +57,8 @@ constexpr std::uint32_t kResponse = 0x5253503A; // "RSP:"
 
 // One frame, header words as numbers; size words the true ones unless given.
 struct Frame {
-    std::uint32_t marker = kMarker, manager = 0, msgType = kResponse, cmdCode = 0, seqNbr = 0, msgStat = 0,
-                  srcAddr = 1, appError = 0;
+    std::uint32_t marker = kMarker, manager = 0, msgType = kResponse, cmdCode = 0, seqNbr = 0, msgStat = 0, srcAddr = 1,
+                  appError = 0;
     Bytes payload;
     std::int64_t sizeOverride = -1, appSizeOverride = -1;
 

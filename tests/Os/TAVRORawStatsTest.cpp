@@ -9,8 +9,8 @@
 #include "Ap/ApRawStats.h"
 #include "TAVRO/TAVRORawStats.h"
 
-#define SAME_FIELD(pub, priv, field)                                                \
-    static_assert(offsetof(pub, field) == offsetof(priv, field), #field " offset"); \
+#define SAME_FIELD(pub, priv, field)                                                                                   \
+    static_assert(offsetof(pub, field) == offsetof(priv, field), #field " offset");                                    \
     static_assert(sizeof(pub::field) == sizeof(priv::field), #field " size")
 
 SAME_FIELD(TAVRO_RAW_STATS_HEAD, I_RAW_STATS_HEAD, nbrEntries);
@@ -53,7 +53,9 @@ Bytes reply(std::uint16_t entries, std::uint16_t format, bool reversed)
         }
         std::memcpy(out.data() + sizeof head + p * sizeof e, &e, sizeof e);
     }
-    if (reversed) { EXPECT_EQ(int(entries), I_RAW_STATS_REPLY::Swap(out.data(), out.size(), true)); }
+    if (reversed) {
+        EXPECT_EQ(int(entries), I_RAW_STATS_REPLY::Swap(out.data(), out.size(), true));
+    }
     return out;
 }
 

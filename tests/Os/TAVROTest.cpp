@@ -68,8 +68,9 @@ TEST_F(Api, InitializeOnceBuildsTheSystemAndSetsUpTheProcess)
     EXPECT_EQ(SYS_PARM::getIt(), &sysParm);
     // The fixed waits tests replace: connect 200 x 40 ms, disconnect 100 x 40 ms, raw statistics 10 s.
     const tavro_internal::ApiSeams& w = tavro_internal::apiSeams();
-    EXPECT_EQ(std::make_tuple(w.connectPolls, w.connectPollMs, w.disconnectPolls, w.disconnectPollMs, w.rawStatsTimeoutMs),
-              std::make_tuple(200u, DWORD(40), 100u, DWORD(40), 10000));
+    EXPECT_EQ(
+        std::make_tuple(w.connectPolls, w.connectPollMs, w.disconnectPolls, w.disconnectPollMs, w.rawStatsTimeoutMs),
+        std::make_tuple(200u, DWORD(40), 100u, DWORD(40), 10000));
     EXPECT_TRUE(UtlDebug::IsDebugThreadRunning());
     EXPECT_EQ(I_SwitchInitialize(), I_SUCCESS); // a second call changes nothing
     EXPECT_EQ(std::make_tuple(UDBControl::getIt(), CrTracker::getIt(), IoRouter::getIt()),
@@ -217,7 +218,8 @@ TEST_F(Api, DispatchAnswersOnlyWhenAskedAndOnlyWithAHandler)
                              : std::make_tuple(RSP_OK, I_SUCCESS, Bytes{})));
     }
     EXPECT_THAT(log(), HasSubstr("STR_DBG_OUT"));
-    for (COMMAND_CODE code : {CMD_CONN_PORT, CMD_DISC_PORT}) EXPECT_EQ(I_TAVRO_UnRegisterCommandHandler(code), I_SUCCESS);
+    for (COMMAND_CODE code : {CMD_CONN_PORT, CMD_DISC_PORT})
+        EXPECT_EQ(I_TAVRO_UnRegisterCommandHandler(code), I_SUCCESS);
     EXPECT_EQ(tavro_internal::handlerCount(), 0u);
 }
 
@@ -248,7 +250,10 @@ TEST_F(Api, CommandWithoutResponse)
         const void* data;
         unsigned size;
         std::size_t bytes; // 0: refused by the router
-    } cases[] = {{data.data(), 5, 45}, {data.data(), 0, 40}, {nullptr, 0, 40}, {data.data(), MAX_TCP_MSG_SIZE, 0},
+    } cases[] = {{data.data(), 5, 45},
+                 {data.data(), 0, 40},
+                 {nullptr, 0, 40},
+                 {data.data(), MAX_TCP_MSG_SIZE, 0},
                  {data.data(), 0xFFFFFFFFu, 0}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.size);
@@ -275,10 +280,14 @@ TEST_F(Api, RawStatsKeepExactlyTheCountedLength)
         std::size_t payload;
         std::size_t block; // 0: null expected
     } cases[] = {
-        {"two entries exactly", true, RSP_OK, 2, 1908, 1908}, {"one byte short", true, RSP_OK, 2, 1907, 0},
-        {"excess dropped", true, RSP_OK, 2, 2500, 1908},      {"no entries", true, RSP_OK, 0, 6, 6},
-        {"head cut short", true, RSP_OK, 0, 5, 0},            {"no count word", true, RSP_OK, 0, 1, 0},
-        {"no payload", true, RSP_OK, 0, 0, 0},                {"bad status", true, RSP_ERROR, 2, 1908, 0},
+        {"two entries exactly", true, RSP_OK, 2, 1908, 1908},
+        {"one byte short", true, RSP_OK, 2, 1907, 0},
+        {"excess dropped", true, RSP_OK, 2, 2500, 1908},
+        {"no entries", true, RSP_OK, 0, 6, 6},
+        {"head cut short", true, RSP_OK, 0, 5, 0},
+        {"no count word", true, RSP_OK, 0, 1, 0},
+        {"no payload", true, RSP_OK, 0, 0, 0},
+        {"bad status", true, RSP_ERROR, 2, 1908, 0},
         {"no answer", false, RSP_OK, 0, 0, 0},
     };
     for (const auto& c : cases) {

@@ -70,8 +70,10 @@ TEST_F(Control, DiscoveryModeSilencesTheStateTrace)
         ctl->SetCtlState(CTL_INIT);
         EXPECT_EQ(ctl->GetCtlState(), CTL_INIT);
         const std::string out = GetCapturedStdout();
-        if (discover) EXPECT_EQ(out, "");
-        else EXPECT_THAT(out, HasSubstr("SetCtlState:   CTL: state[CTL_INIT]"));
+        if (discover)
+            EXPECT_EQ(out, "");
+        else
+            EXPECT_THAT(out, HasSubstr("SetCtlState:   CTL: state[CTL_INIT]"));
     }
 }
 
@@ -182,11 +184,23 @@ TEST(PortNum, Text)
         const char* text;
         unsigned value;
     } ports[] = {
-        {"1.2.3", 0x000102},       {"  8.12.255 \t", 0x070BFE}, {"01.02.03", 0x000102},
-        {fits.c_str(), 0x000102},  {padded.c_str(), ~0u}, // only the first 63 characters count
-        {"1.1.256", ~0u},          {"0.2.3", ~0u},             {"1.0.3", ~0u},      {"1.2.0", ~0u},
-        {"1.2", ~0u},              {"1.2.3.4", ~0u},           {"1.2.3.", ~0u},     {"1.x.3", ~0u},
-        {"1..23", ~0u},            {"-1.2.3", ~0u},            {"", ~0u},           {nullptr, ~0u},
+        {"1.2.3", 0x000102},
+        {"  8.12.255 \t", 0x070BFE},
+        {"01.02.03", 0x000102},
+        {fits.c_str(), 0x000102},
+        {padded.c_str(), ~0u}, // only the first 63 characters count
+        {"1.1.256", ~0u},
+        {"0.2.3", ~0u},
+        {"1.0.3", ~0u},
+        {"1.2.0", ~0u},
+        {"1.2", ~0u},
+        {"1.2.3.4", ~0u},
+        {"1.2.3.", ~0u},
+        {"1.x.3", ~0u},
+        {"1..23", ~0u},
+        {"-1.2.3", ~0u},
+        {"", ~0u},
+        {nullptr, ~0u},
         {"99999999999999999999.1.1", ~0u},
     };
     for (const auto& c : ports) EXPECT_EQ(PORT_NUM(c.text).value(), c.value) << (c.text ? c.text : "(null)");
@@ -198,9 +212,9 @@ TEST(PortNum, Text)
         const char* text;
         std::vector<int> parts; // cc, pim, port, sub-port
     } subports[] = {
-        {"1.1.1.2", {0, 0, 0, 2}},       {"2.3.4.1", {1, 2, 3, 1}},       {"2.3.4.0", {1, 2, 3, 0}},
-        {"1.1.1", {254, 254, 254, 254}}, {"1.1.1.2.3", {254, 254, 254, 254}}, {"0.1.1.1", {254, 254, 254, 254}},
-        {"1.1.1.", {254, 254, 254, 254}}, {"1.1.a.1", {254, 254, 254, 254}}, {"1.1.1.256", {254, 254, 254, 254}},
+        {"1.1.1.2", {0, 0, 0, 2}},        {"2.3.4.1", {1, 2, 3, 1}},           {"2.3.4.0", {1, 2, 3, 0}},
+        {"1.1.1", {254, 254, 254, 254}},  {"1.1.1.2.3", {254, 254, 254, 254}}, {"0.1.1.1", {254, 254, 254, 254}},
+        {"1.1.1.", {254, 254, 254, 254}}, {"1.1.a.1", {254, 254, 254, 254}},   {"1.1.1.256", {254, 254, 254, 254}},
         {nullptr, {254, 254, 254, 254}},
     };
     for (const auto& c : subports) {

@@ -94,9 +94,18 @@ TEST_F(Config, KeysAndTheirEdgeCases)
          [](P p) { return p.ipServer1.s_addr == htonl(0x0A000001) && p.ipServer2.s_addr == 0; }},
         {"TEMP=/tmp/x\nBACKUP=/b\n",
          [](P p) { return std::string(p.pTempDir) == "/tmp/x" && std::string(p.pBackupDir) == "/b"; }},
-        {"MAC=1a2b3c\n", [](P p) { return macIs(p, {0, 0, 0, 0x1A, 0x2B, 0x3C}); }},
-        {"MAC=0011223344556677\nMAC=AABBCCDDEEFF\n", [](P p) { return macIs(p, {0xAA, 0xBB, 0xCC, 0xDD, 0xEE, 0xFF}); }},
-        {"MAC=\n", [](P p) { return macIs(p, {0, 0, 0, 0, 0, 0}); }},
+        {"MAC=1a2b3c\n",
+         [](P p) {
+             return macIs(p, {0, 0, 0, 0x1A, 0x2B, 0x3C});
+         }},
+        {"MAC=0011223344556677\nMAC=AABBCCDDEEFF\n",
+         [](P p) {
+             return macIs(p, {0xAA, 0xBB, 0xCC, 0xDD, 0xEE, 0xFF});
+         }},
+        {"MAC=\n",
+         [](P p) {
+             return macIs(p, {0, 0, 0, 0, 0, 0});
+         }},
         {"PREVIOUS_LABEL=release-7\n", [](P p) { return std::string(p.previousLabel) == "release-7"; }},
         {"PREVIOUS_LABEL=12345678901234567890123456789012345678901234567890123456789\n",
          [](P p) { return std::strlen(p.previousLabel) == 49; }},
@@ -143,7 +152,9 @@ TEST_F(Config, HostileInput)
     std::string binary;
     unsigned x = 12345;
     for (int i = 0; i < 20000; ++i) binary.push_back(static_cast<char>((x = x * 1103515245u + 12345u) >> 16));
-    static const char tail[] = "\nPORT=9\0" "000\nRADIUS=3\n";
+    static const char tail[] =
+        "\nPORT=9\0"
+        "000\nRADIUS=3\n";
     binary.append(tail, sizeof tail - 1);
     load(binary.data(), binary.size());
     EXPECT_EQ(sysParm.socketPort, htons(9));
@@ -181,10 +192,14 @@ TEST(BladeAddress, Plan)
         int chassis, slot;
         const char* expected;
     } cases[] = {
-        {SW_MODEL_R723, NETWORK_A, 2, 0, "192.168.2.1"},      {SW_MODEL_R723, NETWORK_B, 3, 4, "172.16.3.5"},
-        {SW_MODEL_R732, NETWORK_B, 3, 4, "172.16.3.5"},       {SW_MODEL_R723, NETWORK_PEER, 3, 4, "0.0.0.0"},
-        {SW_MODEL_R723, NETWORK_EXTERNAL, 3, 4, "0.0.0.0"},   {SW_MODEL_R721, NETWORK_B, 3, 4, "127.0.0.1"},
-        {SW_MODEL_R721_R, NETWORK_A, 1, 1, "127.0.0.1"},      {SW_MODEL_R721, NETWORK_PEER, 1, 1, "127.0.0.1"},
+        {SW_MODEL_R723, NETWORK_A, 2, 0, "192.168.2.1"},
+        {SW_MODEL_R723, NETWORK_B, 3, 4, "172.16.3.5"},
+        {SW_MODEL_R732, NETWORK_B, 3, 4, "172.16.3.5"},
+        {SW_MODEL_R723, NETWORK_PEER, 3, 4, "0.0.0.0"},
+        {SW_MODEL_R723, NETWORK_EXTERNAL, 3, 4, "0.0.0.0"},
+        {SW_MODEL_R721, NETWORK_B, 3, 4, "127.0.0.1"},
+        {SW_MODEL_R721_R, NETWORK_A, 1, 1, "127.0.0.1"},
+        {SW_MODEL_R721, NETWORK_PEER, 1, 1, "127.0.0.1"},
         {SW_MODEL_R723, NETWORK_A, SYS_PARM::THIS_CHASSIS, SYS_PARM::THIS_SLOT, "192.168.5.10"},
         {SW_MODEL_R723, NETWORK_A, 300, 0, "0.0.0.0"}, // not an address
     };
@@ -204,13 +219,15 @@ TEST(TextHelpers, SafeStrncpyAndAsciiToString)
         const char* src;
         unsigned n;
         const char* expected;
-    } copies[] = {{"abcdef", 4, "abc"}, {"abc", 4, "abc"}, {"abc", 1, ""}, {"", 4, ""}, {nullptr, 4, ""},
-                  {"abcd", 5, "abcd"}, {"abc", 0, nullptr}};
+    } copies[] = {{"abcdef", 4, "abc"}, {"abc", 4, "abc"},   {"abc", 1, ""},     {"", 4, ""},
+                  {nullptr, 4, ""},     {"abcd", 5, "abcd"}, {"abc", 0, nullptr}};
     for (const auto& c : copies) {
         char buf[8];
         std::memset(buf, '#', sizeof buf);
         EXPECT_EQ(SAFE_STRNCPY(buf, c.src, c.n), buf);
-        if (c.expected) { EXPECT_STREQ(buf, c.expected); }
+        if (c.expected) {
+            EXPECT_STREQ(buf, c.expected);
+        }
         for (unsigned i = c.n; i < sizeof buf; ++i) EXPECT_EQ(buf[i], '#') << "wrote past n=" << c.n;
     }
     char dst[16];
@@ -222,10 +239,13 @@ TEST(TextHelpers, SafeStrncpyAndAsciiToString)
         int count, produced;
         std::vector<unsigned char> bytes;
     } hexes[] = {
-        {"1A2b", 4, 2, {0x1A, 0x2B}}, {"00ff", 4, 2, {0x00, 0xFF}}, {"1A2", 3, 1, {0x1A, 0x20}},
+        {"1A2b", 4, 2, {0x1A, 0x2B}},
+        {"00ff", 4, 2, {0x00, 0xFF}},
+        {"1A2", 3, 1, {0x1A, 0x20}},
         {"9:", 2, 1, {0x93}}, // ':' (58) - 7 = '3'
         {"GZ", 2, 1, {0x03}}, // nothing is rejected
-        {"12", 0, 0, {}},     {"12", -4, 0, {}},
+        {"12", 0, 0, {}},
+        {"12", -4, 0, {}},
     };
     for (const auto& c : hexes) {
         unsigned char out[8] = {0};

@@ -25,8 +25,8 @@ using switchsim::SwitchSimulator;
 namespace {
 
 constexpr auto kWait = std::chrono::seconds(30);
-constexpr std::uint32_t kCmd = 0x434D443A;       // "CMD:"
-constexpr std::uint32_t kSnmpAgentAddr = 25;     // the source address of everything this service sends
+constexpr std::uint32_t kCmd = 0x434D443A;   // "CMD:"
+constexpr std::uint32_t kSnmpAgentAddr = 25; // the source address of everything this service sends
 
 std::mutex g_handlerLock;
 std::vector<Bytes> g_handled;
@@ -159,9 +159,9 @@ TEST_F(SwitchApi, HandlersAnswerExactlyWhenAskedInEitherByteOrder)
         EXPECT_TRUE(answersTo(unhandled).empty());
         const std::vector<SimFrame> rsp = answersTo(asked);
         ASSERT_EQ(rsp.size(), 1u);
-        EXPECT_EQ(std::make_tuple(rsp[0].cmdCode, rsp[0].msgStat, rsp[0].srcAddr, rsp[0].payload),
-                  std::make_tuple(std::uint32_t(CMD_CONN_PORT), std::uint32_t(RSP_BUSY), kSnmpAgentAddr,
-                                  Bytes{0x0A, 0x0B}));
+        EXPECT_EQ(
+            std::make_tuple(rsp[0].cmdCode, rsp[0].msgStat, rsp[0].srcAddr, rsp[0].payload),
+            std::make_tuple(std::uint32_t(CMD_CONN_PORT), std::uint32_t(RSP_BUSY), kSnmpAgentAddr, Bytes{0x0A, 0x0B}));
     }
 }
 

@@ -142,7 +142,8 @@ TEST(Request, AnswersInBothOrdersTimeOutsAndEightCallers)
         callers.emplace_back([&wrong, t] {
             for (int round = 0; round < 25; ++round) {
                 const Answer a = request(CMD_CONN_PORT, {std::uint8_t(t), std::uint8_t(round)}, 0);
-                if (a.result != I_SUCCESS || a.status != RSP_OK || a.payload != Bytes{std::uint8_t(round), std::uint8_t(t)})
+                if (a.result != I_SUCCESS || a.status != RSP_OK ||
+                    a.payload != Bytes{std::uint8_t(round), std::uint8_t(t)})
                     ++wrong;
             }
         });

@@ -130,7 +130,8 @@ protected:
         return r;
     }
     // A CMD_CONN_PORT command; no response wanted when timeoutMs < 0.
-    static std::unique_ptr<CrCmd> command(std::initializer_list<int> to, int timeoutMs, const switchsim::Bytes& data = {})
+    static std::unique_ptr<CrCmd> command(std::initializer_list<int> to, int timeoutMs,
+                                          const switchsim::Bytes& data = {})
     {
         std::unique_ptr<CrCmd> cmd(new CrCmd);
         cmd->SetCmdCode(CMD_CONN_PORT);

@@ -265,7 +265,10 @@ struct LibraryCase {
     bool reverse;
     unsigned segment;
 };
-void PrintTo(const LibraryCase& c, std::ostream* os) { *os << c.name; }
+void PrintTo(const LibraryCase& c, std::ostream* os)
+{
+    *os << c.name;
+}
 
 class LibraryTraffic : public Dissector, public testing::WithParamInterface<LibraryCase> {};
 
@@ -294,8 +297,7 @@ TEST_P(LibraryTraffic, EveryFrameAndTheRawStatisticsDecodeAsTheSimulatorSawThem)
     const char beat[] = {1, 2};
     I_TAVRO_SendCommandNoResponse(CMD_HEARTBEAT, beat, sizeof beat);
     ASSERT_NE(sim.sendCommand(sim.openConnections().at(0), CMD_UPDATE_CHECK_FLASH_FPGA, {0xAB}, true), 0u);
-    ASSERT_TRUE(sim.waitFor([&] { return sim.counters().answered == 1 && sim.counters().framesReceived == 4; },
-                            kWait));
+    ASSERT_TRUE(sim.waitFor([&] { return sim.counters().answered == 1 && sim.counters().framesReceived == 4; }, kWait));
     I_SwitchDisconnect();
     sim.stop();
     ASSERT_EQ(g_flashChecks - flashChecks, 1u);
@@ -407,10 +409,12 @@ TEST_F(Dissector, PackedSplitAndBadFramesFromAPlainClient)
     EXPECT_EQ(pdus[5].marker, hex(0x42414421));
     EXPECT_EQ(pdus[5].info, "Bad marker 0x42414421");
 
-    const std::string expert = tshark("-r " + pcap + " -Y tavro.bad_marker -T fields -e _ws.expert.severity"
+    const std::string expert = tshark("-r " + pcap +
+                                      " -Y tavro.bad_marker -T fields -e _ws.expert.severity"
                                       " -e _ws.expert.message -e _ws.expert.group");
     EXPECT_NE(expert.find("Not a frame start: marker 0x42414421 (40 bytes dropped)"), std::string::npos) << expert;
-    const std::string warnings = tshark("-r " + pcap + " -Y 'tavro.flag_on_wire && tavro.appsize_mismatch'"
+    const std::string warnings = tshark("-r " + pcap +
+                                        " -Y 'tavro.flag_on_wire && tavro.appsize_mismatch'"
                                         " -T fields -e tavro.cmd -e tavro.size.flag -e tavro.appsize.flag");
     EXPECT_EQ(warnings, std::to_string(CMD_CARD_AUTOTRIM) + "\t1\t\n");
     const std::string tree = tshark("-r " + pcap + " -V -Y tavro");

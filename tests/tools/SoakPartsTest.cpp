@@ -100,9 +100,13 @@ TEST(SoakPhaseCheck, TheSwitchsCountsAndTheHandledOnesMustAgree)
         {"lost before they were handled", sim(10, 8, 2), 8, {}},
         {"lost after they were handled", sim(10, 8, 2), 10, {}},
         {"nothing sent", sim(0, 0, 0), 0, {}},
-        {"an answer to nothing", sim(10, 10, 0, 1), 10,
+        {"an answer to nothing",
+         sim(10, 10, 0, 1),
+         10,
          {"the switch got 1 answers to commands it had no open record of"}},
-        {"neither answered nor lost", sim(10, 8, 1), 9,
+        {"neither answered nor lost",
+         sim(10, 8, 1),
+         9,
          {"the switch sent 10 commands but counts 8 answered and 1 unanswered"}},
         {"handled more than sent", sim(10, 10, 0), 11, {"handled 11 switch commands, the switch sent 10"}},
         {"answered without handling", sim(10, 10, 0), 9, {"the switch got 10 answers to 9 handled commands"}},
@@ -191,8 +195,9 @@ TEST(SoakCounters, ReadsTheSimulatorsStopLine)
     };
     const Case cases[] = {
         {"complete", full, true},
-        {"fields in another order and one more", "tavro-switchsim: stopped; commands=8 extra=1 unexpected=0 "
-                                                 "connections=3 received=40 sent=30 dropped=2 answered=7 unanswered=1",
+        {"fields in another order and one more",
+         "tavro-switchsim: stopped; commands=8 extra=1 unexpected=0 "
+         "connections=3 received=40 sent=30 dropped=2 answered=7 unanswered=1",
          true},
         {"an older simulator without the command counts",
          "tavro-switchsim: stopped; connections=3 received=40 sent=30 dropped=2 answered=7 unanswered=1", false},
@@ -290,7 +295,8 @@ TEST(SoakSwitchProcess, ReportsEveryUncleanEnd)
     const Case cases[] = {
         {"a failed exit status", fakeSim(kStopLine, 66), "the simulator ended with exit status 66"},
         {"no counters line", fakeSim("bye"), "the simulator ended without its counters line"},
-        {"SIGTERM ignored", {"-c", "trap '' TERM; echo 'tavro-switchsim: listening on x'; while :; do sleep 0.02; done"},
+        {"SIGTERM ignored",
+         {"-c", "trap '' TERM; echo 'tavro-switchsim: listening on x'; while :; do sleep 0.02; done"},
          "the simulator did not end within 300 ms; killed"},
     };
     for (const Case& c : cases) {

@@ -68,8 +68,8 @@ std::vector<Packet> readCapture(const std::string& path)
         EXPECT_EQ(net(ip + 2, 2), len);
         EXPECT_TRUE(checksumHolds(ip, 20)) << "IPv4 header checksum";
         // TCP checksum over the pseudo header and the segment.
-        const std::uint32_t pseudo = net(ip + 12, 2) + net(ip + 14, 2) + net(ip + 16, 2) + net(ip + 18, 2) + 6 +
-                                     (len - 20);
+        const std::uint32_t pseudo =
+            net(ip + 12, 2) + net(ip + 14, 2) + net(ip + 16, 2) + net(ip + 18, 2) + 6 + (len - 20);
         EXPECT_TRUE(checksumHolds(ip + 20, len - 20, pseudo)) << "TCP checksum";
         out.push_back({net(ip + 12, 4), net(ip + 16, 4), net(ip + 24, 4), net(ip + 28, 4),
                        std::uint16_t(net(ip + 20, 2)), std::uint16_t(net(ip + 22, 2)), ip[33],
@@ -102,9 +102,9 @@ TEST(SwitchSimulatorPcap, ConnectionsReadBackAsConsistentTcpStreams)
         std::uint8_t flags;
         std::size_t bytes;
     } want[] = {
-        {true, SYN, 0},        {false, SYN | ACK, 0},  {true, ACK, 0},         {true, PSH | ACK, 5},
+        {true, SYN, 0},           {false, SYN | ACK, 0},    {true, ACK, 0},          {true, PSH | ACK, 5},
         {false, PSH | ACK, 1000}, {false, PSH | ACK, 1000}, {false, PSH | ACK, 500}, {true, PSH | ACK, 12},
-        {false, FIN | ACK, 0}, {true, FIN | ACK, 0},   {false, ACK, 0},
+        {false, FIN | ACK, 0},    {true, FIN | ACK, 0},     {false, ACK, 0},
     };
     ASSERT_EQ(p.size(), std::size(want));
 

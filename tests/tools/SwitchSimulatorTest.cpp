@@ -22,8 +22,8 @@ using lp::Bytes;
 
 // Expected bytes come from the test's own packing, never from the
 // simulator's encoder; "reversed" is relative to this machine's order.
-Bytes frame(bool rev, std::uint32_t type, std::uint32_t code, std::uint32_t seq, std::uint32_t stat,
-            std::uint32_t src, const Bytes& payload = {})
+Bytes frame(bool rev, std::uint32_t type, std::uint32_t code, std::uint32_t seq, std::uint32_t stat, std::uint32_t src,
+            const Bytes& payload = {})
 {
     return lp::Frame{lp::kMarker, code / 10000, type, code, seq, stat, src, 0, payload}.encode(lp::orderOf(rev));
 }
@@ -96,17 +96,19 @@ TEST_F(SwitchSimulatorTest, AnswersInTheClientsOrderOrTheOppositeOneByteForByte)
             ASSERT_EQ(1u, sim.receivedFrames().size());
             const switchsim::SimFrame f = sim.receivedFrames()[0];
             EXPECT_EQ(clientRev, f.order == switchsim::WireOrder::Reversed);
-            EXPECT_EQ(std::make_tuple(1u, 32u, 10002u, 77u, 1u, 25u, 4u, Bytes{1, 2, 3, 4}),
-                      std::make_tuple(f.manager, f.size, f.cmdCode, f.seqNbr, f.msgStat, f.srcAddr, f.appSize,
-                                      f.payload));
+            EXPECT_EQ(
+                std::make_tuple(1u, 32u, 10002u, 77u, 1u, 25u, 4u, Bytes{1, 2, 3, 4}),
+                std::make_tuple(f.manager, f.size, f.cmdCode, f.seqNbr, f.msgStat, f.srcAddr, f.appSize, f.payload));
             EXPECT_EQ(sent, sim.receivedBytes(f.conn));
             EXPECT_EQ(1u, sim.counters().linkTests);
             sim.stop(); // the transcript is complete
             if (clientRev && !reverseFault) {
-                EXPECT_THAT(lines, testing::Contains(
-                                       "<< #1 CMD: CMD_CONN_PORT seq=77 CMD_WITH_RSP src=25 payload=4 frame=44 reversed"));
-                EXPECT_THAT(lines, testing::Contains(
-                                       ">> #1 RSP: CMD_CONN_PORT seq=77 RSP_OK err=0 src=1 payload=0 frame=40 reversed"));
+                EXPECT_THAT(lines,
+                            testing::Contains(
+                                "<< #1 CMD: CMD_CONN_PORT seq=77 CMD_WITH_RSP src=25 payload=4 frame=44 reversed"));
+                EXPECT_THAT(lines,
+                            testing::Contains(
+                                ">> #1 RSP: CMD_CONN_PORT seq=77 RSP_OK err=0 src=1 payload=0 frame=40 reversed"));
             }
         }
     }
@@ -227,7 +229,8 @@ TEST_F(SwitchSimulatorTest, ClosesAfterNFramesAndOnABadHeader)
         Client cl(sim.snmpPort());
         cl.send(linkTest(false)); // not counted
         for (std::uint32_t seq = 1; seq <= 3; ++seq) cl.send(frame(false, kCmd, 10002, seq, 1, 25));
-        for (std::uint32_t seq = 1; seq <= 2; ++seq) EXPECT_EQ(frame(false, kRsp, 10002, seq, 0, 1), cl.readFrame(false));
+        for (std::uint32_t seq = 1; seq <= 2; ++seq)
+            EXPECT_EQ(frame(false, kRsp, 10002, seq, 0, 1), cl.readFrame(false));
         EXPECT_TRUE(cl.seesClose());
     }
     Client bad(sim.pcePort());

@@ -71,8 +71,8 @@ void onSwitchCommand(COMMAND_CODE code, const void* data, std::uint32_t size, Cr
     }
     if (code == kSwitchCode) {
         if (size != sizeof kSwitchPayload || data == nullptr || std::memcmp(data, kSwitchPayload, size) != 0) {
-            violations().report("switch command " + std::to_string(int(code)) + " seq=" +
-                                std::to_string(rsp->GetSeqNbr()) + " arrived with a different payload (" +
+            violations().report("switch command " + std::to_string(int(code)) +
+                                " seq=" + std::to_string(rsp->GetSeqNbr()) + " arrived with a different payload (" +
                                 std::to_string(size) + " bytes)");
         }
         I_TAVRO_SetResponseData(rsp, data, size);
@@ -100,9 +100,9 @@ Violations& violations()
 
 std::uint64_t nowMs()
 {
-    return std::uint64_t(std::chrono::duration_cast<std::chrono::milliseconds>(
-                             std::chrono::steady_clock::now().time_since_epoch())
-                             .count());
+    return std::uint64_t(
+        std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now().time_since_epoch())
+            .count());
 }
 
 CrRsp* checkResponses(CrCmd& cmd, bool toUnserved, RSP_STATUS expected, std::atomic<std::uint64_t>& answered,
@@ -158,7 +158,10 @@ Load::Load(const LoadConfig& config) : config_(config), bulkPayload_(std::size_t
     for (std::size_t i = 0; i < bulkPayload_.size(); ++i) bulkPayload_[i] = static_cast<unsigned char>(i * 31u);
 }
 
-Load::~Load() { stop(); }
+Load::~Load()
+{
+    stop();
+}
 
 void Load::start()
 {

@@ -109,7 +109,8 @@ private:
     std::vector<std::unique_ptr<Worker>> workers_;
     std::vector<unsigned char> bulkPayload_;
     std::atomic<std::uint64_t> lastCompletion_{0};
-    std::atomic<std::uint64_t> noRsp_{0}, bulk_{0}, withRsp_{0}, rawStats_{0}, toUnserved_{0}, answered_{0}, timedOut_{0};
+    std::atomic<std::uint64_t> noRsp_{0}, bulk_{0}, withRsp_{0}, rawStats_{0}, toUnserved_{0}, answered_{0},
+        timedOut_{0};
 };
 
 // Switch-initiated commands handled, by sequence number, per simulator run

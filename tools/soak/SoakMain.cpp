@@ -90,7 +90,10 @@ struct Options {
 
 std::atomic<int> g_signal{0};
 
-void onSignal(int sig) { g_signal = sig; }
+void onSignal(int sig)
+{
+    g_signal = sig;
+}
 
 int usageError(const std::string& what)
 {
@@ -157,7 +160,7 @@ private:
     RunTotals totals_;
     std::uint64_t nextSampleMs_ = 0;
     std::atomic<int> phase_{-1};
-    long linkedAfterMs_ = -1;       // this phase: when the library was connected
+    long linkedAfterMs_ = -1;        // this phase: when the library was connected
     std::uint64_t longestGapMs_ = 0; // this phase: longest time without a completed command
     std::atomic<bool> watching_{false};
     std::thread watchdog_;
@@ -165,15 +168,15 @@ private:
 
 std::vector<std::string> Soak::simArgs(const soak::PhasePlan& p) const
 {
-    std::vector<std::string> a = {
-        "--quiet", "--snmp-port", "off", "--pce-port", "58992", "--heartbeat-ms", "100",
-        // Only a closed connection makes a switch command unanswered: a
-        // stopped simulator would otherwise give up on answers it has not
-        // yet read.
-        "--answer-timeout-ms", "3600000", "--send", std::to_string(int(soak::kSwitchCode)) + ":" +
-        soak::kSwitchPayloadHex, "--send-every", "150ms", "--status",
-        std::to_string(int(soak::kRspCode)) + "=" + std::to_string(int(soak::kRspStatus)),
-        "--ports", std::to_string(soak::kStatsPorts)};
+    std::vector<std::string> a = {"--quiet", "--snmp-port", "off", "--pce-port", "58992", "--heartbeat-ms", "100",
+                                  // Only a closed connection makes a switch command unanswered: a
+                                  // stopped simulator would otherwise give up on answers it has not
+                                  // yet read.
+                                  "--answer-timeout-ms", "3600000", "--send",
+                                  std::to_string(int(soak::kSwitchCode)) + ":" + soak::kSwitchPayloadHex,
+                                  "--send-every", "150ms", "--status",
+                                  std::to_string(int(soak::kRspCode)) + "=" + std::to_string(int(soak::kRspStatus)),
+                                  "--ports", std::to_string(soak::kStatsPorts)};
     a.insert(a.end(), p.simArgs.begin(), p.simArgs.end());
     return a;
 }
@@ -202,7 +205,8 @@ void Soak::tick(std::uint64_t runStart)
         return;
     }
     const std::string growth = watch_.add(s);
-    if (!growth.empty()) soak::violations().report("after " + std::to_string((now - runStart) / 1000) + " s: " + growth);
+    if (!growth.empty())
+        soak::violations().report("after " + std::to_string((now - runStart) / 1000) + " s: " + growth);
 }
 
 void Soak::endPhase(const soak::PhasePlan& p)
@@ -246,8 +250,7 @@ void Soak::endPhase(const soak::PhasePlan& p)
                      (unsigned long long)longestGapMs_, (unsigned long long)c.connections,
                      (unsigned long long)c.received, (unsigned long long)c.sent, (unsigned long long)c.dropped,
                      (unsigned long long)c.commands, (unsigned long long)t.handled, (unsigned long long)c.answered,
-                     (unsigned long long)c.unanswered, (unsigned long long)l.answered,
-                     (unsigned long long)l.timedOut);
+                     (unsigned long long)c.unanswered, (unsigned long long)l.answered, (unsigned long long)l.timedOut);
     }
 }
 
@@ -360,17 +363,19 @@ void Soak::summary(std::FILE* out, const char* verdict, std::uint64_t ranMs) con
     const std::uint64_t restarts = totals_.phases > 0 ? totals_.phases - 1 : 0;
     const std::uint64_t reconnections = c.connections > 0 ? c.connections - 1 : 0;
     std::fprintf(out, "soak: %s after %.1f s: %u of %zu phases, %u threads, time-out %d ms, seed %u\n", verdict,
-                 double(ranMs) / 1000.0, totals_.phases, plan_.phases.size(), opts_.load.threads,
-                 opts_.load.timeoutMs, opts_.load.seed);
-    std::fprintf(out,
-                 "  commands sent     %llu (%llu without response, %llu of them of %u KiB; %llu with response; %llu raw "
-                 "statistics)\n",
-                 ull(l.noRsp + l.withRsp + l.rawStats), ull(l.noRsp), ull(l.bulk), opts_.load.bulkKiB,
-                 ull(l.withRsp), ull(l.rawStats));
+                 double(ranMs) / 1000.0, totals_.phases, plan_.phases.size(), opts_.load.threads, opts_.load.timeoutMs,
+                 opts_.load.seed);
+    std::fprintf(
+        out,
+        "  commands sent     %llu (%llu without response, %llu of them of %u KiB; %llu with response; %llu raw "
+        "statistics)\n",
+        ull(l.noRsp + l.withRsp + l.rawStats), ull(l.noRsp), ull(l.bulk), opts_.load.bulkKiB, ull(l.withRsp),
+        ull(l.rawStats));
     std::fprintf(out, "  answered          %llu (responses, one per destination)\n", ull(l.answered));
     std::fprintf(out, "  timed out         %llu (%llu of them by a destination no connection serves)\n",
                  ull(l.timedOut), ull(l.toUnserved));
-    std::fprintf(out, "  switch commands   %llu sent, %llu handled, %llu answers received, %llu lost with a connection\n",
+    std::fprintf(out,
+                 "  switch commands   %llu sent, %llu handled, %llu answers received, %llu lost with a connection\n",
                  ull(c.commands), ull(t.handled), ull(c.answered), ull(c.unanswered));
     std::fprintf(out, "  reconnections     %llu (%llu simulator restarts, %llu connections closed by the switch)\n",
                  ull(reconnections), ull(restarts), ull(totals_.closesBySwitch));
@@ -379,8 +384,9 @@ void Soak::summary(std::FILE* out, const char* verdict, std::uint64_t ranMs) con
                  "dropped), closed connections %u, stopped peer %u (%.1f s stopped)\n",
                  totals_.phases - totals_.byKind[int(soak::FaultKind::None)],
                  totals_.byKind[int(soak::FaultKind::Reverse)], totals_.byKind[int(soak::FaultKind::Delay)],
-                 totals_.byKind[int(soak::FaultKind::Drop)], ull(c.dropped), totals_.byKind[int(soak::FaultKind::Close)],
-                 totals_.byKind[int(soak::FaultKind::Stop)], double(totals_.stoppedMs) / 1000.0);
+                 totals_.byKind[int(soak::FaultKind::Drop)], ull(c.dropped),
+                 totals_.byKind[int(soak::FaultKind::Close)], totals_.byKind[int(soak::FaultKind::Stop)],
+                 double(totals_.stoppedMs) / 1000.0);
     const soak::ResourceSample& first = watch_.first();
     const soak::ResourceSample& last = watch_.last();
     std::fprintf(out, "  peak RSS          %s (%s at start, %s peak while warming up, %s at end)\n",

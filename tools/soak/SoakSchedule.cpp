@@ -50,7 +50,7 @@ SoakPlan planSoak(unsigned totalSeconds, int commandTimeoutMs)
     const unsigned count = totalMs / phaseMs;
     const unsigned timeout = commandTimeoutMs > 0 ? unsigned(commandTimeoutMs) : 1000;
     static const FaultKind kRound[kKindsPerRound] = {FaultKind::None, FaultKind::Reverse, FaultKind::Delay,
-                                                     FaultKind::Drop, FaultKind::Close, FaultKind::Stop};
+                                                     FaultKind::Drop, FaultKind::Close,   FaultKind::Stop};
     for (unsigned i = 0; i < count; ++i) {
         PhasePlan p;
         p.index = i;

@@ -49,8 +49,8 @@ std::string statusText(int status)
     if (getppid() != parent) _exit(127);
     setpgid(0, 0);
     if (dup2(in, 0) < 0 || dup2(out, 1) < 0) _exit(127);
-    // The library's sockets are not close-on-exec; the child must not hold
-    // a copy of any of them.
+        // The library's sockets are not close-on-exec; the child must not hold
+        // a copy of any of them.
 #ifdef SYS_close_range
     if (syscall(SYS_close_range, 3u, ~0u, 0u) != 0)
 #endif
@@ -65,8 +65,8 @@ bool parseSwitchCounters(const std::string& line, SwitchCounters& out)
 {
     if (line.compare(0, sizeof kStopLine - 1, kStopLine) != 0) return false;
     std::map<std::string, std::uint64_t*> fields = {
-        {"connections", &out.connections}, {"received", &out.received}, {"sent", &out.sent},
-        {"dropped", &out.dropped},         {"commands", &out.commands}, {"answered", &out.answered},
+        {"connections", &out.connections}, {"received", &out.received},     {"sent", &out.sent},
+        {"dropped", &out.dropped},         {"commands", &out.commands},     {"answered", &out.answered},
         {"unanswered", &out.unanswered},   {"unexpected", &out.unexpected},
     };
     std::istringstream words(line.substr(sizeof kStopLine - 1));
@@ -138,7 +138,9 @@ bool SwitchProcess::start(const std::vector<std::string>& args, unsigned waitMs,
     }
     const bool ended = out_ < 0;
     const int status = reap(!ended);
-    if (ended) return fail(program_ + " ended with " + statusText(status) + " before it listened (its error, if any, is above)");
+    if (ended)
+        return fail(program_ + " ended with " + statusText(status) +
+                    " before it listened (its error, if any, is above)");
     return fail(program_ + " did not start listening within " + std::to_string(waitMs) + " ms; killed");
 }
 

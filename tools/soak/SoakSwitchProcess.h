@@ -19,11 +19,11 @@ struct SwitchCounters {
     std::uint64_t connections = 0; // accepted
     std::uint64_t received = 0;    // frames, link tests excluded
     std::uint64_t sent = 0;
-    std::uint64_t dropped = 0;     // answers swallowed on purpose
-    std::uint64_t commands = 0;    // switch-initiated, asking for an answer
+    std::uint64_t dropped = 0;  // answers swallowed on purpose
+    std::uint64_t commands = 0; // switch-initiated, asking for an answer
     std::uint64_t answered = 0;
-    std::uint64_t unanswered = 0;  // lost with their connection
-    std::uint64_t unexpected = 0;  // answers to no open command
+    std::uint64_t unanswered = 0; // lost with their connection
+    std::uint64_t unexpected = 0; // answers to no open command
 };
 
 // Reads "tavro-switchsim: stopped; connections=1 received=..." into out.

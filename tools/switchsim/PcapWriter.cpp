@@ -49,7 +49,10 @@ std::uint32_t initialSeq(std::uint64_t conn, bool client)
 
 } // namespace
 
-PcapWriter::~PcapWriter() { close(); }
+PcapWriter::~PcapWriter()
+{
+    close();
+}
 
 bool PcapWriter::open(const std::string& path, unsigned maxSegment, std::string* error)
 {
@@ -188,9 +191,9 @@ void PcapWriter::packet(const Side& from, const Side& to, std::uint8_t flags, co
     p[36] = std::uint8_t(tcpSum >> 8);
     p[37] = std::uint8_t(tcpSum);
 
-    const auto now = std::chrono::duration_cast<std::chrono::microseconds>(
-                         std::chrono::system_clock::now().time_since_epoch())
-                         .count();
+    const auto now =
+        std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::system_clock::now().time_since_epoch())
+            .count();
     std::vector<std::uint8_t> rec;
     putHost<std::uint32_t>(rec, std::uint32_t(now / 1000000));
     putHost<std::uint32_t>(rec, std::uint32_t(now % 1000000));

@@ -50,8 +50,7 @@ private:
     };
 
     void data(std::uint64_t conn, bool fromClientSide, const std::uint8_t* data, std::size_t size);
-    void packet(const Side& from, const Side& to, std::uint8_t flags, const std::uint8_t* payload,
-                std::size_t size);
+    void packet(const Side& from, const Side& to, std::uint8_t flags, const std::uint8_t* payload, std::size_t size);
 
     mutable std::mutex mu_;
     std::string path_;

@@ -92,8 +92,8 @@ std::string describe(const char* dir, std::uint64_t conn, std::uint32_t manager,
                      std::uint32_t appError, std::size_t payload, std::size_t frame, WireOrder order)
 {
     std::ostringstream os;
-    os << dir << " #" << conn << ' ' << typeText(msgType) << ' ' << COMMAND_CODE(std::int32_t(code))
-       << " seq=" << seq << ' ';
+    os << dir << " #" << conn << ' ' << typeText(msgType) << ' ' << COMMAND_CODE(std::int32_t(code)) << " seq=" << seq
+       << ' ';
     if (msgType == std::uint32_t(MSG_COMMAND))
         os << CMD_CONTROL(std::int32_t(stat));
     else
@@ -119,10 +119,19 @@ bool writeAll(int fd, const std::uint8_t* p, std::size_t n)
 
 } // namespace
 
-const char* orderName(WireOrder o) { return o == WireOrder::Host ? "host" : "reversed"; }
+const char* orderName(WireOrder o)
+{
+    return o == WireOrder::Host ? "host" : "reversed";
+}
 
-bool SimFrame::isCommand() const { return msgType == std::uint32_t(MSG_COMMAND); }
-bool SimFrame::wantsResponse() const { return isCommand() && msgStat == std::uint32_t(CMD_WITH_RSP); }
+bool SimFrame::isCommand() const
+{
+    return msgType == std::uint32_t(MSG_COMMAND);
+}
+bool SimFrame::wantsResponse() const
+{
+    return isCommand() && msgStat == std::uint32_t(CMD_WITH_RSP);
+}
 
 Bytes OutFrame::encode() const
 {
@@ -159,10 +168,12 @@ struct SwitchSimulator::Conn {
 
 SwitchSimulator::SwitchSimulator() = default;
 
-SwitchSimulator::~SwitchSimulator() { stop(); }
+SwitchSimulator::~SwitchSimulator()
+{
+    stop();
+}
 
-bool SwitchSimulator::listenOn(const std::string& address, int port, int& fd, std::uint16_t& bound,
-                               std::string* error)
+bool SwitchSimulator::listenOn(const std::string& address, int port, int& fd, std::uint16_t& bound, std::string* error)
 {
     if (port < 0) return true;
     auto fail = [&](const std::string& what) {
@@ -313,8 +324,8 @@ void SwitchSimulator::acceptLoop()
             char ip[INET_ADDRSTRLEN] = "?";
             inet_ntop(AF_INET, &peer.sin_addr, ip, sizeof ip);
             std::ostringstream os;
-            os << "-- #" << conn->id << " connected to " << conn->service << " port "
-               << (snmp ? boundSnmp_ : boundPce_) << " from " << ip << ':' << ntohs(peer.sin_port);
+            os << "-- #" << conn->id << " connected to " << conn->service << " port " << (snmp ? boundSnmp_ : boundPce_)
+               << " from " << ip << ':' << ntohs(peer.sin_port);
             note(os.str());
         }
     }
@@ -874,7 +885,10 @@ void SwitchSimulator::setResponder(Responder responder)
     responder_ = std::move(responder);
 }
 
-bool SwitchSimulator::statsLinkUp(std::uint16_t slot, unsigned port) { return (slot + port) % 4 != 3; }
+bool SwitchSimulator::statsLinkUp(std::uint16_t slot, unsigned port)
+{
+    return (slot + port) % 4 != 3;
+}
 
 std::uint32_t SwitchSimulator::statsSpeedMbps(std::uint16_t slot, unsigned port)
 {

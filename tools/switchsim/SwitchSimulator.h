@@ -27,7 +27,10 @@ using Bytes = std::vector<std::uint8_t>;
 // Order of a frame's words relative to the simulator's own host.
 enum class WireOrder : std::uint8_t { Host, Reversed };
 
-inline WireOrder opposite(WireOrder o) { return o == WireOrder::Host ? WireOrder::Reversed : WireOrder::Host; }
+inline WireOrder opposite(WireOrder o)
+{
+    return o == WireOrder::Host ? WireOrder::Reversed : WireOrder::Host;
+}
 const char* orderName(WireOrder o);
 
 // A frame as read from a client; header words decoded to host values, the
@@ -70,10 +73,10 @@ struct OutFrame {
 
 // Misbehaviour on purpose. Drop and close counts are per connection.
 struct Faults {
-    bool reverse = false;     // speak the opposite byte order to the client's
-    unsigned delayMs = 0;     // hold each default answer this long
-    unsigned dropEvery = 0;   // swallow every Nth default answer (0: never)
-    unsigned closeAfter = 0;  // close after N frames received (0: never)
+    bool reverse = false;    // speak the opposite byte order to the client's
+    unsigned delayMs = 0;    // hold each default answer this long
+    unsigned dropEvery = 0;  // swallow every Nth default answer (0: never)
+    unsigned closeAfter = 0; // close after N frames received (0: never)
 };
 
 // A command the simulator sends on its own.
@@ -96,8 +99,8 @@ struct Options {
     unsigned sendEveryMs = 0;
     Faults faults;
     std::map<std::uint32_t, std::uint32_t> status; // code -> RSP_STATUS
-    unsigned statsPorts = 8; // entries per raw-statistics reply
-    bool record = true;      // keep frames and raw bytes for inspection
+    unsigned statsPorts = 8;                       // entries per raw-statistics reply
+    bool record = true;                            // keep frames and raw bytes for inspection
     // One call per transcript line (no line feed); null: silent.
     std::function<void(const std::string&)> transcript;
     // Seconds fed into the statistics counters; default: since start().
@@ -175,12 +178,13 @@ public:
     // format 1) and `ports` entries of 951 bytes, all in `order`.
     static Bytes buildRawStats(std::uint16_t slot, unsigned ports, std::uint64_t seconds, WireOrder order);
     // One counter of that reply; grows with `seconds` while the link is up.
-    static std::uint64_t statsCounter(std::uint16_t slot, unsigned port, unsigned index, bool tx, std::uint64_t seconds);
+    static std::uint64_t statsCounter(std::uint16_t slot, unsigned port, unsigned index, bool tx,
+                                      std::uint64_t seconds);
     static bool statsLinkUp(std::uint16_t slot, unsigned port);
     static std::uint32_t statsSpeedMbps(std::uint16_t slot, unsigned port);
 
-    static constexpr std::uint32_t kHeartbeatCode = 40010;   // CMD_HEARTBEAT
-    static constexpr std::uint32_t kRawStatsCode = 100005;  // CMD_GET_BLADE_RAW_STATS
+    static constexpr std::uint32_t kHeartbeatCode = 40010; // CMD_HEARTBEAT
+    static constexpr std::uint32_t kRawStatsCode = 100005; // CMD_GET_BLADE_RAW_STATS
     static constexpr unsigned kStatsHeadSize = 6;
     static constexpr unsigned kStatsEntrySize = 951;
     static constexpr unsigned kStatsCounters = 59;

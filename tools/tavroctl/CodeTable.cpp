@@ -91,8 +91,7 @@ std::vector<std::string> nearestNames(const std::string& type, const std::string
         if (want.size() >= 3 && name.find(want) != std::string::npos) d = std::min<std::size_t>(d, 1);
         scored.emplace_back(d, e.name);
     }
-    std::stable_sort(scored.begin(), scored.end(),
-                     [](const auto& a, const auto& b) { return a.first < b.first; });
+    std::stable_sort(scored.begin(), scored.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
     std::vector<std::string> out;
     const std::size_t limit = std::max<std::size_t>(3, want.size() / 2);
     for (const auto& s : scored) {

@@ -55,7 +55,8 @@ std::string rawStatsTable(const void* block)
         for (int c = 0; c < TAVRO_RAW_STATS_COUNTERS; ++c) {
             out += format("%7d", c);
             for (int i = first; i < last; ++i)
-                out += format(" %17" PRIu64 " %10" PRIu64, ports[i - first].rxCounters[c], ports[i - first].txCounters[c]);
+                out +=
+                    format(" %17" PRIu64 " %10" PRIu64, ports[i - first].rxCounters[c], ports[i - first].txCounters[c]);
             out += "\n";
         }
     }

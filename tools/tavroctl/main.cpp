@@ -52,11 +52,11 @@ void separateLibraryOutput()
 
 enum ExitCode {
     kOk = 0,
-    kBadStatus = 1,   // the switch answered, but not with RSP_OK
-    kUsage = 2,       // bad command line: unknown name, bad hex, bad number
+    kBadStatus = 1, // the switch answered, but not with RSP_OK
+    kUsage = 2,     // bad command line: unknown name, bad hex, bad number
     kNoConnection = 3,
-    kTimeOut = 4,     // no answer within the time-out
-    kLibrary = 5,     // the library could not start
+    kTimeOut = 4, // no answer within the time-out
+    kLibrary = 5, // the library could not start
     kInterrupted = 130,
 };
 
@@ -437,8 +437,8 @@ int cmdRequest(const Options& o)
     rc = exchange(o, code, payload, rsp);
     if (rc == kOk) {
         std::fprintf(g_out, "%s: status %s, error %s, %u payload bytes\n", codeText("COMMAND_CODE", code).c_str(),
-                    codeText("RSP_STATUS", rsp.status).c_str(), codeText("I_STATUS", rsp.errorCode).c_str(),
-                    rsp.dataSize);
+                     codeText("RSP_STATUS", rsp.status).c_str(), codeText("I_STATUS", rsp.errorCode).c_str(),
+                     rsp.dataSize);
         std::fputs(hexDump(static_cast<const std::uint8_t*>(rsp.data), rsp.dataSize).c_str(), g_out);
         if (rsp.status != RSP_OK) rc = kBadStatus;
     }
@@ -450,7 +450,8 @@ int cmdStats(const Options& o)
 {
     long long slot;
     if (o.args.size() != 1) return usageError("stats takes SLOT");
-    if (!parseNumberIn(o.args[0], 0, 65535, slot)) return usageError("SLOT is a number from 0 to 65535, not '" + o.args[0] + "'");
+    if (!parseNumberIn(o.args[0], 0, 65535, slot))
+        return usageError("SLOT is a number from 0 to 65535, not '" + o.args[0] + "'");
     int rc = connectSwitch(o);
     if (rc != kOk) return rc;
     // The same request I_GetRawStats makes, so that a refusal or a time-out
@@ -470,8 +471,10 @@ int cmdStats(const Options& o)
         if (n >= 0 && rsp.dataSize >= std::size_t(TAVRO_RAW_STATS_HEAD_SIZE + n * TAVRO_RAW_STATS_ENTRY_SIZE))
             text = o.json ? rawStatsJson(rsp.data) : rawStatsTable(rsp.data);
         if (text.empty()) {
-            std::fprintf(stderr, "tavroctl: the reply for slot %lld is not a raw statistics block this tool can read (%u bytes)\n",
-                         slot, rsp.dataSize);
+            std::fprintf(
+                stderr,
+                "tavroctl: the reply for slot %lld is not a raw statistics block this tool can read (%u bytes)\n", slot,
+                rsp.dataSize);
             rc = kBadStatus;
         }
         std::fputs(text.c_str(), g_out);
@@ -496,7 +499,7 @@ void onSwitchCommand(COMMAND_CODE code, const void* data, uint32_t size, CrRsp* 
     {
         std::lock_guard<std::mutex> g(g_printLock);
         std::fprintf(g_out, "%s.%03ld  %s  seq=%u  %u bytes%s%s\n", stamp, ms, codeText("COMMAND_CODE", code).c_str(),
-                    I_TAVRO_GetResponseSeqNbr(response), size, hex.empty() ? "" : "  ", hex.c_str());
+                     I_TAVRO_GetResponseSeqNbr(response), size, hex.empty() ? "" : "  ", hex.c_str());
         std::fflush(g_out);
     }
     I_TAVRO_SetResponseStatus(response, g_answer);

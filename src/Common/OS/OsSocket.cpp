@@ -288,15 +288,15 @@ bool OsSocket::setOption(int fd, int level, int option, const void* value, sockl
                          const char* operation, const char* caller, int toleratedErrno)
 {
     if (setsockopt(fd, level, option, value, size) == 0) {
-        SOCK_TRACE(SOCK_TRACE_OPTIONS, operation << ": " << callerName(caller) << "(): Socket[" << fd << "] setsockopt( " << optionName
-           << " ) succeeded.\n");
+        SOCK_TRACE(SOCK_TRACE_OPTIONS, operation << ": " << callerName(caller) << "(): Socket[" << fd
+                                                 << "] setsockopt( " << optionName << " ) succeeded.\n");
         return true;
     }
     const int e = errno;
     if (toleratedErrno != 0 && e == toleratedErrno) return true;
     errNum = e;
     UTL_TRACE(operation << ": " << callerName(caller) << "(): Socket[" << fd << "] setsockopt( " << optionName
-       << " ) failed[" << e << "]\n");
+                        << " ) failed[" << e << "]\n");
     return false;
 }
 
@@ -358,7 +358,8 @@ bool OsSocket::disableInheritance(int fd, const char* caller)
 {
     const char* op = "disableInheritance";
     if (fcntl(fd, F_SETFD, FD_CLOEXEC) == 0) {
-        SOCK_TRACE(SOCK_TRACE_OPTIONS, op << ": " << callerName(caller) << "(): Socket[" << fd << "] fcntl( FD_CLOEXEC ) succeeded.\n");
+        SOCK_TRACE(SOCK_TRACE_OPTIONS,
+                   op << ": " << callerName(caller) << "(): Socket[" << fd << "] fcntl( FD_CLOEXEC ) succeeded.\n");
         return true;
     }
     const int e = errno;
@@ -386,7 +387,8 @@ bool OsSocket::setBlockingMode(int fd, bool blocking, const char* caller)
     const char* op = "setBlockingMode";
     int nonBlocking = blocking ? 0 : 1;
     if (ioctl(fd, FIONBIO, &nonBlocking) == 0) {
-        SOCK_TRACE(SOCK_TRACE_OPTIONS, op << ": " << callerName(caller) << "(): Socket[" << fd << "] ioctl( FIONBIO ) succeeded.\n");
+        SOCK_TRACE(SOCK_TRACE_OPTIONS,
+                   op << ": " << callerName(caller) << "(): Socket[" << fd << "] ioctl( FIONBIO ) succeeded.\n");
         return true;
     }
     const int e = errno;
@@ -403,13 +405,13 @@ bool OsSocket::BindSocketToInterface(int fd, const char* interfaceName, const ch
     const char* op = "BindSocketToInterface";
     if (setsockopt(fd, SOL_SOCKET, SO_BINDTODEVICE, name, IFNAMSIZ) == 0) {
         SOCK_TRACE(SOCK_TRACE_OPTIONS, op << ": " << callerName(caller) << "(): Socket[" << fd
-           << "] setsockopt( SO_BINDTODEVICE ) succeeded.\n");
+                                          << "] setsockopt( SO_BINDTODEVICE ) succeeded.\n");
         return true;
     }
     const int e = errno;
     errNum = e;
     UTL_TRACE(op << ": " << callerName(caller) << "(): Socket[" << fd << "] setsockopt( SO_BINDTODEVICE ) failed[" << e
-       << "]\n");
+                 << "]\n");
     return false;
 }
 
@@ -479,12 +481,13 @@ bool OsSocket::PrepareTcpServerSocket(int fd, int backlog)
         errNum = e;
         if (!isAddressInUseError(e)) {
             UTL_TRACE("PrepareTcpServerSocket: Fatal bind error [" << e << "] " << sockErrText(e) << " to IP["
-               << m_sockAddr.address() << "] port [" << m_sockAddr.hostPort() << "]\n");
+                                                                   << m_sockAddr.address() << "] port ["
+                                                                   << m_sockAddr.hostPort() << "]\n");
             bSockErr = true;
             return false;
         }
         UTL_TRACE("PrepareTcpServerSocket: bind error [" << e << "] to IP[" << m_sockAddr.address() << "] port ["
-           << m_sockAddr.hostPort() << "] is not fatal.  Retry...\n");
+                                                         << m_sockAddr.hostPort() << "] is not fatal.  Retry...\n");
         g_seams.sleepMs(BIND_RETRY_MS);
         if (isProgramTerminating()) {
             bSockErr = true;
@@ -497,7 +500,7 @@ bool OsSocket::PrepareTcpServerSocket(int fd, int backlog)
         const int e = errno;
         errNum = e;
         UTL_TRACE("PrepareTcpServerSocket listening FAILED for socket[" << fd << "] errNum[" << e << "] "
-           << sockErrText(e) << "\n");
+                                                                        << sockErrText(e) << "\n");
         bSockErr = true;
         return false;
     }
@@ -557,11 +560,14 @@ bool OsSocket::bindAndReport(const char* op, const c_sockaddr& addr)
     const int e = errno;
     setError(e);
     UTL_TRACE(op << ": Socket[" << fd << "] bind to [" << addr << "] failed.  errNum[" << e << "] " << sockErrText(e)
-       << "\n");
+                 << "\n");
     return false;
 }
 
-bool OsSocket::BindSocket() { return bindAndReport("BindSocket", m_sockAddr); }
+bool OsSocket::BindSocket()
+{
+    return bindAndReport("BindSocket", m_sockAddr);
+}
 
 bool OsSocket::BindTCPSocket(const c_inaddr& local, unsigned short port)
 {
@@ -578,7 +584,7 @@ bool OsSocket::BindTCPSocket(const c_inaddr& local, unsigned short port)
     const bool report = bindErrors.countFailure(newEvery);
     if (report) {
         UTL_TRACE("BindTCPSocket: Socket[" << fd << "] bind to [" << addr << "] failed.  errNum[" << e << "] "
-           << sockErrText(e) << "  errors[" << bindErrors.errorCount() << "]\n");
+                                           << sockErrText(e) << "  errors[" << bindErrors.errorCount() << "]\n");
     }
     if (newEvery != 0) {
         UTL_TRACE("BindTCPSocket: Changing reporting frequency to every " << newEvery << " errors!\n");
@@ -618,8 +624,9 @@ bool OsSocket::Connect(bool report)
     }
     if (n == 0 || (p.revents & (POLLOUT | POLLERR | POLLHUP)) == 0) {
         errNum = ETIMEDOUT;
-        SOCK_TRACE(SOCK_TRACE_CONNECT, "Connect Socket[" << fd << "] FAILED FD_ISSET check when attempting to connect to [" << m_sockAddr
-           << "]\n");
+        SOCK_TRACE(SOCK_TRACE_CONNECT, "Connect Socket[" << fd
+                                                         << "] FAILED FD_ISSET check when attempting to connect to ["
+                                                         << m_sockAddr << "]\n");
         bSockErr = true;
         return false;
     }
@@ -634,8 +641,8 @@ bool OsSocket::Connect(bool report)
     }
     if (soErr != 0) {
         errNum = soErr;
-        SOCK_TRACE(SOCK_TRACE_CONNECT, "Connect Socket[" << fd << "] FAILED to connect to [" << m_sockAddr << "] SO_ERROR reported errNum["
-           << soErr << "]\n");
+        SOCK_TRACE(SOCK_TRACE_CONNECT, "Connect Socket[" << fd << "] FAILED to connect to [" << m_sockAddr
+                                                         << "] SO_ERROR reported errNum[" << soErr << "]\n");
         bSockErr = true;
         return false;
     }
@@ -688,7 +695,8 @@ OsSocket* OsSocket::Accept()
     client->setRxTimeoutOption(fd, op);
     client->setTxTimeoutOption(fd, op);
     client->setNoDelayOption(fd, op);
-    SOCK_TRACE(SOCK_TRACE_BIND, "Accept  Local server[" << c_sockaddr(fd) << "] accepted remote client[" << client->m_sockAddr << "]\n");
+    SOCK_TRACE(SOCK_TRACE_BIND,
+               "Accept  Local server[" << c_sockaddr(fd) << "] accepted remote client[" << client->m_sockAddr << "]\n");
     return client;
 }
 
@@ -854,9 +862,9 @@ bool parseHexField(const std::string& s, std::size_t digits, unsigned long& out)
     out = 0;
     for (char c : s) {
         const int v = std::isdigit(static_cast<unsigned char>(c)) ? c - '0'
-                      : (c >= 'a' && c <= 'f')                  ? c - 'a' + 10
-                      : (c >= 'A' && c <= 'F')                  ? c - 'A' + 10
-                                                                : -1;
+                      : (c >= 'a' && c <= 'f')                    ? c - 'a' + 10
+                      : (c >= 'A' && c <= 'F')                    ? c - 'A' + 10
+                                                                  : -1;
         if (v < 0) return false;
         out = out * 16 + static_cast<unsigned long>(v);
     }

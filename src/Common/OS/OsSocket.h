@@ -74,7 +74,11 @@ public:
     // Counts one failure. True when this one is to be reported; newEvery is
     // set to the new reporting frequency when it changes (else 0).
     bool countFailure(unsigned& newEvery);
-    void reset() { errors = 0; every = 1; }
+    void reset()
+    {
+        errors = 0;
+        every = 1;
+    }
     unsigned errorCount() const { return errors; }
     unsigned frequency() const { return every; }
 
@@ -226,8 +230,7 @@ public:
     // A loopback address with a tunnel port stands for the remote end of the
     // tunnel's established outgoing connection to that port; anything else
     // maps to itself.
-    static c_inaddr MapStunnelIP(const c_inaddr& ip, unsigned short port,
-                                 const std::vector<PROC_NET_TCP_ENTRY>& table);
+    static c_inaddr MapStunnelIP(const c_inaddr& ip, unsigned short port, const std::vector<PROC_NET_TCP_ENTRY>& table);
     static c_inaddr MapStunnelIP(const c_inaddr& ip, unsigned short port);
 
     // Name passed to "./KillOutstandingApp.sh"; "ORVMgmt" when none is set.

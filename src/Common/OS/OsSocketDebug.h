@@ -64,13 +64,22 @@ struct Hex8 {
     std::uint64_t value;
 };
 std::ostream& operator<<(std::ostream& os, const Hex8& h);
-inline Hex8 hex8(std::uint64_t v) { return Hex8(v); }
-inline Hex8 hex8(const void* p) { return Hex8(reinterpret_cast<std::uintptr_t>(p)); }
+inline Hex8 hex8(std::uint64_t v)
+{
+    return Hex8(v);
+}
+inline Hex8 hex8(const void* p)
+{
+    return Hex8(reinterpret_cast<std::uintptr_t>(p));
+}
 
 // The text printed after "errNum[<n>] ": the resolver's error text, as the
 // socket messages have always shown it.
 const char* sockErrText(int errNum);
-inline const char* boolText(bool b) { return b ? "true" : "false"; }
+inline const char* boolText(bool b)
+{
+    return b ? "true" : "false";
+}
 
 // Raw dump: "<title>: raw[<n>] bytes\n" and lines of 16 bytes
 // "  0000  4D 53 47 3A ...  MSG:....\n".

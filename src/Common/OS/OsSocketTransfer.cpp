@@ -79,9 +79,7 @@ bool OsSocket::readFrame(ORV_CTL_MSG* ctl, CtlStep ctlStep, ORV_APP_MSG*& app, c
             state = READ_CTL_MSG;
             break;
         }
-        default:
-            state = READ_CTL_MSG;
-            break;
+        default: state = READ_CTL_MSG; break;
         }
         if (state == READ_COMPLETE || state == READ_FAILED) break;
         if (!mayContinue()) break;
@@ -115,7 +113,7 @@ OsSocket::ReadState OsSocket::ReadCtlMsgCommon(ORV_CTL_MSG* ctl)
     if (!Read(reinterpret_cast<char*>(ctl), sizeof(ORV_CTL_MSG), &got)) return READ_CTL_MSG;
     if (got != sizeof(ORV_CTL_MSG)) {
         UTL_TRACE("ReadCtlMsgCommon: IP[" << peerText() << "] Short ORV_CTL_MSG.  Expected [" << sizeof(ORV_CTL_MSG)
-           << "] bytes.  Received [" << got << "] bytes.\n");
+                                          << "] bytes.  Received [" << got << "] bytes.\n");
         return READ_PURGE;
     }
     if (sockTraceOn(SOCK_TRACE_RAW)) sockLog(rawDump("ReadCtlMsgCommon", ctl, got < 32 ? got : 32));
@@ -130,7 +128,7 @@ OsSocket::ReadState OsSocket::ReadCtlMsgCommon(ORV_CTL_MSG* ctl)
     }
     if (ctl->getMarker() != MARKER) {
         UTL_TRACE("ReadCtlMsgCommon: IP[" << peerText() << "] Missing ORV_MSG_MARKER in ORV_CTL_MSG.  Expected ["
-           << hex8(MARKER) << "] bytes.  Received [" << hex8(marker) << "] bytes.\n");
+                                          << hex8(MARKER) << "] bytes.  Received [" << hex8(marker) << "] bytes.\n");
         return READ_PURGE;
     }
     if (ctl->getSize() == 0) {
@@ -145,7 +143,8 @@ OsSocket::ReadState OsSocket::ReadCtlMsg(ORV_CTL_MSG* ctl, unsigned maxSize)
     const ReadState state = ReadCtlMsgCommon(ctl);
     if (state == READ_APP_MSG && ctl->getSize() > maxSize) {
         UTL_TRACE("ReadCtlMsg: IP[" << peerText() << "] ORV_CTL_MSG size [" << ctl->getSize()
-           << "] (as provided in ORV_CTL_MSG) is larger than expected size[" << maxSize << "]\n");
+                                    << "] (as provided in ORV_CTL_MSG) is larger than expected size[" << maxSize
+                                    << "]\n");
         return READ_PURGE;
     }
     return state;
@@ -162,7 +161,8 @@ OsSocket::ReadState OsSocket::ReadCtlMsgWithAppMsgMemAlloc(ORV_CTL_MSG* ctl, ORV
     char* buf = new (std::nothrow) char[bytes];
     if (buf == nullptr) {
         UTL_TRACE("ReadCtlMsgWithAppMsgMemAlloc: IP[" << peerText()
-           << "] failed to allocate memory for ORV_APP_MSG size [" << size << "] (as provided in ORV_CTL_MSG)\n");
+                                                      << "] failed to allocate memory for ORV_APP_MSG size [" << size
+                                                      << "] (as provided in ORV_CTL_MSG)\n");
         return READ_PURGE;
     }
     if (bytes != size) std::memset(buf, 0, bytes);
@@ -179,7 +179,7 @@ OsSocket::ReadState OsSocket::ReadAppMsg(ORV_APP_MSG* app, unsigned size, unsign
     unsigned got = 0;
     if (!Read(at, want, &got)) {
         UTL_TRACE("ReadAppMsg: IP[" << peerText() << "] Reading ORV_APP_MSG failed. Wanted [" << want
-           << "] bytes.  Read [" << got << "] bytes.\n");
+                                    << "] bytes.  Read [" << got << "] bytes.\n");
         return READ_FAILED;
     }
     if (bytesRead == 0 && sockTraceOn(SOCK_TRACE_RAW)) sockLog(rawDump("ReadAppMsg", at, got < 32 ? got : 32));
@@ -322,15 +322,15 @@ int OsSocket::waitForReadySocket()
         }
         if (n == -1) {
             errNum = e;
-            SOCK_TRACE(SOCK_TRACE_WAIT, "waitForReadySocket: IP[" << peerText() << "] select() returned error.  errNum[" << e << "] "
-               << sockErrText(e) << "\n");
+            SOCK_TRACE(SOCK_TRACE_WAIT, "waitForReadySocket: IP[" << peerText() << "] select() returned error.  errNum["
+                                                                  << e << "] " << sockErrText(e) << "\n");
             if (!interruptOrTryAgain(e)) {
                 SignalShutdown();
                 bSockErr = true;
                 return 0;
             }
             UTL_TRACE("waitForReadySocket: errNum[" << e << "] " << sockErrText(e)
-               << "] is INTERRUPT_ERROR[4] or TRY_AGAIN_ERROR[11]\n");
+                                                    << "] is INTERRUPT_ERROR[4] or TRY_AGAIN_ERROR[11]\n");
             n = 0;
             continue;
         }
@@ -338,8 +338,9 @@ int OsSocket::waitForReadySocket()
             sockLog("waitForReadySocket: IP[" + peerText() + "] nReadySockets[1] but FD_ISSET() returns false!\n");
         }
     }
-    SOCK_TRACE(SOCK_TRACE_WAIT_EXIT, "waitForReadySocket: IP[" << peerText() << "] nReadySockets[" << n << "] Shuttingdown()["
-       << boolText(Shuttingdown()) << "] bSockErr[" << boolText(bSockErr) << "]\n");
+    SOCK_TRACE(SOCK_TRACE_WAIT_EXIT, "waitForReadySocket: IP[" << peerText() << "] nReadySockets[" << n
+                                                               << "] Shuttingdown()[" << boolText(Shuttingdown())
+                                                               << "] bSockErr[" << boolText(bSockErr) << "]\n");
     return n;
 }
 
@@ -393,8 +394,9 @@ int OsSocket::readAllData(char* buf, unsigned len, unsigned* got)
         errNum = e;
         if (!interruptOrTryAgain(e)) break;
         ++interrupts;
-        SOCK_TRACE(SOCK_TRACE_INTERRUPT, "readAllData: interrupt " << interrupts << ", errNum[" << e << "] " << sockErrText(e)
-           << "] is INTERRUPT_ERROR[4] or TRY_AGAIN_ERROR[11]\n");
+        SOCK_TRACE(SOCK_TRACE_INTERRUPT, "readAllData: interrupt "
+                                             << interrupts << ", errNum[" << e << "] " << sockErrText(e)
+                                             << "] is INTERRUPT_ERROR[4] or TRY_AGAIN_ERROR[11]\n");
         if (interrupts >= MAX_READ_INTERRUPTS) {
             errNum = TOO_MANY_INTERRUPTS;
             break;
@@ -456,14 +458,15 @@ int OsSocket::waitForAllData(unsigned n)
     }
     errNum = e;
     if (!interruptOrTryAgain(e)) {
-        SOCK_TRACE(SOCK_TRACE_INTERRUPT, "waitForAllData: ioctlsocket(FIONREAD) failed.  IP[" << peerText() << "]  rc[" << rc << "]  errNum["
-           << e << "] " << sockErrText(e) << "  bytesAvail[" << avail << "]\n");
+        SOCK_TRACE(SOCK_TRACE_INTERRUPT, "waitForAllData: ioctlsocket(FIONREAD) failed.  IP["
+                                             << peerText() << "]  rc[" << rc << "]  errNum[" << e << "] "
+                                             << sockErrText(e) << "  bytesAvail[" << avail << "]\n");
         SignalShutdown();
         bSockErr = true;
         return -1;
     }
     UTL_TRACE("waitForAllData: errNum[" << e << "] " << sockErrText(e)
-       << "] is INTERRUPT_ERROR[4] or TRY_AGAIN_ERROR[11]\n");
+                                        << "] is INTERRUPT_ERROR[4] or TRY_AGAIN_ERROR[11]\n");
     return 0;
 }
 
@@ -482,8 +485,9 @@ bool OsSocket::ReadReady()
     if (rc == 0 && avail != 0) return true;
     if (rc != 0) {
         errNum = e;
-        SOCK_TRACE(SOCK_TRACE_INTERRUPT, "ReadReady: ioctlsocket(FIONREAD) failed.  IP[" << peerText() << "]  rc[" << rc << "]  errNum[" << e
-           << "] " << sockErrText(e) << "  bytesAvail[" << avail << "]\n");
+        SOCK_TRACE(SOCK_TRACE_INTERRUPT, "ReadReady: ioctlsocket(FIONREAD) failed.  IP["
+                                             << peerText() << "]  rc[" << rc << "]  errNum[" << e << "] "
+                                             << sockErrText(e) << "  bytesAvail[" << avail << "]\n");
     }
     return false;
 }
@@ -505,7 +509,8 @@ bool OsSocket::SendBD(TCP_BD* chain)
     bool failed = false;
     for (TCP_BD* bd = gathered ? nullptr : chain; bd != nullptr && !failed && mayContinue();) {
         const int size = bd->size;
-        SOCK_TRACE(SOCK_TRACE_SEND_BD, "SendBD: Sending nBytes[" << size << "] of data at [" << hex8(bd->pBuf) << "]\n");
+        SOCK_TRACE(SOCK_TRACE_SEND_BD,
+                   "SendBD: Sending nBytes[" << size << "] of data at [" << hex8(bd->pBuf) << "]\n");
         const char* p = static_cast<const char*>(bd->pBuf);
         int left = size;
         while (left > 0 && mayContinue()) {
@@ -520,12 +525,14 @@ bool OsSocket::SendBD(TCP_BD* chain)
                 continue;
             }
             if (n < 0) {
-                SOCK_TRACE(SOCK_TRACE_SEND_ERROR, "SendBD: Error sending nBytesToSend[" << left << "] on Socket[" << fd << "]\n");
+                SOCK_TRACE(SOCK_TRACE_SEND_ERROR,
+                           "SendBD: Error sending nBytesToSend[" << left << "] on Socket[" << fd << "]\n");
                 if (retrySend(e, fd, wouldBlock)) continue;
                 setError(e);
                 SignalShutdown();
-                SOCK_TRACE(SOCK_TRACE_SEND_ERROR, "SendBD: IP[" << peerText() << "] pBD[" << hex8(bd) << "] FAILED TO send nBytes[" << size
-                   << "] errNum[" << e << "] " << sockErrText(e) << "\n");
+                SOCK_TRACE(SOCK_TRACE_SEND_ERROR, "SendBD: IP[" << peerText() << "] pBD[" << hex8(bd)
+                                                                << "] FAILED TO send nBytes[" << size << "] errNum["
+                                                                << e << "] " << sockErrText(e) << "\n");
                 failed = true;
                 break;
             }
@@ -539,8 +546,8 @@ bool OsSocket::SendBD(TCP_BD* chain)
                     UTL_TRACE("SendBD: IP[" << peerText() << "] pBD[" << hex8(bd) << "] Sent nBytes[" << size << "]\n");
                 }
             } else if (sockTraceOn(SOCK_TRACE_SEND_ERROR)) {
-                UTL_TRACE("SendBD: Only sent nBytesSent[" << n << "] of nBytesToSend[" << n + left << "] on Socket[" << fd
-                   << "].  Potential timeout coming?\n");
+                UTL_TRACE("SendBD: Only sent nBytesSent[" << n << "] of nBytesToSend[" << n + left << "] on Socket["
+                                                          << fd << "].  Potential timeout coming?\n");
             }
         }
         if (left > 0) break; // stopped by shutdown or failure

@@ -37,15 +37,22 @@ OsThread::~OsThread()
 {
     if (!bThreadTerminating) {
         std::ostringstream os;
-        os << "~OsThread" << ": CALLED OUTSIDE OF EXECUTION THREAD FOR APP TYPE[" << typeid(*this).name() << "]!";
+        os << "~OsThread"
+           << ": CALLED OUTSIDE OF EXECUTION THREAD FOR APP TYPE[" << typeid(*this).name() << "]!";
         debugOut(os.str().c_str());
     }
     CloseHandle(evntShutdownThread);
 }
 
-void* OsThread::Execute(void*) { return nullptr; }
+void* OsThread::Execute(void*)
+{
+    return nullptr;
+}
 
-BOOL OsThread::SignalShutdown() { return SetEvent(evntShutdownThread); }
+BOOL OsThread::SignalShutdown()
+{
+    return SetEvent(evntShutdownThread);
+}
 
 bool OsThread::Start(void* arg)
 {
@@ -53,7 +60,10 @@ bool OsThread::Start(void* arg)
     return _beginthread(ThreadTrampoline, stackSize, this) != OSAL_BEGINTHREAD_FAILED;
 }
 
-void OsThread::ThreadTrampoline(void* self) { EntryPoint(static_cast<OsThread*>(self)); }
+void OsThread::ThreadTrampoline(void* self)
+{
+    EntryPoint(static_cast<OsThread*>(self));
+}
 
 void OsThread::EntryPoint(OsThread* thread)
 {
@@ -77,11 +87,20 @@ void* OsThread::Run(void* arg)
     return Execute(arg);
 }
 
-bool OsThread::Shuttingdown() { return WaitForSingleObject(evntShutdownThread, 0) == WAIT_OBJECT_0; }
+bool OsThread::Shuttingdown()
+{
+    return WaitForSingleObject(evntShutdownThread, 0) == WAIT_OBJECT_0;
+}
 
-bool OsThread::SetPriorityHigh() { return setpriority(PRIO_PROCESS, 0, -10) != 0; }
+bool OsThread::SetPriorityHigh()
+{
+    return setpriority(PRIO_PROCESS, 0, -10) != 0;
+}
 
-bool OsThread::SetPriorityNormal() { return setpriority(PRIO_PROCESS, 0, originalPriority) != 0; }
+bool OsThread::SetPriorityNormal()
+{
+    return setpriority(PRIO_PROCESS, 0, originalPriority) != 0;
+}
 
 void OsThread::SetThreadName(const char* name)
 {

@@ -3,7 +3,10 @@
 #include "Common/Utility/UtlStreamers.h"
 
 // The enumerator itself is named, so a renamed or removed one fails to compile.
-#define N(e) {e, #e}
+#define N(e)                                                                                                           \
+    {                                                                                                                  \
+        e, #e                                                                                                          \
+    }
 
 std::ostream& operator<<(std::ostream& os, USE_TYPE type)
 {
@@ -17,10 +20,9 @@ std::ostream& operator<<(std::ostream& os, USE_TYPE type)
 std::ostream& operator<<(std::ostream& os, PORT_INTERFACE interface)
 {
     static constexpr UtlCodeName kNames[] = {
-        N(PORT_INTERFACE_NONE),     N(PORT_INTERFACE_RJ45),     N(PORT_INTERFACE_SFP),
-        N(PORT_INTERFACE_SFP_PLUS), N(PORT_INTERFACE_SFP28),    N(PORT_INTERFACE_QSFP_PLUS),
-        N(PORT_INTERFACE_QSFP28),   N(PORT_INTERFACE_QSFP_DD),  N(PORT_INTERFACE_XFP),
-        N(PORT_INTERFACE_CFP),      N(PORT_INTERFACE_BACKPLANE),
+        N(PORT_INTERFACE_NONE),  N(PORT_INTERFACE_RJ45),      N(PORT_INTERFACE_SFP),       N(PORT_INTERFACE_SFP_PLUS),
+        N(PORT_INTERFACE_SFP28), N(PORT_INTERFACE_QSFP_PLUS), N(PORT_INTERFACE_QSFP28),    N(PORT_INTERFACE_QSFP_DD),
+        N(PORT_INTERFACE_XFP),   N(PORT_INTERFACE_CFP),       N(PORT_INTERFACE_BACKPLANE),
     };
     return streamCodeName(os, "PORT_INTERFACE", kNames, interface);
 }
@@ -28,9 +30,8 @@ std::ostream& operator<<(std::ostream& os, PORT_INTERFACE interface)
 std::ostream& operator<<(std::ostream& os, PORT_CON_ROLE role)
 {
     static constexpr UtlCodeName kNames[] = {
-        N(PORT_CON_ROLE_NONE),    N(PORT_CON_ROLE_INPUT),   N(PORT_CON_ROLE_OUTPUT),
-        N(PORT_CON_ROLE_DUPLEX),  N(PORT_CON_ROLE_MONITOR), N(PORT_CON_ROLE_TEST),
-        N(PORT_CON_ROLE_MIRROR),
+        N(PORT_CON_ROLE_NONE),    N(PORT_CON_ROLE_INPUT), N(PORT_CON_ROLE_OUTPUT), N(PORT_CON_ROLE_DUPLEX),
+        N(PORT_CON_ROLE_MONITOR), N(PORT_CON_ROLE_TEST),  N(PORT_CON_ROLE_MIRROR),
     };
     return streamCodeName(os, "PORT_CON_ROLE", kNames, role);
 }
@@ -38,10 +39,9 @@ std::ostream& operator<<(std::ostream& os, PORT_CON_ROLE role)
 std::ostream& operator<<(std::ostream& os, PORT_CON_TYPE type)
 {
     static constexpr UtlCodeName kNames[] = {
-        N(PORT_CON_TYPE_NONE),      N(PORT_CON_TYPE_PORT),      N(PORT_CON_TYPE_TEST),
-        N(PORT_CON_TYPE_MONITOR),   N(PORT_CON_TYPE_BROADCAST), N(PORT_CON_TYPE_MULTICAST),
-        N(PORT_CON_TYPE_MIRROR),    N(PORT_CON_TYPE_SUBPORT),   N(PORT_CON_TYPE_PACKET),
-        N(PORT_CON_TYPE_WEAVE),
+        N(PORT_CON_TYPE_NONE),      N(PORT_CON_TYPE_PORT),      N(PORT_CON_TYPE_TEST),   N(PORT_CON_TYPE_MONITOR),
+        N(PORT_CON_TYPE_BROADCAST), N(PORT_CON_TYPE_MULTICAST), N(PORT_CON_TYPE_MIRROR), N(PORT_CON_TYPE_SUBPORT),
+        N(PORT_CON_TYPE_PACKET),    N(PORT_CON_TYPE_WEAVE),
     };
     return streamCodeName(os, "PORT_CON_TYPE", kNames, type);
 }
@@ -89,9 +89,8 @@ std::ostream& operator<<(std::ostream& os, SNMP_AGENT_PRIVACY_PROTOCOL protocol)
 std::ostream& operator<<(std::ostream& os, LBG_HASHING_PROFILE profile)
 {
     static constexpr UtlCodeName kNames[] = {
-        N(LBG_HASHING_PROFILE_DEFAULT), N(LBG_HASHING_PROFILE_L2),
-        N(LBG_HASHING_PROFILE_L3),      N(LBG_HASHING_PROFILE_L3_L4),
-        N(LBG_HASHING_PROFILE_SRC_IP),  N(LBG_HASHING_PROFILE_DST_IP),
+        N(LBG_HASHING_PROFILE_DEFAULT),         N(LBG_HASHING_PROFILE_L2),     N(LBG_HASHING_PROFILE_L3),
+        N(LBG_HASHING_PROFILE_L3_L4),           N(LBG_HASHING_PROFILE_SRC_IP), N(LBG_HASHING_PROFILE_DST_IP),
         N(LBG_HASHING_PROFILE_SYMMETRIC_L3_L4),
     };
     return streamCodeName(os, "LBG_HASHING_PROFILE", kNames, profile);
@@ -109,8 +108,10 @@ std::ostream& operator<<(std::ostream& os, THRESHOLD_SCOPE scope)
 std::ostream& operator<<(std::ostream& os, BACKPLANE_MODE mode)
 {
     static constexpr UtlCodeName kNames[] = {
-        N(BACKPLANE_MODE_NONE),   N(BACKPLANE_MODE_PHYSICAL),
-        N(BACKPLANE_MODE_PACKET), N(BACKPLANE_MODE_HYBRID),
+        N(BACKPLANE_MODE_NONE),
+        N(BACKPLANE_MODE_PHYSICAL),
+        N(BACKPLANE_MODE_PACKET),
+        N(BACKPLANE_MODE_HYBRID),
     };
     return streamCodeName(os, "BACKPLANE_MODE", kNames, mode);
 }
@@ -128,8 +129,10 @@ std::ostream& operator<<(std::ostream& os, PORT_POWER_ON_CONTROL control)
 std::ostream& operator<<(std::ostream& os, HISTORICAL_STAT_COLLECTION_CONTROL control)
 {
     static constexpr UtlCodeName kNames[] = {
-        N(HISTORICAL_STAT_COLLECTION_CONTROL_STOP),  N(HISTORICAL_STAT_COLLECTION_CONTROL_START),
-        N(HISTORICAL_STAT_COLLECTION_CONTROL_PAUSE), N(HISTORICAL_STAT_COLLECTION_CONTROL_CLEAR),
+        N(HISTORICAL_STAT_COLLECTION_CONTROL_STOP),
+        N(HISTORICAL_STAT_COLLECTION_CONTROL_START),
+        N(HISTORICAL_STAT_COLLECTION_CONTROL_PAUSE),
+        N(HISTORICAL_STAT_COLLECTION_CONTROL_CLEAR),
     };
     return streamCodeName(os, "HISTORICAL_STAT_COLLECTION_CONTROL", kNames, control);
 }

@@ -11,8 +11,7 @@ void gen_crc_table(void)
 {
     for (std::uint32_t i = 0; i < 256; ++i) {
         std::uint32_t c = i << 24;
-        for (int bit = 0; bit < 8; ++bit)
-            c = (c & 0x80000000u) ? (c << 1) ^ POLYNOMIAL : c << 1;
+        for (int bit = 0; bit < 8; ++bit) c = (c & 0x80000000u) ? (c << 1) ^ POLYNOMIAL : c << 1;
         crc_table[i] = c;
     }
 }

@@ -13,6 +13,8 @@
 #include <cstdint>
 
 // CATEGORY: the category an API request belongs to; each has its own *_CMD set.
+// Tables: one entry per code, laid out by hand.
+// clang-format off
 #define TAVRO_CATEGORY_LIST(X) \
     X(CATEGORY_LIBCON, 1) X(CATEGORY_SYSTEM, 2) X(CATEGORY_SWITCH, 3) X(CATEGORY_PIM, 4) \
     X(CATEGORY_CHASSIS, 5) X(CATEGORY_PORT, 6) X(CATEGORY_SUBPORT, 7) X(CATEGORY_GROUP, 8) \
@@ -354,3 +356,4 @@
     };
 
 TAVRO_COMMAND_FAMILIES(TAVRO_DECLARE_COMMAND_FAMILY)
+// clang-format on

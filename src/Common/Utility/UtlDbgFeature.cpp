@@ -97,8 +97,7 @@ UtlDbgFeature& UtlDbgContainer::FeatureRegister(const std::string& name, std::ve
         f->SetMask(mask);
     } else {
         std::ostringstream os;
-        os << "FeatureRegister: feature[" << f->Name() << "] setting [" << pendingValue << "] ignored: " << why
-           << "\n";
+        os << "FeatureRegister: feature[" << f->Name() << "] setting [" << pendingValue << "] ignored: " << why << "\n";
         debugOut(os.str().c_str(), false);
     }
     return *f;

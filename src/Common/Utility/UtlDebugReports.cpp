@@ -77,9 +77,9 @@ std::string threadAttributesText(const char* who)
     pthread_attr_getguardsize(&attr, &guard);
     pthread_attr_destroy(&attr);
     pthread_getschedparam(pthread_self(), &policy, &param);
-    msg << " detachstate[" << (detach == PTHREAD_CREATE_DETACHED ? "DETACHED" : "JOINABLE") << "] stacksize["
-        << stack << "] guardsize[" << guard << "] policy[" << policyName(policy) << "] priority["
-        << param.sched_priority << "]\n";
+    msg << " detachstate[" << (detach == PTHREAD_CREATE_DETACHED ? "DETACHED" : "JOINABLE") << "] stacksize[" << stack
+        << "] guardsize[" << guard << "] policy[" << policyName(policy) << "] priority[" << param.sched_priority
+        << "]\n";
     return msg.str();
 }
 

@@ -175,8 +175,10 @@ int mygetaddrinfo(const char* /*node*/, const char* /*service*/, const struct ad
         tail = &info->ai_next;
     }
     freeifaddrs(interfaces);
-    if (result != nullptr) *result = head;
-    else myfreeaddrinfo(head);
+    if (result != nullptr)
+        *result = head;
+    else
+        myfreeaddrinfo(head);
     return 0;
 }
 
@@ -326,8 +328,7 @@ bool ftpUrlPieces(const std::string& url, std::string& user, std::string& passwo
     if (colon != std::string::npos) {
         std::string digits = hostPort.substr(colon + 1);
         hostPort.resize(colon);
-        if (digits.empty() || digits.size() > 5 ||
-            digits.find_first_not_of("0123456789") != std::string::npos ||
+        if (digits.empty() || digits.size() > 5 || digits.find_first_not_of("0123456789") != std::string::npos ||
             (portValue = std::strtoul(digits.c_str(), nullptr, 10)) > 65535) {
             user.clear();
             password.clear();

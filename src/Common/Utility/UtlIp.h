@@ -71,7 +71,10 @@ public:
     }
 
     operator sockaddr*() { return reinterpret_cast<sockaddr*>(static_cast<sockaddr_in*>(this)); }
-    operator const sockaddr*() const { return reinterpret_cast<const sockaddr*>(static_cast<const sockaddr_in*>(this)); }
+    operator const sockaddr*() const
+    {
+        return reinterpret_cast<const sockaddr*>(static_cast<const sockaddr_in*>(this));
+    }
     operator sockaddr_in*() { return this; }
     operator const sockaddr_in*() const { return this; }
 
@@ -97,8 +100,10 @@ struct MAC_ADDRESS {
     void clear() { std::memset(addr, 0, sizeof addr); }
     MAC_ADDRESS& operator=(const unsigned char* p)
     {
-        if (p == nullptr) clear();
-        else std::memcpy(addr, p, sizeof addr);
+        if (p == nullptr)
+            clear();
+        else
+            std::memcpy(addr, p, sizeof addr);
         return *this;
     }
     bool operator==(const MAC_ADDRESS& o) const { return std::memcmp(addr, o.addr, sizeof addr) == 0; }
@@ -149,9 +154,8 @@ TAVRO_EXPORT int makeHexToBinary(char* text);
 // with its leading and trailing "/" ("/" when there is none), file the last
 // part (may be empty), port in host order (21 when absent). Returns false when url does not start with "ftp://" or
 // has no host; the outputs are then cleared.
-TAVRO_EXPORT bool ftpUrlPieces(const std::string& url, std::string& user, std::string& password,
-                               std::string& host, std::string& path, std::string& file,
-                               unsigned short& port);
+TAVRO_EXPORT bool ftpUrlPieces(const std::string& url, std::string& user, std::string& password, std::string& host,
+                               std::string& path, std::string& file, unsigned short& port);
 
 namespace tavro_internal {
 // Runs a shell command and returns its wait status as system() does. Tests

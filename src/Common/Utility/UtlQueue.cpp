@@ -107,7 +107,10 @@ std::size_t UtlQueue::TakeAll(std::vector<void*>& out)
     return n;
 }
 
-bool UtlQueue::WaitNotEmpty(DWORD ms) { return WaitForSingleObject(wait, ms) == WAIT_OBJECT_0; }
+bool UtlQueue::WaitNotEmpty(DWORD ms)
+{
+    return WaitForSingleObject(wait, ms) == WAIT_OBJECT_0;
+}
 
 bool UtlQueue::Empty()
 {

@@ -12,8 +12,8 @@ std::ostream& streamUnknownTypeValueString(std::ostream& os, const char* typeNam
     // The text has one fixed form whatever the caller left set: no "+", no
     // second "0x" from showbase, lower-case hex digits.
     os.unsetf(std::ios_base::showpos | std::ios_base::showbase | std::ios_base::uppercase);
-    os << "UNKNOWN " << typeName << "[" << std::dec << value << "][0x" << std::hex
-       << std::setw(8) << std::setfill('0') << std::right << static_cast<std::uint32_t>(value) << "]";
+    os << "UNKNOWN " << typeName << "[" << std::dec << value << "][0x" << std::hex << std::setw(8) << std::setfill('0')
+       << std::right << static_cast<std::uint32_t>(value) << "]";
     return os;
 }
 
@@ -27,26 +27,29 @@ const char* findCodeName(const UtlCodeName* table, std::size_t count, int value)
     return nullptr;
 }
 
-std::ostream& streamCodeName(std::ostream& os, const char* typeName, const UtlCodeName* table,
-                             std::size_t count, int value)
+std::ostream& streamCodeName(std::ostream& os, const char* typeName, const UtlCodeName* table, std::size_t count,
+                             int value)
 {
     if (const char* name = findCodeName(table, count, value)) return os << name;
     return streamUnknownTypeValueString(os, typeName, value);
 }
 
 #define TAVRO_NAME_ENTRY(name, value) {value, #name},
-#define TAVRO_DEFINE_FAMILY_STREAMER(TYPE)                                         \
-    std::ostream& operator<<(std::ostream& os, const TYPE& code)                   \
-    {                                                                              \
-        static constexpr UtlCodeName kNames[] = {TAVRO_##TYPE##_LIST(TAVRO_NAME_ENTRY)}; \
-        return streamCodeName(os, #TYPE, kNames, code.getValue());                 \
+#define TAVRO_DEFINE_FAMILY_STREAMER(TYPE)                                                                             \
+    std::ostream& operator<<(std::ostream& os, const TYPE& code)                                                       \
+    {                                                                                                                  \
+        static constexpr UtlCodeName kNames[] = {TAVRO_##TYPE##_LIST(TAVRO_NAME_ENTRY)};                               \
+        return streamCodeName(os, #TYPE, kNames, code.getValue());                                                     \
     }
 TAVRO_COMMAND_FAMILIES(TAVRO_DEFINE_FAMILY_STREAMER)
 #undef TAVRO_DEFINE_FAMILY_STREAMER
 #undef TAVRO_NAME_ENTRY
 
 // The enumerator itself is named, so a renamed or removed one fails to compile.
-#define TAVRO_ENUM_NAME(e) {e, #e}
+#define TAVRO_ENUM_NAME(e)                                                                                             \
+    {                                                                                                                  \
+        e, #e                                                                                                          \
+    }
 
 std::ostream& operator<<(std::ostream& os, I_EVENT_TYPE type)
 {
@@ -138,23 +141,21 @@ std::ostream& operator<<(std::ostream& os, I_EVENT_TYPE type)
         TAVRO_ENUM_NAME(I_EVENT_TYPE_DEVICE_APP_STATUS),
         TAVRO_ENUM_NAME(I_EVENT_TYPE_DEVICE_APP),
     };
-    static_assert(std::size(kNames) == I_EVENT_TYPE_LAST - I_EVENT_TYPE_FIRST + 1,
-                  "one name per event type");
+    static_assert(std::size(kNames) == I_EVENT_TYPE_LAST - I_EVENT_TYPE_FIRST + 1, "one name per event type");
     return streamCodeName(os, "I_EVENT_TYPE", kNames, type);
 }
 
 std::ostream& operator<<(std::ostream& os, I_EVENT_ACTION action)
 {
     static constexpr UtlCodeName kNames[] = {
-        TAVRO_ENUM_NAME(I_EVENT_ACTION_ADD),     TAVRO_ENUM_NAME(I_EVENT_ACTION_REVISE),
-        TAVRO_ENUM_NAME(I_EVENT_ACTION_DELETE),  TAVRO_ENUM_NAME(I_EVENT_ACTION_ON),
-        TAVRO_ENUM_NAME(I_EVENT_ACTION_OFF),     TAVRO_ENUM_NAME(I_EVENT_ACTION_DELETE_DUP),
-        TAVRO_ENUM_NAME(I_EVENT_ACTION_CLEAR),   TAVRO_ENUM_NAME(I_EVENT_ACTION_REFRESH),
-        TAVRO_ENUM_NAME(I_EVENT_ACTION_PROMOTE), TAVRO_ENUM_NAME(I_EVENT_ACTION_RESET),
-        TAVRO_ENUM_NAME(I_EVENT_ACTION_UPDATE),  TAVRO_ENUM_NAME(I_EVENT_ACTION_RESTORE),
+        TAVRO_ENUM_NAME(I_EVENT_ACTION_ADD),           TAVRO_ENUM_NAME(I_EVENT_ACTION_REVISE),
+        TAVRO_ENUM_NAME(I_EVENT_ACTION_DELETE),        TAVRO_ENUM_NAME(I_EVENT_ACTION_ON),
+        TAVRO_ENUM_NAME(I_EVENT_ACTION_OFF),           TAVRO_ENUM_NAME(I_EVENT_ACTION_DELETE_DUP),
+        TAVRO_ENUM_NAME(I_EVENT_ACTION_CLEAR),         TAVRO_ENUM_NAME(I_EVENT_ACTION_REFRESH),
+        TAVRO_ENUM_NAME(I_EVENT_ACTION_PROMOTE),       TAVRO_ENUM_NAME(I_EVENT_ACTION_RESET),
+        TAVRO_ENUM_NAME(I_EVENT_ACTION_UPDATE),        TAVRO_ENUM_NAME(I_EVENT_ACTION_RESTORE),
         TAVRO_ENUM_NAME(I_EVENT_ACTION_UPDATE_STATUS),
     };
-    static_assert(std::size(kNames) == I_EVENT_ACTION_LAST - I_EVENT_ACTION_FIRST + 1,
-                  "one name per event action");
+    static_assert(std::size(kNames) == I_EVENT_ACTION_LAST - I_EVENT_ACTION_FIRST + 1, "one name per event action");
     return streamCodeName(os, "I_EVENT_ACTION", kNames, action);
 }

@@ -25,12 +25,11 @@ struct UtlCodeName {
 const char* findCodeName(const UtlCodeName* table, std::size_t count, int value);
 
 // Writes the name of value from table, or the unknown text with typeName.
-std::ostream& streamCodeName(std::ostream& os, const char* typeName, const UtlCodeName* table,
-                             std::size_t count, int value);
+std::ostream& streamCodeName(std::ostream& os, const char* typeName, const UtlCodeName* table, std::size_t count,
+                             int value);
 
 template <std::size_t N>
-std::ostream& streamCodeName(std::ostream& os, const char* typeName, const UtlCodeName (&table)[N],
-                             int value)
+std::ostream& streamCodeName(std::ostream& os, const char* typeName, const UtlCodeName (&table)[N], int value)
 {
     return streamCodeName(os, typeName, table, N, value);
 }

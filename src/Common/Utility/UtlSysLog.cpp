@@ -84,8 +84,7 @@ const char* getSysLogPriorityText(const ALARM_PRIORITY& priority)
 
 const char* getSysLogFacilityText(int facility)
 {
-    static const char* const texts[] = {"local0", "local1", "local2", "local3",
-                                        "local4", "local5", "local6", "local7"};
+    static const char* const texts[] = {"local0", "local1", "local2", "local3", "local4", "local5", "local6", "local7"};
     return facility >= 0 && facility < 8 ? texts[facility] : texts[0];
 }
 

@@ -36,7 +36,10 @@ bool isLocal(const c_inaddr& ip)
     return ip.s_addr == 0 || ip.s_addr == htonl(INADDR_LOOPBACK);
 }
 
-void trace(const std::ostringstream& os) { debugOut(os.str().c_str()); }
+void trace(const std::ostringstream& os)
+{
+    debugOut(os.str().c_str());
+}
 
 } // namespace
 
@@ -118,8 +121,8 @@ int systemCall(const std::string& command, const c_inaddr& ip, SYSTEM_CALL_MODE 
     return rc;
 }
 
-int systemCall(const std::stringstream& command, const c_inaddr& ip, SYSTEM_CALL_MODE mode,
-               SYS_CALL_DEBUG_MODE debug, const char* caller)
+int systemCall(const std::stringstream& command, const c_inaddr& ip, SYSTEM_CALL_MODE mode, SYS_CALL_DEBUG_MODE debug,
+               const char* caller)
 {
     return systemCall(command.str(), ip, mode, debug, caller);
 }
@@ -131,8 +134,8 @@ int changeOwnerToCorvid(const std::string& path, const c_inaddr& ip, CHANGE_OWNE
     const std::string quote = isLocal(ip) ? "" : "'";
     std::string command;
     if (mode == CHANGE_OWNER_MODE_CHECK_FILE_EXIST)
-        command = quote + "sudo /bin/sh -c \"if [ -f " + path + " ]; then chown corvid:corvid " + path + "; fi\"" +
-                  quote;
+        command =
+            quote + "sudo /bin/sh -c \"if [ -f " + path + " ]; then chown corvid:corvid " + path + "; fi\"" + quote;
     else
         command = quote + "sudo chown corvid:corvid " + path + quote;
 

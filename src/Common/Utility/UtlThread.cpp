@@ -49,7 +49,10 @@ PeriodicThread::PeriodicThread(unsigned periodMsec, const char* name, PACEMAKER_
 
 PeriodicThread::~PeriodicThread() = default;
 
-unsigned PeriodicThread::Clock() { return pacemakerClock(get_ticks()); }
+unsigned PeriodicThread::Clock()
+{
+    return pacemakerClock(get_ticks());
+}
 
 void* PeriodicThread::Execute(void* arg)
 {
@@ -81,8 +84,8 @@ void PeriodicThread::Pacemaker(unsigned start)
     }
     if (step.took >= m_PeriodUsec && s_EnableDebugEvents) {
         std::ostringstream os;
-        os << "Periodic Action [" << m_Name << "] took more time ([" << step.took << "]  usecs) than the timer period (["
-           << m_PeriodUsec << "] usecs)!";
+        os << "Periodic Action [" << m_Name << "] took more time ([" << step.took
+           << "]  usecs) than the timer period ([" << m_PeriodUsec << "] usecs)!";
         debugOut(os.str().c_str());
     }
     m_PeriodicExecTimeUsec = step.nextDue;

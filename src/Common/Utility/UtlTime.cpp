@@ -92,10 +92,9 @@ std::ostream& operator<<(std::ostream& os, const timeval& tv)
 {
     const tm t = utc(tv);
     FormatGuard g(os);
-    os << std::setw(2) << t.tm_mon + 1 << kDelimiters[0] << std::setw(2) << t.tm_mday << kDelimiters[1]
-       << std::setw(2) << t.tm_year + 1900 << kDelimiters[2] << std::setw(2) << t.tm_hour << kDelimiters[3]
-       << std::setw(2) << t.tm_min << kDelimiters[4] << std::setw(2) << t.tm_sec << kDelimiters[5] << std::setw(3)
-       << tv.tv_usec / 1000;
+    os << std::setw(2) << t.tm_mon + 1 << kDelimiters[0] << std::setw(2) << t.tm_mday << kDelimiters[1] << std::setw(2)
+       << t.tm_year + 1900 << kDelimiters[2] << std::setw(2) << t.tm_hour << kDelimiters[3] << std::setw(2) << t.tm_min
+       << kDelimiters[4] << std::setw(2) << t.tm_sec << kDelimiters[5] << std::setw(3) << tv.tv_usec / 1000;
     return os;
 }
 
@@ -140,8 +139,7 @@ std::ostream& operator<<(std::ostream& os, const date& d)
 {
     const tm t = utc(d.tv);
     FormatGuard g(os);
-    os << std::setw(2) << t.tm_year + 1900 << '-' << std::setw(2) << t.tm_mon + 1 << '-' << std::setw(2)
-       << t.tm_mday;
+    os << std::setw(2) << t.tm_year + 1900 << '-' << std::setw(2) << t.tm_mon + 1 << '-' << std::setw(2) << t.tm_mday;
     return os;
 }
 

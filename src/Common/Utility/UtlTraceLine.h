@@ -9,13 +9,13 @@
 
 #include "Common/Utility/UtlDebug.h"
 
-#define UTL_TRACE_IF(enabled, expr)                          \
-    do {                                                     \
-        if (enabled) {                                       \
-            std::ostringstream utlTraceLine_;                \
-            utlTraceLine_ << expr;                           \
-            debugOut(utlTraceLine_.str().c_str(), false);    \
-        }                                                    \
+#define UTL_TRACE_IF(enabled, expr)                                                                                    \
+    do {                                                                                                               \
+        if (enabled) {                                                                                                 \
+            std::ostringstream utlTraceLine_;                                                                          \
+            utlTraceLine_ << expr;                                                                                     \
+            debugOut(utlTraceLine_.str().c_str(), false);                                                              \
+        }                                                                                                              \
     } while (0)
 
 #define UTL_TRACE(expr) UTL_TRACE_IF(true, expr)

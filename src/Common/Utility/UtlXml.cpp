@@ -17,7 +17,10 @@ using namespace utl_xml_internal;
 
 namespace {
 
-const char* orEmpty(const char* s) { return s ? s : ""; }
+const char* orEmpty(const char* s)
+{
+    return s ? s : "";
+}
 
 // Whole file into out; false for anything that is not a readable regular
 // file (TinyXML's own loader would trust ftell on a directory).
@@ -78,8 +81,8 @@ TiXmlElement* UtlXml::loadDOMFromFile(TiXmlDocument& doc, const char* path, cons
     if (path == nullptr || !readRegularFile(path, raw)) throwUtlXmlException("loadDOMFromFile", failure);
     const std::string text = normalizedLines(raw);
     if (!xmlWithinLimits(text, TIXML_DEFAULT_ENCODING)) {
-        debugOut(("loadDOMFromFile: XML nesting or attribute count beyond limits in [" + std::string(path) + "]\n")
-                     .c_str());
+        debugOut(
+            ("loadDOMFromFile: XML nesting or attribute count beyond limits in [" + std::string(path) + "]\n").c_str());
         throwUtlXmlException("loadDOMFromFile", failure);
     }
     // What doc.LoadFile(path) does, but parsing our padded copy.

@@ -21,10 +21,7 @@ public:
     XmlShape run(const char* p);
 
 private:
-    static bool isWhite(char c)
-    {
-        return std::isspace(static_cast<unsigned char>(c)) || c == '\n' || c == '\r';
-    }
+    static bool isWhite(char c) { return std::isspace(static_cast<unsigned char>(c)) || c == '\n' || c == '\r'; }
     // TinyXML takes every byte from 127 up as a letter.
     static bool isAlpha(char c)
     {
@@ -38,7 +35,10 @@ private:
     }
     static bool startsWith(const char* p, const char* tag)
     {
-        while (*p && *tag && *p == *tag) { ++p; ++tag; }
+        while (*p && *tag && *p == *tag) {
+            ++p;
+            ++tag;
+        }
         return *tag == 0;
     }
     static bool startsWithNoCase(const char* p, const char* tag)

@@ -163,7 +163,7 @@ TEST_F(SocketFixture, ClientPreparationSetsEveryOption)
     EXPECT_EQ(intOption(fd, IPPROTO_TCP, TCP_KEEPIDLE), 15);
     EXPECT_EQ(intOption(fd, IPPROTO_TCP, TCP_KEEPINTVL), 5);
     EXPECT_EQ(intOption(fd, IPPROTO_TCP, TCP_KEEPCNT), 3);
-    EXPECT_EQ(intOption(fd, IPPROTO_TCP, 18), 10000); // TCP_USER_TIMEOUT
+    EXPECT_EQ(intOption(fd, IPPROTO_TCP, 18), 10000);      // TCP_USER_TIMEOUT
     EXPECT_NE(intOption(fd, IPPROTO_TCP, TCP_NODELAY), 0); // no delayed-ACK stall between frame pieces
     EXPECT_EQ(intOption(fd, SOL_SOCKET, SO_REUSEADDR), 0);
     EXPECT_NE(fcntl(fd, F_GETFD) & FD_CLOEXEC, 0);
@@ -185,15 +185,16 @@ TEST_F(SocketFixture, OptionSuccessIsTracedOnlyWithItsBit)
         const std::string fd = std::to_string(s.GetSocket());
         const std::string pre = "(): Socket[" + fd + "] ";
         EXPECT_EQ(out, "disableInheritance: PrepareTCPSocket" + pre + "fcntl( FD_CLOEXEC ) succeeded.\n" +
-                           "setLingerOnCloseOffOption: PrepareTCPSocket" + pre + "setsockopt( SO_LINGER ) succeeded.\n" +
-                           "setKeepAliveOptions: PrepareTCPSocket" + pre + "setsockopt( SO_KEEPALIVE ) succeeded.\n" +
-                           "setKeepAliveOptions: PrepareTCPSocket" + pre + "setsockopt( TCP_KEEPIDLE ) succeeded.\n" +
-                           "setKeepAliveOptions: PrepareTCPSocket" + pre + "setsockopt( TCP_KEEPINTVL ) succeeded.\n" +
-                           "setKeepAliveOptions: PrepareTCPSocket" + pre + "setsockopt( TCP_KEEPCNT ) succeeded.\n" +
-                           "setBlockingMode: PrepareTCPSocket" + pre + "ioctl( FIONBIO ) succeeded.\n" +
-                           "PrepareTCPSocket: Socket[" + fd + "]  setBlockingMode( BLOCKING_DISABLED )\n" +
-                           "setTxTimeoutOption: PrepareTCPSocket" + pre + "setsockopt( SO_SNDTIMEO ) succeeded.\n" +
-                           "setNoDelayOption: PrepareTCPSocket" + pre + "setsockopt( TCP_NODELAY ) succeeded.\n");
+                           "setLingerOnCloseOffOption: PrepareTCPSocket" + pre +
+                           "setsockopt( SO_LINGER ) succeeded.\n" + "setKeepAliveOptions: PrepareTCPSocket" + pre +
+                           "setsockopt( SO_KEEPALIVE ) succeeded.\n" + "setKeepAliveOptions: PrepareTCPSocket" + pre +
+                           "setsockopt( TCP_KEEPIDLE ) succeeded.\n" + "setKeepAliveOptions: PrepareTCPSocket" + pre +
+                           "setsockopt( TCP_KEEPINTVL ) succeeded.\n" + "setKeepAliveOptions: PrepareTCPSocket" + pre +
+                           "setsockopt( TCP_KEEPCNT ) succeeded.\n" + "setBlockingMode: PrepareTCPSocket" + pre +
+                           "ioctl( FIONBIO ) succeeded.\n" + "PrepareTCPSocket: Socket[" + fd +
+                           "]  setBlockingMode( BLOCKING_DISABLED )\n" + "setTxTimeoutOption: PrepareTCPSocket" + pre +
+                           "setsockopt( SO_SNDTIMEO ) succeeded.\n" + "setNoDelayOption: PrepareTCPSocket" + pre +
+                           "setsockopt( TCP_NODELAY ) succeeded.\n");
     }
 }
 
@@ -211,8 +212,8 @@ TEST_F(SocketFixture, OptionFailuresAreAlwaysTraced)
                               "setLingerOnCloseOffOption: Caller(): Socket[-1] setsockopt( SO_LINGER ) failed[" + e +
                               "]\n" + "disableInheritance: unknown(): Socket[-1] fcntl( FD_CLOEXEC ) failed[" + e +
                               "]\n" + "setBlockingMode: unknown(): Socket[-1] ioctl( FIONBIO ) failed[" + e + "]\n" +
-                              "BindSocketToInterface: unknown(): Socket[-1] setsockopt( SO_BINDTODEVICE ) failed[" +
-                              e + "]\n");
+                              "BindSocketToInterface: unknown(): Socket[-1] setsockopt( SO_BINDTODEVICE ) failed[" + e +
+                              "]\n");
     EXPECT_EQ(s.GetLastError(), EBADF);
 }
 
@@ -311,8 +312,8 @@ TEST(BindErrorThrottle, ReportsEveryErrorThenEveryTenthHundredthThousandth)
         bool reported;
         unsigned newEvery;
     };
-    const std::vector<Step> steps = {{1, true, 0},    {9, true, 0},      {10, true, 10},    {11, false, 0},
-                                     {20, true, 0},   {99, false, 0},    {100, true, 100},  {150, false, 0},
+    const std::vector<Step> steps = {{1, true, 0},    {9, true, 0},       {10, true, 10},   {11, false, 0},
+                                     {20, true, 0},   {99, false, 0},     {100, true, 100}, {150, false, 0},
                                      {200, true, 0},  {1000, true, 1000}, {1500, false, 0}, {2000, true, 0},
                                      {10000, true, 0}};
     BindErrorThrottle t;
@@ -364,8 +365,8 @@ TEST_F(SocketFixture, ConnectAndAcceptExchangeData)
     ASSERT_TRUE(client.Connect(OsSocket::REPORT_CONNECTION));
     const std::string out = cap.text();
     const std::string local = "127.0.0.1:" + std::to_string(boundPort(client.GetSocket()));
-    EXPECT_EQ(out, "Connect  Local client[" + local + "] connected to remote server[127.0.0.1:" +
-                       std::to_string(port) + "]\n");
+    EXPECT_EQ(out, "Connect  Local client[" + local + "] connected to remote server[127.0.0.1:" + std::to_string(port) +
+                       "]\n");
 
     socketTraceFeature().SetMask(SOCK_TRACE_BIND);
     TraceCapture cap2;
@@ -402,9 +403,9 @@ TEST_F(SocketFixture, RefusedConnectionReportsSoError)
     const std::string out = cap.text();
     EXPECT_TRUE(client.HasError());
     EXPECT_EQ(client.GetLastError(), ECONNREFUSED);
-    EXPECT_EQ(out, "Connect Socket[" + std::to_string(client.GetSocket()) + "] FAILED to connect to [127.0.0.1:" +
-                       std::to_string(bound.port) + "] SO_ERROR reported errNum[" + std::to_string(ECONNREFUSED) +
-                       "]\n");
+    EXPECT_EQ(out, "Connect Socket[" + std::to_string(client.GetSocket()) +
+                       "] FAILED to connect to [127.0.0.1:" + std::to_string(bound.port) +
+                       "] SO_ERROR reported errNum[" + std::to_string(ECONNREFUSED) + "]\n");
 }
 
 TEST_F(SocketFixture, ConnectThatNeverBecomesWritableTimesOut)
@@ -435,8 +436,8 @@ TEST_F(SocketFixture, AcceptReturnsNullWhenShuttingDown)
     {
         TraceCapture cap;
         EXPECT_EQ(server.Accept(), nullptr);
-        EXPECT_EQ(cap.text(), "Accept: Remote clientSocket[" + std::to_string(server.GetSocket()) +
-                                  "] is shutting down!\n");
+        EXPECT_EQ(cap.text(),
+                  "Accept: Remote clientSocket[" + std::to_string(server.GetSocket()) + "] is shutting down!\n");
     }
     OsSocket::setProgramTerminating(true);
     TraceCapture cap;
@@ -523,7 +524,8 @@ TEST_F(SocketFixture, DatagramsTravelBetweenUdpSockets)
     b.Close();
     TraceCapture cap;
     EXPECT_EQ(b.ReceiveFrom(buf, sizeof buf, nullptr), -1);
-    EXPECT_EQ(cap.text(), "ReceiveFrom: Socket[-1] errNum[" + std::to_string(EBADF) + "] " + gai_strerror(EBADF) + "\n");
+    EXPECT_EQ(cap.text(),
+              "ReceiveFrom: Socket[-1] errNum[" + std::to_string(EBADF) + "] " + gai_strerror(EBADF) + "\n");
 }
 
 // --- interface carrier and the kernel's TCP table -----------------------------
@@ -547,17 +549,18 @@ TEST_F(SocketFixture, InterfaceCarrierIsReadFromSysfs)
         bool up;
         bool runs;
     };
-    for (const Case& c : {Case{"eth0", "1\n", true, true}, Case{"eth0", "0\n", false, true},
-                          Case{"bond0.100", " 1", true, true}, Case{"eth0", "", false, true},
-                          Case{"eth0", "10\n", false, true}, Case{"eth0; reboot", "1\n", false, false},
-                          Case{"../../etc", "1\n", false, false}, Case{"", "1\n", false, false},
-                          Case{"averyveryverylongname", "1\n", false, false}}) {
+    for (const Case& c :
+         {Case{"eth0", "1\n", true, true}, Case{"eth0", "0\n", false, true}, Case{"bond0.100", " 1", true, true},
+          Case{"eth0", "", false, true}, Case{"eth0", "10\n", false, true}, Case{"eth0; reboot", "1\n", false, false},
+          Case{"../../etc", "1\n", false, false}, Case{"", "1\n", false, false},
+          Case{"averyveryverylongname", "1\n", false, false}}) {
         SCOPED_TRACE(c.name);
         g_commands.clear();
         g_commandOutput = c.output;
         EXPECT_EQ(OsSocket::checkInterfaceUp(c.name), c.up);
         if (c.runs)
-            EXPECT_EQ(g_commands, std::vector<std::string>{std::string("sudo cat /sys/class/net/") + c.name + "/carrier"});
+            EXPECT_EQ(g_commands,
+                      std::vector<std::string>{std::string("sudo cat /sys/class/net/") + c.name + "/carrier"});
         else
             EXPECT_TRUE(g_commands.empty());
     }
@@ -578,8 +581,9 @@ std::string tcpLine(int sl, const char* local, unsigned short lport, const char*
                   static_cast<unsigned>(c_inaddr(remote).s_addr), rport, state);
     return buf;
 }
-const char kHeader[] = "  sl  local_address rem_address   st tx_queue rx_queue tr tm->when retrnsmt   uid  timeout "
-                       "inode\n";
+const char kHeader[] =
+    "  sl  local_address rem_address   st tx_queue rx_queue tr tm->when retrnsmt   uid  timeout "
+    "inode\n";
 } // namespace
 
 TEST(ProcNetTcp, ParsesAddressesPortsAndStates)
@@ -627,8 +631,7 @@ TEST(ProcNetTcp, TheLiveTableHoldsOurListener)
 TEST(ProcNetTcp, TunnelPortMapsToTheRemoteEnd)
 {
     std::vector<PROC_NET_TCP_ENTRY> t;
-    ASSERT_TRUE(OsSocket::ParseProcNetTcp(std::string(kHeader) +
-                                              tcpLine(0, "127.0.0.1", 58991, "0.0.0.0", 0, 0x0A) +
+    ASSERT_TRUE(OsSocket::ParseProcNetTcp(std::string(kHeader) + tcpLine(0, "127.0.0.1", 58991, "0.0.0.0", 0, 0x0A) +
                                               tcpLine(1, "127.0.0.1", 58991, "127.0.0.1", 41000, 0x01) +
                                               tcpLine(2, "192.0.2.10", 41001, "198.51.100.7", 58991, 0x06) +
                                               tcpLine(3, "192.0.2.10", 41002, "198.51.100.8", 58991, 0x01),

@@ -104,8 +104,8 @@ TEST(FrameStreamStress, CutsAroundHeadersAndPieceBoundaries)
     const Stream s = mixedStream();
     std::vector<std::size_t> cuts;
     for (std::size_t start : s.frameStart)
-        for (std::size_t off : {1u, 11u, 12u, 13u, 39u, 40u, 12u + 2047u, 12u + 2048u, 12u + 2049u, 12u + 4096u,
-                                12u + 4097u})
+        for (std::size_t off :
+             {1u, 11u, 12u, 13u, 39u, 40u, 12u + 2047u, 12u + 2048u, 12u + 2049u, 12u + 4096u, 12u + 4097u})
             cuts.push_back(start + off);
     std::sort(cuts.begin(), cuts.end());
     readStream(s, [&](int peer, int readerFd) { feedInPieces(peer, readerFd, s.bytes, cuts); });

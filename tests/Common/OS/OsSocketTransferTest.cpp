@@ -124,8 +124,10 @@ bool waitPurges(int count)
 {
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
     while (g_availCalls.load() < count)
-        if (std::chrono::steady_clock::now() > end) return false;
-        else std::this_thread::sleep_for(std::chrono::microseconds(50));
+        if (std::chrono::steady_clock::now() > end)
+            return false;
+        else
+            std::this_thread::sleep_for(std::chrono::microseconds(50));
     return true;
 }
 
@@ -340,8 +342,8 @@ TEST_F(ReaderFixture, AllocatingReaderGivesAShortBodyAWholeHeader)
 
 struct BadHeaderCase {
     const char* name;
-    std::string bad;       // what the peer sends first
-    const char* message;   // expected trace line
+    std::string bad;     // what the peer sends first
+    const char* message; // expected trace line
     unsigned maxSize;
 };
 
@@ -549,7 +551,8 @@ TEST_F(ReaderFixture, ShutdownWhileWaitingEndsTheReadAsAShortHeader)
     EXPECT_FALSE(get());
     stopper.join();
     // The loop ends on the shutdown before it gets to purge.
-    EXPECT_EQ(cap.text(), "ReadCtlMsgCommon: IP[0.0.0.0] Short ORV_CTL_MSG.  Expected [12] bytes.  Received [0] bytes.\n");
+    EXPECT_EQ(cap.text(),
+              "ReadCtlMsgCommon: IP[0.0.0.0] Short ORV_CTL_MSG.  Expected [12] bytes.  Received [0] bytes.\n");
 }
 
 TEST_F(ReaderFixture, ProgramTerminatingStopsTheReader)
@@ -765,8 +768,9 @@ TEST_F(ReaderFixture, WaitTraceBitsReportTheWaitOutcome)
     char c;
     unsigned got = 0;
     EXPECT_TRUE(sock->Read(&c, 1, &got));
-    EXPECT_EQ(cap.text(), "waitForReadySocket: IP[0.0.0.0] nReadySockets[1] Shuttingdown()[false] bSockErr[false]\n"
-                          "readAllData: IP[0.0.0.0] nRequestedBytes[1]\n");
+    EXPECT_EQ(cap.text(),
+              "waitForReadySocket: IP[0.0.0.0] nReadySockets[1] Shuttingdown()[false] bSockErr[false]\n"
+              "readAllData: IP[0.0.0.0] nRequestedBytes[1]\n");
 }
 
 TEST_F(ReaderFixture, RawDumpBitDumpsHeaderAndFirstPiece)
@@ -862,7 +866,8 @@ TEST_F(WriterFixture, ShortSendsAreContinued)
     EXPECT_EQ(received(100), data);
     const int fd = sock->GetSocket();
     std::ostringstream first;
-    first << "SendBD: Only sent nBytesSent[7] of nBytesToSend[70] on Socket[" << fd << "].  Potential timeout coming?\n";
+    first << "SendBD: Only sent nBytesSent[7] of nBytesToSend[70] on Socket[" << fd
+          << "].  Potential timeout coming?\n";
     EXPECT_EQ(countOf(out, first.str()), 1u) << out;
     EXPECT_EQ(countOf(out, "SendBD: Only sent"), 9u) << out; // 10 pieces, the last completes
 }
@@ -979,9 +984,7 @@ TEST_F(WriterFixture, SendMutexIsHeldForTheWholeChain)
 {
     ASSERT_TRUE(sock->LockSendMutex());
     std::atomic<bool> sent{false};
-    std::thread other([&] {
-        sent = sock->Send("abc", 3);
-    });
+    std::thread other([&] { sent = sock->Send("abc", 3); });
     std::this_thread::sleep_for(std::chrono::milliseconds(30));
     EXPECT_EQ(waiting(fds.b), 0); // blocked on the mutex
     sock->ReleaseSendMutex();

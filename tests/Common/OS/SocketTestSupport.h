@@ -31,8 +31,14 @@ inline bool hostIsBig()
     const std::uint16_t one = 1;
     return *reinterpret_cast<const unsigned char*>(&one) == 0;
 }
-inline Order hostOrder() { return hostIsBig() ? Order::Big : Order::Little; }
-inline Order otherOrder() { return hostIsBig() ? Order::Little : Order::Big; }
+inline Order hostOrder()
+{
+    return hostIsBig() ? Order::Big : Order::Little;
+}
+inline Order otherOrder()
+{
+    return hostIsBig() ? Order::Little : Order::Big;
+}
 
 inline void putWord(std::string& s, std::uint32_t w, Order o)
 {
@@ -78,9 +84,9 @@ inline std::string buildFrame(const FrameSpec& f)
     putWord(s, kCmd, f.order);
     putWord(s, f.cmdCode, f.order);
     putWord(s, f.seqNbr, f.order);
-    putWord(s, 1, f.order);    // msgStat
-    putWord(s, 25, f.order);   // srcAddr
-    putWord(s, 0, f.order);    // appError
+    putWord(s, 1, f.order);  // msgStat
+    putWord(s, 25, f.order); // srcAddr
+    putWord(s, 0, f.order);  // appError
     putWord(s, f.payload, f.order);
     for (std::uint32_t i = 0; i < f.payload; ++i) s.push_back(payloadByte(f.tag, i));
     return s;
@@ -116,7 +122,10 @@ inline void expectFrame(const ORV_CTL_MSG& ctl, const char* body, const FrameSpe
 }
 
 using ::writeAll;
-inline bool writeAll(int fd, const std::string& s) { return writeAll(fd, s.data(), s.size()); }
+inline bool writeAll(int fd, const std::string& s)
+{
+    return writeAll(fd, s.data(), s.size());
+}
 
 inline bool readAll(int fd, void* data, std::size_t n)
 {

@@ -30,7 +30,10 @@ TEST(MarloSystemStreamers, UseTypePrintsDisplayWordsInsideATraceLine)
 }
 
 // A known value prints its enumerator; an unknown one names its own type.
-#define ROW(known, TYPE, bad) {text(known), #known, text(static_cast<TYPE>(bad)), "UNKNOWN " #TYPE "[" #bad "]"}
+#define ROW(known, TYPE, bad)                                                                                          \
+    {                                                                                                                  \
+        text(known), #known, text(static_cast<TYPE>(bad)), "UNKNOWN " #TYPE "[" #bad "]"                               \
+    }
 
 TEST(MarloSystemStreamers, OtherTypesPrintEnumeratorNamesAndTheirOwnTypeWhenUnknown)
 {

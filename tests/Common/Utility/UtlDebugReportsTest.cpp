@@ -52,8 +52,8 @@ TEST(UtlDebugReports, CoreDumpLimitIsRaised)
 TEST(UtlDebugReports, ThreadAttributesTellDetachedFromJoinable)
 {
     const std::string joinable = threadAttributesText("main");
-    for (const char* part : {"DisplayThreadAttributes: main thread[", "detachstate[JOINABLE]",
-                             "policy[SCHED_OTHER] priority[0]\n"})
+    for (const char* part :
+         {"DisplayThreadAttributes: main thread[", "detachstate[JOINABLE]", "policy[SCHED_OTHER] priority[0]\n"})
         EXPECT_NE(joinable.find(part), std::string::npos) << joinable;
 
     pthread_attr_t attr;

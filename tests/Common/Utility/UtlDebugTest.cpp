@@ -103,8 +103,8 @@ TEST_F(UtlDebugTest, RealTimeStampsFromTheMessagesOwnStamp)
     const std::string got = tavro_test::readFile(kLog);
     tm t{};
     int ms = 0;
-    ASSERT_EQ(std::sscanf(got.c_str(), "\n[%2d/%2d/%4d %2d:%2d:%2d.%3d]", &t.tm_mon, &t.tm_mday, &t.tm_year,
-                          &t.tm_hour, &t.tm_min, &t.tm_sec, &ms),
+    ASSERT_EQ(std::sscanf(got.c_str(), "\n[%2d/%2d/%4d %2d:%2d:%2d.%3d]", &t.tm_mon, &t.tm_mday, &t.tm_year, &t.tm_hour,
+                          &t.tm_min, &t.tm_sec, &ms),
               7)
         << got;
     t.tm_mon -= 1;
@@ -128,7 +128,10 @@ TEST_F(UtlDebugTest, LineFormatFollowsTheStampsDayAndKeepsStreamState)
         const char* text;
         const char* line;
     } steps[] = {
-        {{t0, 123456}, 42, false, "a\n",
+        {{t0, 123456},
+         42,
+         false,
+         "a\n",
          "\n[11/14/2023 22:13:20.123] -- Unknown Application STARTUP\n\n11/14 22:13:20 0042 a\n"},
         {{t0 + 60, 0}, 123456, false, "b\n", "11/14 22:14:20 123456 b\n"},
         {{t0 + 86400, 0}, 7, false, "c", "\n2023-11-15 \n\n11/15 22:13:20 0007 c"},

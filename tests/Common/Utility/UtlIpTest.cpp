@@ -52,8 +52,14 @@ TEST(CInaddr, TextForms)
     const struct {
         const char* text;
         unsigned int expected;
-    } cases[] = {{"", 0}, {"0.0.0.0", 0}, {nullptr, 0}, {"10.1.2.3", addr(10, 1, 2, 3)},
-                 {"255.255.255.255", addr(255, 255, 255, 255)}, {"256.1.1.1", 0}, {"1.2.3", 0}, {"not an address", 0}};
+    } cases[] = {{"", 0},
+                 {"0.0.0.0", 0},
+                 {nullptr, 0},
+                 {"10.1.2.3", addr(10, 1, 2, 3)},
+                 {"255.255.255.255", addr(255, 255, 255, 255)},
+                 {"256.1.1.1", 0},
+                 {"1.2.3", 0},
+                 {"not an address", 0}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.text ? c.text : "(null)");
         EXPECT_EQ(c_inaddr(c.text).s_addr, c.expected);
@@ -91,10 +97,10 @@ TEST(IpText, ValidityAndAnyAddress)
         const char* text;
         bool valid, any;
     } cases[] = {
-        {"10.1.2.3", true, false},  {"0.0.0.0", true, true},     {"256.1.1.1", false, false},
-        {"1.2.3", false, false},    {"", false, true},           {" 1.2.3.4", false, false},
-        {"0.00.0.0", false, true},  {"00.0.000.0", false, true}, {"0.0.0", false, false},
-        {"0.0.0.1", true, false},   {"0.0.0.0 ", false, false},  {"x0.0.0.0", false, false},
+        {"10.1.2.3", true, false},   {"0.0.0.0", true, true},     {"256.1.1.1", false, false},
+        {"1.2.3", false, false},     {"", false, true},           {" 1.2.3.4", false, false},
+        {"0.00.0.0", false, true},   {"00.0.000.0", false, true}, {"0.0.0", false, false},
+        {"0.0.0.1", true, false},    {"0.0.0.0 ", false, false},  {"x0.0.0.0", false, false},
         {"0.0.0.0.0", false, false}, {"0..0.0", false, false},
     };
     for (const auto& c : cases) {
@@ -153,8 +159,8 @@ TEST(Ping, RunsTheScriptAndDecodesItsStatus)
     } cases[] = {
         {"10.0.0.1", 0, 0, script + "10.0.0.1"},
         {"10.0.0.1", 2 << 8, 2, script + "10.0.0.1"},
-        {"10.0.0.1", SIGKILL, -1, script + "10.0.0.1"}, // shell killed
-        {"10.0.0.1", -1, -1, script + "10.0.0.1"},      // could not run the shell
+        {"10.0.0.1", SIGKILL, -1, script + "10.0.0.1"},              // shell killed
+        {"10.0.0.1", -1, -1, script + "10.0.0.1"},                   // could not run the shell
         {overlong.c_str(), 0, 0, (script + overlong).substr(0, 49)}, // cut to the buffer
         {nullptr, 0, 0, script},
     };
@@ -178,9 +184,15 @@ TEST(MacText, ParseAndFormat)
         unsigned int n;
         bool ok;
     } cases[] = {
-        {"00:1a:2B:3c:4d:5e", 6, true}, {"001a2b3c4d5e", 6, true}, {"001A2B3C4D5E", 16, true},
-        {"00:1a:2B:3c:4d:5e", 5, false}, {"00:1a:2b", 6, false},  {"001a2b", 6, false},
-        {"zz:1a:2b:3c:4d:5e", 6, false}, {"", 6, false},           {nullptr, 6, false},
+        {"00:1a:2B:3c:4d:5e", 6, true},
+        {"001a2b3c4d5e", 6, true},
+        {"001A2B3C4D5E", 16, true},
+        {"00:1a:2B:3c:4d:5e", 5, false},
+        {"00:1a:2b", 6, false},
+        {"001a2b", 6, false},
+        {"zz:1a:2b:3c:4d:5e", 6, false},
+        {"", 6, false},
+        {nullptr, 6, false},
     };
     for (const auto& c : cases) {
         unsigned char out[16] = {0};

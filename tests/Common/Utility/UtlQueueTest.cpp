@@ -13,7 +13,10 @@
 
 namespace {
 
-int* item(int v) { return new int(v); }
+int* item(int v)
+{
+    return new int(v);
+}
 
 int take(UtlQueue& q)
 {

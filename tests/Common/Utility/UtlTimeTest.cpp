@@ -48,7 +48,10 @@ std::string parse(const std::string& line, timeval& value, const char* tz = "UTC
 }
 
 std::atomic<int> g_signals{0};
-void countSignal(int) { g_signals.fetch_add(1); }
+void countSignal(int)
+{
+    g_signals.fetch_add(1);
+}
 
 } // namespace
 
@@ -58,15 +61,16 @@ TEST(UtlTime, ComparisonOrdersBySecondsThenMicroseconds)
         timeval a, b;
         int order; // sign of a - b
     } cases[] = {
-        {tv(5, 10), tv(5, 10), 0},    {tv(5, 10), tv(5, 11), -1}, {tv(5, 999999), tv(6, 0), -1},
-        {tv(6, 0), tv(5, 999999), 1}, {tv(-1, 0), tv(0, 0), -1},  {tv(-1, 500), tv(-1, 100), 1},
-        {tv(0, -5), tv(0, 0), -1},    {tv(0x7fffffff, 0), tv(-0x7fffffff, 0), 1},
+        {tv(5, 10), tv(5, 10), 0},     {tv(5, 10), tv(5, 11), -1},
+        {tv(5, 999999), tv(6, 0), -1}, {tv(6, 0), tv(5, 999999), 1},
+        {tv(-1, 0), tv(0, 0), -1},     {tv(-1, 500), tv(-1, 100), 1},
+        {tv(0, -5), tv(0, 0), -1},     {tv(0x7fffffff, 0), tv(-0x7fffffff, 0), 1},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(&c - cases);
         const int o = c.order; // == != < > <= >=
-        EXPECT_EQ((std::array<bool, 6>{c.a == c.b, c.a != c.b, c.a < c.b, c.a > c.b, c.a <= c.b, c.a >= c.b}),
-                  (std::array<bool, 6>{o == 0, o != 0, o < 0, o > 0, o <= 0, o >= 0}));
+        EXPECT_EQ((std::array<bool, 6>{c.a == c.b, c.a != c.b, c.a<c.b, c.a> c.b, c.a <= c.b, c.a >= c.b}),
+                  (std::array<bool, 6>{o == 0, o != 0, o<0, o> 0, o <= 0, o >= 0}));
     }
 }
 
@@ -117,10 +121,17 @@ TEST(UtlTime, BadOrShortLinesLeaveZeroAndOnlyAnEarlyEndIsReported)
         const char* line;
         std::string trace;
     } cases[] = {
-        {"13/01/2020 00:00:00.000", ""}, {"00/01/2020 00:00:00.000", ""}, {"01/00/2020 00:00:00.000", ""},
-        {"01/32/2020 00:00:00.000", ""}, {"01/01/1899 00:00:00.000", ""}, {"01/01/2020 24:00:00.000", ""},
-        {"01/01/2020 00:60:00.000", ""}, {"01/01/2020 00:00:60.000", ""}, {"01/01/2020 -1:00:00.000", ""},
-        {"99999999999/01/2020 00:00:00.000", ""}, {"x/y/z a:b:c.d", ""},
+        {"13/01/2020 00:00:00.000", ""},
+        {"00/01/2020 00:00:00.000", ""},
+        {"01/00/2020 00:00:00.000", ""},
+        {"01/32/2020 00:00:00.000", ""},
+        {"01/01/1899 00:00:00.000", ""},
+        {"01/01/2020 24:00:00.000", ""},
+        {"01/01/2020 00:60:00.000", ""},
+        {"01/01/2020 00:00:60.000", ""},
+        {"01/01/2020 -1:00:00.000", ""},
+        {"99999999999/01/2020 00:00:00.000", ""},
+        {"x/y/z a:b:c.d", ""},
         {"", early + "MONTH] timestamp element at position[0] and ending with delimiter[/]\n"},
         {"11/14", early + "YEAR] timestamp element at position[2] and ending with delimiter[ ]\n"},
         {"11/14/2023 22:13", early + "SEC] timestamp element at position[5] and ending with delimiter[.]\n"},

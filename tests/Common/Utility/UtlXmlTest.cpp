@@ -165,9 +165,14 @@ TEST(UtlXml, LoadPortNum)
         const char* value; // nullptr: attribute missing
         unsigned char swId;
         PORT_NUM expected; // INVALID_PORT_NUM: must throw
-    } cases[] = {{"1.2.3", 0, PORT_NUM(0x00000102u)}, {"1.2.3", 5, PORT_NUM(0x05000102u)},
-                 {" 8.12.255 ", 0, PORT_NUM(0x00070BFEu)}, {"ALL", 5, PORT_NUM::ALL_PORT_NUMS},
-                 {"9.1.1", 0, PORT_NUM()}, {"1.13.1", 0, PORT_NUM()}, {"1.x.3", 0, PORT_NUM()}, {"", 0, PORT_NUM()},
+    } cases[] = {{"1.2.3", 0, PORT_NUM(0x00000102u)},
+                 {"1.2.3", 5, PORT_NUM(0x05000102u)},
+                 {" 8.12.255 ", 0, PORT_NUM(0x00070BFEu)},
+                 {"ALL", 5, PORT_NUM::ALL_PORT_NUMS},
+                 {"9.1.1", 0, PORT_NUM()},
+                 {"1.13.1", 0, PORT_NUM()},
+                 {"1.x.3", 0, PORT_NUM()},
+                 {"", 0, PORT_NUM()},
                  {nullptr, 0, PORT_NUM()}};
     const std::string prefix = "loadPortNum: Invalid XML file.  A port number element[Port] ";
     for (const auto& c : cases) {
@@ -235,22 +240,65 @@ TEST(UtlXml, ExceptionsTextsAndLogging)
 TEST(UtlXmlGuard, NeverUnderestimatesRandomDocuments)
 {
     const char* const fragments[] = {
-        "<a>", "<a x='1'>", "<b y=\"&#x41;\">", "</a>", "</b>", "<c/>", "text", " ", "\n", "<!-- </a> -->",
-        "<![CDATA[ </a> ]]>", "&#", "#5;", "&#x", "x5;", "\xF0\"", "\xE2<", "\xC3", "\xEF\xBB\xBF",
-        "<?xml version='1.0' encoding='UTF-8'?>", "<?xml version='>' ?>", "<?xml encoding='x'?>", "<!DOCTYPE x>",
-        "<?pi </a> ?>", "<a q=\"</a>\">", "'", "\"", ">", "<", "&amp;", "<_z>", "</_z>", "<\xC3\xA9>", "<a x=1>",
-        "/>", "<!--", "-->", "<![CDATA[", "]]>", "&lt;", "&#59;", ";", "<a x='&#x3e;'>", "</a >",
+        "<a>",
+        "<a x='1'>",
+        "<b y=\"&#x41;\">",
+        "</a>",
+        "</b>",
+        "<c/>",
+        "text",
+        " ",
+        "\n",
+        "<!-- </a> -->",
+        "<![CDATA[ </a> ]]>",
+        "&#",
+        "#5;",
+        "&#x",
+        "x5;",
+        "\xF0\"",
+        "\xE2<",
+        "\xC3",
+        "\xEF\xBB\xBF",
+        "<?xml version='1.0' encoding='UTF-8'?>",
+        "<?xml version='>' ?>",
+        "<?xml encoding='x'?>",
+        "<!DOCTYPE x>",
+        "<?pi </a> ?>",
+        "<a q=\"</a>\">",
+        "'",
+        "\"",
+        ">",
+        "<",
+        "&amp;",
+        "<_z>",
+        "</_z>",
+        "<\xC3\xA9>",
+        "<a x=1>",
+        "/>",
+        "<!--",
+        "-->",
+        "<![CDATA[",
+        "]]>",
+        "&lt;",
+        "&#59;",
+        ";",
+        "<a x='&#x3e;'>",
+        "</a >",
     };
     // Single characters of the same constructs, for splits no fragment has.
-    static const char chars[] = "<>/a\"'&#x5;!-[]?= \n\xF0\xC3\xE2" "CDATmlb\xEF\xBB\xBF";
+    static const char chars[] =
+        "<>/a\"'&#x5;!-[]?= \n\xF0\xC3\xE2"
+        "CDATmlb\xEF\xBB\xBF";
     std::mt19937 rng(20240611u);
     std::uniform_int_distribution<size_t> pick(0, sizeof fragments / sizeof fragments[0] - 1);
     std::uniform_int_distribution<int> length(1, 60);
     for (int iteration = 0; iteration < 4000; ++iteration) {
         std::string xml;
         for (int n = length(rng); n > 0; --n) {
-            if (iteration % 2 == 0) xml += fragments[pick(rng)];
-            else for (int k = 0; k < 3; ++k) xml += chars[rng() % (sizeof chars - 1)];
+            if (iteration % 2 == 0)
+                xml += fragments[pick(rng)];
+            else
+                for (int k = 0; k < 3; ++k) xml += chars[rng() % (sizeof chars - 1)];
         }
         const std::string padded = utl_xml_internal::paddedXml(xml.c_str());
         for (TiXmlEncoding enc : {TIXML_ENCODING_UTF8, TIXML_ENCODING_UNKNOWN}) {

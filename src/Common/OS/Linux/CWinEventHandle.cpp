@@ -119,9 +119,15 @@ bool CWinEventHandle::close()
     return true;
 }
 
-void CWinEventHandle::subscribe(CWinEventHandle* ev) { m_Subscriber.insert(ev); }
+void CWinEventHandle::subscribe(CWinEventHandle* ev)
+{
+    m_Subscriber.insert(ev);
+}
 
-void CWinEventHandle::unSubscribe(CWinEventHandle* ev) { m_Subscriber.erase(ev); }
+void CWinEventHandle::unSubscribe(CWinEventHandle* ev)
+{
+    m_Subscriber.erase(ev);
+}
 
 int CWinEventHandle::waiters()
 {
@@ -145,7 +151,10 @@ bool CWinEventHandle::incRefCount()
     return false;
 }
 
-int CWinEventHandle::decRefCount() { return m_RefCount.fetch_sub(1, std::memory_order_acq_rel) - 1; }
+int CWinEventHandle::decRefCount()
+{
+    return m_RefCount.fetch_sub(1, std::memory_order_acq_rel) - 1;
+}
 
 std::set<CWinEventHandle*>& CWinEventHandleSet::s_Set()
 {

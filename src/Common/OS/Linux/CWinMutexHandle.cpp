@@ -11,7 +11,10 @@ CWinMutexHandle::CWinMutexHandle(bool, const char* name) : m_Name(name ? name : 
     pthread_mutexattr_destroy(&attr);
 }
 
-CWinMutexHandle::~CWinMutexHandle() { pthread_mutex_destroy(&m_Mutex); }
+CWinMutexHandle::~CWinMutexHandle()
+{
+    pthread_mutex_destroy(&m_Mutex);
+}
 
 DWORD CWinMutexHandle::wait(DWORD ms)
 {
@@ -38,4 +41,7 @@ bool CWinMutexHandle::close()
     return true;
 }
 
-bool CWinMutexHandle::release() { return pthread_mutex_unlock(&m_Mutex) == 0; }
+bool CWinMutexHandle::release()
+{
+    return pthread_mutex_unlock(&m_Mutex) == 0;
+}

@@ -111,10 +111,10 @@ void setCheckStatsThreshold(unsigned threshold)
 
 std::ostream& operator<<(std::ostream& os, const TimerStats& s)
 {
-    return os << "create calls[" << s.nCallsToCreateTimer.load() << "]     close calls["
-              << s.nCallsToCloseTimer.load() << "]\n"
-              << "set    calls[" << s.nCallsToSetTimer.load() << "]  elapsed timers["
-              << s.nCallsToElapsedTimer.load() << "]  cancel calls[" << s.nCallsToCancelTimer.load() << "]";
+    return os << "create calls[" << s.nCallsToCreateTimer.load() << "]     close calls[" << s.nCallsToCloseTimer.load()
+              << "]\n"
+              << "set    calls[" << s.nCallsToSetTimer.load() << "]  elapsed timers[" << s.nCallsToElapsedTimer.load()
+              << "]  cancel calls[" << s.nCallsToCancelTimer.load() << "]";
 }
 
 void timerValueFromDueTime(std::int64_t dueTime, LONG periodMs, itimerspec* value, bool* relative)
@@ -137,15 +137,18 @@ CWinTimerHandle* castToWinTimerHandle(HANDLE h)
 }
 
 CWinTimerHandle::CWinTimerHandle(bool manualReset, const char*)
-    : m_ManualReset(manualReset), m_timerEvent(nullptr), m_TimerId(nullptr), m_SigAct(), m_SigEvent(),
-      m_TimerValue(), m_mutexLock(false, nullptr), m_threadEvent(nullptr), m_pbRunning(nullptr),
-      m_threadId(NO_THREAD), m_TimerValid(false), m_Armed(false), m_Token(0)
+    : m_ManualReset(manualReset), m_timerEvent(nullptr), m_TimerId(nullptr), m_SigAct(), m_SigEvent(), m_TimerValue(),
+      m_mutexLock(false, nullptr), m_threadEvent(nullptr), m_pbRunning(nullptr), m_threadId(NO_THREAD),
+      m_TimerValid(false), m_Armed(false), m_Token(0)
 {
 }
 
 CWinTimerHandle::~CWinTimerHandle() = default;
 
-DWORD CWinTimerHandle::wait(DWORD ms) { return WaitForSingleObject(m_timerEvent, ms); }
+DWORD CWinTimerHandle::wait(DWORD ms)
+{
+    return WaitForSingleObject(m_timerEvent, ms);
+}
 
 bool CWinTimerHandle::createTimer()
 {
@@ -232,7 +235,10 @@ bool CWinTimerHandle::timerElapsed()
     return ok;
 }
 
-void CWinTimerHandle::resetTimer() { ResetEvent(m_timerEvent); }
+void CWinTimerHandle::resetTimer()
+{
+    ResetEvent(m_timerEvent);
+}
 
 bool CWinTimerHandle::createThread(PTIMERAPCROUTINE fn, void* arg)
 {
@@ -352,7 +358,8 @@ void CWinTimerHandle::checkStats()
     const unsigned threshold = checkStatsThreshold();
     if (create - closed > threshold && create > closed) {
         std::ostringstream os;
-        os << "checkStats" << ": more timer create calls[" << create << "] than close calls[" << closed << "]";
+        os << "checkStats"
+           << ": more timer create calls[" << create << "] than close calls[" << closed << "]";
         debugOut(os.str().c_str());
         setCheckStatsThreshold(threshold + 1);
     }

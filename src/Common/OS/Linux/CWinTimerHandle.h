@@ -24,16 +24,16 @@
 typedef void (*PTIMERAPCROUTINE)(void* arg, DWORD low, DWORD high);
 
 extern "C" TAVRO_EXPORT HANDLE CreateWaitableTimer(SECURITY_ATTRIBUTES* attr, BOOL bManualReset, const char* name);
-extern "C" TAVRO_EXPORT BOOL SetWaitableTimer(HANDLE h, const _LARGE_INTEGER* dueTime, LONG periodMs, PTIMERAPCROUTINE fn,
-                                     void* arg, BOOL resume);
+extern "C" TAVRO_EXPORT BOOL SetWaitableTimer(HANDLE h, const _LARGE_INTEGER* dueTime, LONG periodMs,
+                                              PTIMERAPCROUTINE fn, void* arg, BOOL resume);
 extern "C" TAVRO_EXPORT BOOL CancelWaitableTimer(HANDLE h);
 extern "C" TAVRO_EXPORT void WinTimerHandler(int sig, siginfo_t* info, void* ctx);
 
 // Owned by the completion thread, which frees it on exit.
 struct TimerThreadParameters {
     TimerThreadParameters(PTIMERAPCROUTINE fn, void* arg, HANDLE threadEvent, timer_t timerId)
-        : m_pfnCompletionRoutine(fn), m_lpArgToCompletionRoutine(arg), m_TimerId(timerId),
-          m_threadEvent(threadEvent), m_bRunning(true)
+        : m_pfnCompletionRoutine(fn), m_lpArgToCompletionRoutine(arg), m_TimerId(timerId), m_threadEvent(threadEvent),
+          m_bRunning(true)
     {
     }
     PTIMERAPCROUTINE m_pfnCompletionRoutine;

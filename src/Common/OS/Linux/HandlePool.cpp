@@ -59,4 +59,3 @@ void tavro_internal::returnEvent(HANDLE h, bool manualReset)
     ResetEvent(h);
     pool(manualReset ? MANUAL_EVENTS : AUTO_EVENTS).put(h);
 }
-

@@ -49,7 +49,10 @@ uintptr_t _beginthread(void (*start)(void*), unsigned stackSize, void* arg)
     return static_cast<uintptr_t>(tid);
 }
 
-void _endthread() { pthread_exit(nullptr); }
+void _endthread()
+{
+    pthread_exit(nullptr);
+}
 
 // Never signalled: Sleep is a timed wait on it.
 static HANDLE sleepEvent()
@@ -64,9 +67,15 @@ struct SleepEventInit {
 } s_sleepEventInit;
 } // namespace
 
-void Sleep(DWORD ms) { WaitForSingleObject(sleepEvent(), ms); }
+void Sleep(DWORD ms)
+{
+    WaitForSingleObject(sleepEvent(), ms);
+}
 
-DWORD GetCurrentThreadId() { return static_cast<DWORD>(pthread_self()); }
+DWORD GetCurrentThreadId()
+{
+    return static_cast<DWORD>(pthread_self());
+}
 
 int set_thread_name(char* name)
 {
@@ -99,7 +108,10 @@ void GetSystemTime(_SYSTEMTIME* st)
     st->wMilliseconds = 0;
 }
 
-DWORD elapseTime(_SYSTEMTIME*, _SYSTEMTIME*) { return 0; }
+DWORD elapseTime(_SYSTEMTIME*, _SYSTEMTIME*)
+{
+    return 0;
+}
 
 DWORD GetCurrentDirectory(DWORD size, char* buf)
 {

@@ -38,7 +38,10 @@ CCriticalSection::CCriticalSection(bool recursive)
     }
 }
 
-CCriticalSection::~CCriticalSection() { pthread_mutex_destroy(&m_Mutex); }
+CCriticalSection::~CCriticalSection()
+{
+    pthread_mutex_destroy(&m_Mutex);
+}
 
 CCriticalSection& eventLock()
 {
@@ -203,7 +206,10 @@ HANDLE CreateMutex(SECURITY_ATTRIBUTES*, BOOL bInitialOwner, const char*)
     return toHandle(m);
 }
 
-HANDLE OpenMutex(DWORD, BOOL, const char*) { return nullptr; }
+HANDLE OpenMutex(DWORD, BOOL, const char*)
+{
+    return nullptr;
+}
 
 BOOL ReleaseMutex(HANDLE h)
 {

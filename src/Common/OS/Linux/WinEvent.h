@@ -10,7 +10,7 @@
 #include "TavroExport.h"
 
 extern "C" TAVRO_EXPORT HANDLE CreateEvent(SECURITY_ATTRIBUTES* attr, BOOL bManualReset, BOOL bInitialState,
-                                  const char* name);
+                                           const char* name);
 extern "C" TAVRO_EXPORT HANDLE OpenEvent(DWORD access, BOOL inherit, const char* name);
 extern "C" TAVRO_EXPORT BOOL SetEvent(HANDLE h);
 extern "C" TAVRO_EXPORT BOOL ResetEvent(HANDLE h);
@@ -39,8 +39,14 @@ public:
     CBaseHandle& operator=(const CBaseHandle&) = delete;
 };
 
-inline HANDLE toHandle(CBaseHandle* h) { return static_cast<HANDLE>(h); }
-inline CBaseHandle* fromHandle(HANDLE h) { return static_cast<CBaseHandle*>(h); }
+inline HANDLE toHandle(CBaseHandle* h)
+{
+    return static_cast<HANDLE>(h);
+}
+inline CBaseHandle* fromHandle(HANDLE h)
+{
+    return static_cast<CBaseHandle*>(h);
+}
 
 class CCriticalSection {
 public:

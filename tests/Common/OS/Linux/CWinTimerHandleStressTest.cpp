@@ -16,7 +16,10 @@ constexpr int kTimers = 16;
 // Completion routines may outlive a closed timer by one call: static storage.
 std::atomic<int> s_routineCalls[kTimers + 1];
 
-void countCall(void* arg, DWORD, DWORD) { ++*static_cast<std::atomic<int>*>(arg); }
+void countCall(void* arg, DWORD, DWORD)
+{
+    ++*static_cast<std::atomic<int>*>(arg);
+}
 
 TEST(CWinTimerHandleStressTest, TimersFireWhileEventsAreHammered)
 {

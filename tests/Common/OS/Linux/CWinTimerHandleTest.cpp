@@ -41,7 +41,10 @@ BOOL arm(HANDLE t, std::int64_t due, LONG periodMs, Calls* calls = nullptr)
     return SetWaitableTimer(t, &d, periodMs, calls ? countCall : nullptr, calls, FALSE);
 }
 
-CWinEventHandle* timerEvent(HANDLE t) { return castToWinEventHandle(castToWinTimerHandle(t)->timerEvent()); }
+CWinEventHandle* timerEvent(HANDLE t)
+{
+    return castToWinEventHandle(castToWinTimerHandle(t)->timerEvent());
+}
 
 TEST(CWinTimerHandleTest, DueTimeAndPeriodConversion)
 {
@@ -212,14 +215,18 @@ TEST(CWinTimerHandleTest, HandlerSignalsOnlyTheTimerNamedInATimerSignal)
 }
 
 int s_appHandlerCalls = 0;
-void appHandler(int) { ++s_appHandlerCalls; }
+void appHandler(int)
+{
+    ++s_appHandlerCalls;
+}
 
 TEST(CWinTimerHandleTest, ExpiryNeverRunsOnApplicationThreads)
 {
     HANDLE t = CreateWaitableTimer(nullptr, FALSE, nullptr);
     // The application takes SIGUSR1 over and blocks it here; expiry still
     // reaches the timer, and never the application's handler.
-    struct sigaction app {}, old {};
+    struct sigaction app {
+    }, old{};
     app.sa_handler = appHandler;
     sigemptyset(&app.sa_mask);
     ASSERT_EQ(0, sigaction(SIGUSR1, &app, &old));

@@ -82,7 +82,7 @@ TEST(OSALTest, StrnicmpComparesCaseBlind)
         unsigned n;
         int expected;
     } cases[] = {
-        {"abc", "ABD", 2, 0},   {"abc", "ABD", 3, 'C' - 'D'},    {"abc", "ABD", 0, 0},      {"abc", "abc", 10, 0},
+        {"abc", "ABD", 2, 0},   {"abc", "ABD", 3, 'C' - 'D'},    {"abc", "ABD", 0, 0},     {"abc", "abc", 10, 0},
         {"ab", "abc", 5, -'C'}, {"Zeta", "alpha", 4, 'Z' - 'A'}, {"x\0yz", "X\0ab", 4, 0},
     };
     for (const auto& c : cases) EXPECT_EQ(c.expected, strnicmp(c.a, c.b, c.n)) << c.a << "/" << c.b << "/" << c.n;

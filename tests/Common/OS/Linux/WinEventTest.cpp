@@ -8,10 +8,13 @@
 
 namespace {
 
-using tavro_test::eventually;
 using tavro_test::Events;
+using tavro_test::eventually;
 
-CWinEventHandle* ev(HANDLE h) { return castToWinEventHandle(h); }
+CWinEventHandle* ev(HANDLE h)
+{
+    return castToWinEventHandle(h);
+}
 
 TEST(WinEventTest, SignalledStateFollowsResetMode)
 {
