@@ -30,7 +30,8 @@ if(TAVRO_TEST_PYTHON)
     COMMAND ${TAVRO_TEST_PYTHON} ${CMAKE_CURRENT_SOURCE_DIR}/tools/tavroctl_test.py
             $<TARGET_FILE:tavroctl> $<TARGET_FILE:tavro-switchsim> ${CMAKE_CROSSCOMPILING_EMULATOR})
   set_tests_properties(TavroctlAgainstSimulator PROPERTIES
-    LABELS e2e TIMEOUT 600 RESOURCE_LOCK tavro_service_ports)
+    LABELS e2e TIMEOUT 600 RESOURCE_LOCK tavro_service_ports
+    ENVIRONMENT "TAVRO_TARGET_BYTE_ORDER=${CMAKE_CXX_BYTE_ORDER}")
 endif()
 
 # The dissector test runs tshark, a host program: native builds only, and
