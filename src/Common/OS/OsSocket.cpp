@@ -284,20 +284,27 @@ std::size_t OsSocket::createdSocketsCount()
 // ---------------------------------------------------------------------------
 // Options
 
-bool OsSocket::setOption(int fd, int level, int option, const void* value, socklen_t size, const char* optionName,
-                         const char* operation, const char* caller, int toleratedErrno)
+bool OsSocket::reportOption(bool ok, int fd, const char* operation, const char* caller, const char* call,
+                            const char* what)
 {
-    if (setsockopt(fd, level, option, value, size) == 0) {
-        SOCK_TRACE(SOCK_TRACE_OPTIONS, operation << ": " << callerName(caller) << "(): Socket[" << fd
-                                                 << "] setsockopt( " << optionName << " ) succeeded.\n");
+    if (ok) {
+        SOCK_TRACE(SOCK_TRACE_OPTIONS, operation << ": " << callerName(caller) << "(): Socket[" << fd << "] " << call
+                                                 << "( " << what << " ) succeeded.\n");
         return true;
     }
     const int e = errno;
-    if (toleratedErrno != 0 && e == toleratedErrno) return true;
     errNum = e;
-    UTL_TRACE(operation << ": " << callerName(caller) << "(): Socket[" << fd << "] setsockopt( " << optionName
+    UTL_TRACE(operation << ": " << callerName(caller) << "(): Socket[" << fd << "] " << call << "( " << what
                         << " ) failed[" << e << "]\n");
     return false;
+}
+
+bool OsSocket::setOption(int fd, int level, int option, const void* value, socklen_t size, const char* optionName,
+                         const char* operation, const char* caller, int toleratedErrno)
+{
+    const bool ok = setsockopt(fd, level, option, value, size) == 0;
+    if (!ok && toleratedErrno != 0 && errno == toleratedErrno) return true;
+    return reportOption(ok, fd, operation, caller, "setsockopt", optionName);
 }
 
 bool OsSocket::setIntOption(int fd, int level, int option, int value, const char* optionName, const char* operation,
@@ -356,16 +363,7 @@ bool OsSocket::setRxTimeoutOption(int, const char*)
 
 bool OsSocket::disableInheritance(int fd, const char* caller)
 {
-    const char* op = "disableInheritance";
-    if (fcntl(fd, F_SETFD, FD_CLOEXEC) == 0) {
-        SOCK_TRACE(SOCK_TRACE_OPTIONS,
-                   op << ": " << callerName(caller) << "(): Socket[" << fd << "] fcntl( FD_CLOEXEC ) succeeded.\n");
-        return true;
-    }
-    const int e = errno;
-    errNum = e;
-    UTL_TRACE(op << ": " << callerName(caller) << "(): Socket[" << fd << "] fcntl( FD_CLOEXEC ) failed[" << e << "]\n");
-    return false;
+    return reportOption(fcntl(fd, F_SETFD, FD_CLOEXEC) == 0, fd, "disableInheritance", caller, "fcntl", "FD_CLOEXEC");
 }
 
 bool OsSocket::enableOptions(int fd, int option, const char* caller)
@@ -384,17 +382,8 @@ bool OsSocket::enableOptions(int fd, int option, const char* caller)
 
 bool OsSocket::setBlockingMode(int fd, bool blocking, const char* caller)
 {
-    const char* op = "setBlockingMode";
     int nonBlocking = blocking ? 0 : 1;
-    if (ioctl(fd, FIONBIO, &nonBlocking) == 0) {
-        SOCK_TRACE(SOCK_TRACE_OPTIONS,
-                   op << ": " << callerName(caller) << "(): Socket[" << fd << "] ioctl( FIONBIO ) succeeded.\n");
-        return true;
-    }
-    const int e = errno;
-    errNum = e;
-    UTL_TRACE(op << ": " << callerName(caller) << "(): Socket[" << fd << "] ioctl( FIONBIO ) failed[" << e << "]\n");
-    return false;
+    return reportOption(ioctl(fd, FIONBIO, &nonBlocking) == 0, fd, "setBlockingMode", caller, "ioctl", "FIONBIO");
 }
 
 bool OsSocket::BindSocketToInterface(int fd, const char* interfaceName, const char* caller)

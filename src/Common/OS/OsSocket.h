@@ -301,6 +301,9 @@ private:
     void registerSocket();
     void copyStateFrom(const OsSocket& other);
     bool bindAndReport(const char* op, const c_sockaddr& addr);
+    // Traces the outcome of one option call on fd ("<call>( <what> )") and
+    // keeps errno as the socket's error on failure. Returns ok.
+    bool reportOption(bool ok, int fd, const char* operation, const char* caller, const char* call, const char* what);
     // Sets one option and traces the outcome under the names given; a failure
     // with toleratedErrno counts as success and is not recorded.
     bool setOption(int fd, int level, int option, const void* value, socklen_t size, const char* optionName,
