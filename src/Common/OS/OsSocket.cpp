@@ -425,17 +425,24 @@ bool OsSocket::PrepareSocket(int option, int backlog)
     return PrepareTCPSocket(backlog);
 }
 
-bool OsSocket::PrepareTCPSocket(int backlog)
+int OsSocket::openDescriptor(int type, int protocol, const char* op)
 {
-    const char* op = "PrepareTCPSocket";
-    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    const int fd = ::socket(AF_INET, type, protocol);
     if (fd < 0) {
         setError(errno);
-        return false;
+        return -1;
     }
     descriptorChanged();
     Socket = fd;
     disableInheritance(fd, op);
+    return fd;
+}
+
+bool OsSocket::PrepareTCPSocket(int backlog)
+{
+    const char* op = "PrepareTCPSocket";
+    const int fd = openDescriptor(SOCK_STREAM, 0, op);
+    if (fd < 0) return false;
     setLingerOnCloseOffOption(fd, op);
     setKeepAliveOptions(fd, op);
     setBlockingMode(fd, BLOCKING_DISABLED, op);
@@ -500,14 +507,8 @@ bool OsSocket::PrepareTcpServerSocket(int fd, int backlog)
 bool OsSocket::PrepareUDPSocket(int option, const char* interfaceName)
 {
     const char* op = "PrepareUDPSocket";
-    const int fd = ::socket(AF_INET, SOCK_DGRAM, IPPROTO_UDP);
-    if (fd < 0) {
-        setError(errno);
-        return false;
-    }
-    descriptorChanged();
-    Socket = fd;
-    disableInheritance(fd, op);
+    const int fd = openDescriptor(SOCK_DGRAM, IPPROTO_UDP, op);
+    if (fd < 0) return false;
     enableOptions(fd, option, op);
     if (interfaceName != nullptr && interfaceName[0] != '\0' && !BindSocketToInterface(fd, interfaceName, op)) {
         bSockErr = true;

@@ -301,6 +301,9 @@ private:
     void registerSocket();
     void copyStateFrom(const OsSocket& other);
     bool bindAndReport(const char* op, const c_sockaddr& addr);
+    // A new IPv4 descriptor of type as this socket's, not inherited by
+    // children; -1 with the error kept.
+    int openDescriptor(int type, int protocol, const char* op);
     // Traces the outcome of one option call on fd ("<call>( <what> )") and
     // keeps errno as the socket's error on failure. Returns ok.
     bool reportOption(bool ok, int fd, const char* operation, const char* caller, const char* call, const char* what);
