@@ -10,6 +10,7 @@
 # declaration order (the first of two names for one value is the one the
 # library prints).
 cmake_minimum_required(VERSION 3.18)
+include(${CMAKE_CURRENT_LIST_DIR}/TavroWriteIfChanged.cmake)
 if(NOT SOURCE OR NOT OUTPUT)
   message(FATAL_ERROR "SOURCE and OUTPUT are required")
 endif()
@@ -20,17 +21,6 @@ function(char_code ch out)
   set(${out} ${v} PARENT_SCOPE)
 endfunction()
 
-# Writes `path` unless it already holds `text`: rewriting an unchanged header
-# would rebuild everything that includes it.
-function(write_if_changed path text)
-  if(EXISTS "${path}")
-    file(READ "${path}" old)
-    if(old STREQUAL text)
-      return()
-    endif()
-  endif()
-  file(WRITE "${path}" "${text}")
-endfunction()
 
 file(STRINGS "${SOURCE}" lines)
 # Enumerations copied into the header; the others only go into the table.
@@ -93,7 +83,7 @@ foreach(enum IN LISTS enums)
   endif()
 endforeach()
 
-write_if_changed("${OUTPUT}" "#pragma once
+tavro_write_if_changed("${OUTPUT}" "#pragma once
 
 /* Generated from the library's code definitions; do not edit.
  * Command codes, response statuses and API status codes of libTAVRO. */
@@ -101,5 +91,5 @@ write_if_changed("${OUTPUT}" "#pragma once
 
 ${body}")
 if(TABLE)
-  write_if_changed("${TABLE}" "${table}")
+  tavro_write_if_changed("${TABLE}" "${table}")
 endif()

@@ -6,6 +6,7 @@
 # Where two names share a value, names keeps the first (the one the library
 # prints); values has both.
 cmake_minimum_required(VERSION 3.18)
+include(${CMAKE_CURRENT_LIST_DIR}/../../cmake/TavroWriteIfChanged.cmake)
 if(NOT TABLE OR NOT OUTPUT)
   message(FATAL_ERROR "TABLE and OUTPUT are required")
 endif()
@@ -42,10 +43,4 @@ foreach(type IN LISTS types)
 endforeach()
 string(APPEND text "},\nvalues = {\n${values}},\n}\n")
 
-if(EXISTS "${OUTPUT}")
-  file(READ "${OUTPUT}" old)
-  if(old STREQUAL text)
-    return()
-  endif()
-endif()
-file(WRITE "${OUTPUT}" "${text}")
+tavro_write_if_changed("${OUTPUT}" "${text}")

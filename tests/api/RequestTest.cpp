@@ -4,14 +4,16 @@
 #include <TAVRO/TAVRORequest.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <atomic>
+#include <cstdlib>
 #include <cstring>
+#include <string>
 #include <thread>
 #include <vector>
 
 #include "SwitchSimulator.h"
-#include "TestSupport.h"
 
 using switchsim::Bytes;
 using switchsim::OutFrame;
@@ -26,7 +28,10 @@ class World : public testing::Environment {
 public:
     void SetUp() override
     {
-        dir.reset(new tavro_test::ScopedTempDir);
+        char tmpl[] = "/tmp/tavro-request-XXXXXX";
+        ASSERT_NE(mkdtemp(tmpl), nullptr);
+        dir = tmpl;
+        ASSERT_EQ(chdir(tmpl), 0);
         ::mkdir("log", 0755);
         ASSERT_EQ(I_TAVRO_Initialize(), I_SUCCESS);
         switchsim::Options o;
@@ -38,10 +43,11 @@ public:
     {
         I_SwitchDisconnect();
         sim.stop();
+        if (chdir("/") == 0 && !dir.empty()) std::system(("rm -rf '" + dir + "'").c_str());
     }
 
     SwitchSimulator sim;
-    std::unique_ptr<tavro_test::ScopedTempDir> dir;
+    std::string dir;
 };
 
 World* const g_world = static_cast<World*>(testing::AddGlobalTestEnvironment(new World));
