@@ -39,6 +39,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "RoundTripTiming.h"
 #include "Common/OS/Linux/OSAL.h"
 #include "Cr/CrDBCmd.h"
 #include "Cr/CrOrvMsg.h"
@@ -47,7 +48,7 @@
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using Clock = bench_timing::Clock;
 
 // The responder echoes the payload of kEcho commands and answers kShort
 // commands with none.
@@ -534,69 +535,23 @@ double overRuns(const std::string& name, Get get)
     return v.empty() ? 0 : v[v.size() / 2];
 }
 
-// CPU time of the whole process (every thread: the application's, the
-// library's and the responder's), in microseconds. Pinned to one CPU, this
-// is what a command costs, whatever else the machine is running.
-double processCpuUs()
-{
-    timespec ts{};
-    ::clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &ts);
-    return double(ts.tv_sec) * 1e6 + double(ts.tv_nsec) / 1e3;
-}
-
-double percentile(std::vector<double>& v, double p)
-{
-    if (v.empty()) return 0;
-    const std::size_t k = std::min(v.size() - 1, std::size_t(p * double(v.size() - 1) + 0.5));
-    std::nth_element(v.begin(), v.begin() + std::ptrdiff_t(k), v.end());
-    return v[k];
-}
-
+// Times the round trips and keeps what the summary needs.
 template <typename RoundTrip>
 void timeRoundTrips(benchmark::State& state, RoundTrip roundTrip, const char* name)
 {
-    std::vector<double> us;
-    us.reserve(1 << 20);
-    for (int i = 0; i < 20; ++i) roundTrip(); // warm the path
-    Clock::time_point began{};
-    double cpu0 = 0;
-    for (auto _ : state) {
-        if (began == Clock::time_point{}) {
-            began = Clock::now();
-            cpu0 = processCpuUs();
-        }
-        const auto t0 = Clock::now();
-        const bool ok = roundTrip();
-        const double s = std::chrono::duration<double>(Clock::now() - t0).count();
-        state.SetIterationTime(s);
-        if (!ok) {
-            state.SkipWithError("no or wrong reply");
-            break;
-        }
-        us.push_back(s * 1e6);
-    }
-    const double cpuUs = processCpuUs() - cpu0;
-    state.SetItemsProcessed(state.iterations());
-    if (!us.empty())
-        state.counters["cpu_us"] = benchmark::Counter(cpuUs / double(us.size() * std::size_t(state.threads())),
-                                                      benchmark::Counter::kAvgThreads);
-    const double med = percentile(us, 0.5);
-    const double p99 = percentile(us, 0.99);
-    state.counters["median_us"] = benchmark::Counter(med, benchmark::Counter::kAvgThreads);
-    state.counters["p99_us"] = benchmark::Counter(p99, benchmark::Counter::kAvgThreads);
-    const Clock::time_point ended = Clock::now();
+    const bench_timing::Timed t = bench_timing::timeRoundTrips(state, roundTrip);
     std::lock_guard<std::mutex> lk(g_summaryMu);
     // A thread that began after the last recorded end is in a new run.
     std::vector<Run>& runs = g_runs[name];
-    if (runs.empty() || began > runs.back().last) runs.emplace_back();
+    if (runs.empty() || t.began > runs.back().last) runs.emplace_back();
     Run& r = runs.back();
     if (state.thread_index() == 0) {
-        r.medianUs = med;
-        r.cpuUs = us.empty() ? 0 : cpuUs / double(us.size() * std::size_t(state.threads()));
+        r.medianUs = t.medianUs;
+        r.cpuUs = t.cpuUs;
     }
-    r.commands += us.size();
-    r.first = std::min(r.first, began);
-    r.last = std::max(r.last, ended);
+    r.commands += t.count;
+    r.first = std::min(r.first, t.began);
+    r.last = std::max(r.last, t.ended);
 }
 
 std::vector<char> payloadOf(std::size_t n)

@@ -16,25 +16,13 @@
 #include <thread>
 #include <vector>
 
+#include "RoundTripTiming.h"
+
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using bench_timing::timeRoundTrips;
+
 constexpr std::size_t kFrame = 40;
-
-double percentile(std::vector<double>& v, double p)
-{
-    if (v.empty()) return 0;
-    const std::size_t k = std::min(v.size() - 1, std::size_t(p * double(v.size() - 1) + 0.5));
-    std::nth_element(v.begin(), v.begin() + std::ptrdiff_t(k), v.end());
-    return v[k];
-}
-
-double processCpuUs()
-{
-    timespec ts{};
-    ::clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &ts);
-    return double(ts.tv_sec) * 1e6 + double(ts.tv_nsec) / 1e3;
-}
 
 // A server socket of `type` bound to an ephemeral loopback port, answering
 // on its own thread until the context is shut down. REP echoes the request;
@@ -93,38 +81,6 @@ void* connected(void* ctx, int type, const std::string& endpoint)
         return nullptr;
     }
     return s;
-}
-
-// Times each round trip like RoundTripBench does: median and p99 in us,
-// process CPU time per round trip.
-template <typename RoundTrip>
-void timeRoundTrips(benchmark::State& state, RoundTrip roundTrip)
-{
-    std::vector<double> us;
-    us.reserve(1 << 20);
-    for (int i = 0; i < 20; ++i) roundTrip();
-    double cpu0 = -1;
-    for (auto _ : state) {
-        if (cpu0 < 0) cpu0 = processCpuUs();
-        const auto t0 = Clock::now();
-        const bool ok = roundTrip();
-        const double s = std::chrono::duration<double>(Clock::now() - t0).count();
-        state.SetIterationTime(s);
-        if (!ok) {
-            state.SkipWithError("no or wrong reply");
-            break;
-        }
-        us.push_back(s * 1e6);
-    }
-    const double cpu = processCpuUs() - cpu0;
-    state.SetItemsProcessed(state.iterations());
-    if (us.empty()) return;
-    state.counters["cpu_us"] =
-        benchmark::Counter(cpu / double(us.size() * std::size_t(state.threads())), benchmark::Counter::kAvgThreads);
-    const double med = percentile(us, 0.5);
-    const double p99 = percentile(us, 0.99);
-    state.counters["median_us"] = benchmark::Counter(med, benchmark::Counter::kAvgThreads);
-    state.counters["p99_us"] = benchmark::Counter(p99, benchmark::Counter::kAvgThreads);
 }
 
 bool exchange(void* s, const char* out, char* in)
