@@ -105,6 +105,16 @@ Frame makeFrame(const std::uint8_t* hdr, const std::uint8_t* body, std::uint32_t
 
 } // namespace
 
+Arrival readArrival(fuzz_support::Bytes& in)
+{
+    const std::size_t nLengths = in.u8() % 16u;
+    std::vector<std::uint8_t> lengths;
+    for (std::size_t i = 0; i < nLengths; ++i) lengths.push_back(in.u8());
+    Arrival a{in.rest(), in.restSize(), {}};
+    a.ends = arrivalEnds(lengths.data(), lengths.size(), a.size);
+    return a;
+}
+
 std::vector<std::size_t> arrivalEnds(const std::uint8_t* lengths, std::size_t nLengths, std::size_t size)
 {
     std::vector<std::size_t> ends;

@@ -12,6 +12,10 @@
 
 #include "Common/OS/OsSocket.h"
 
+namespace fuzz_support {
+class Bytes;
+}
+
 namespace frame_feed {
 
 struct Frame {
@@ -36,6 +40,15 @@ Expected expectFrames(const std::uint8_t* data, std::size_t size, const std::vec
 // Where the pieces of a stream of `size` bytes end: piece lengths are
 // lengths[i] + 1, used in turn; no lengths: one piece.
 std::vector<std::size_t> arrivalEnds(const std::uint8_t* lengths, std::size_t nLengths, std::size_t size);
+
+// The rest of a fuzz input as a stream in pieces: a piece-length count (mod
+// 16) and the lengths, then the stream's bytes.
+struct Arrival {
+    const std::uint8_t* stream;
+    std::size_t size;
+    std::vector<std::size_t> ends;
+};
+Arrival readArrival(fuzz_support::Bytes& in);
 
 // Installs the in-memory stream as the socket layer's recv and FIONREAD for
 // the lifetime of the object; every recv is checked to write only into

@@ -33,13 +33,10 @@ extern "C" int LLVMFuzzerInitialize(int*, char***)
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
     fuzz_support::Bytes in(data, size);
-    const std::size_t nLengths = in.u8() % 16u;
-    std::vector<std::uint8_t> lengths;
-    for (std::size_t i = 0; i < nLengths; ++i) lengths.push_back(in.u8());
-    const std::uint8_t* stream = in.rest();
-    const std::size_t streamSize = in.restSize();
-
-    const std::vector<std::size_t> ends = frame_feed::arrivalEnds(lengths.data(), lengths.size(), streamSize);
+    const frame_feed::Arrival arrival = frame_feed::readArrival(in);
+    const std::uint8_t* stream = arrival.stream;
+    const std::size_t streamSize = arrival.size;
+    const std::vector<std::size_t>& ends = arrival.ends;
     const frame_feed::Expected want =
         frame_feed::expectFrames(stream, streamSize, ends, 0, kAllocLimitMb * 1024 * 1024);
 
