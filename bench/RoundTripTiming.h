@@ -36,9 +36,9 @@ inline double percentile(std::vector<double>& v, double p)
 struct Timed {
     Clock::time_point began{}; // first timed round trip of this thread
     Clock::time_point ended{};
-    std::size_t count = 0;     // round trips timed
+    std::size_t count = 0; // round trips timed
     double medianUs = 0;
-    double cpuUs = 0;          // process CPU time per round trip
+    double cpuUs = 0; // process CPU time per round trip
 };
 
 // Warms the path, then times one round trip per iteration and sets the
