@@ -5,6 +5,7 @@
 
 #include "Common/OS/Linux/HandlePool.h"
 #include "Common/OS/Linux/WinEvent.h"
+#include "Common/OS/OsSocket.h"
 #include "Common/Utility/UtlDebug.h"
 #include "Io/IoDBRouter.h"
 #include "Os/UDBControl.h"
@@ -81,6 +82,15 @@ void TrackerInfo::TimeoutAction()
 
 // ---------------------------------------------------------------- CrTracker
 
+bool tavro_internal::sentTogether(const TrackerMsg* cur, const TrackerMsg* next)
+{
+    if (cur->GetTrackerType() != TRACKER_CMD || next->GetTrackerType() != TRACKER_CMD) return false;
+    const CrCmd* a = cur->GetCmd();
+    const CrCmd* b = next->GetCmd();
+    return a != nullptr && b != nullptr && a->GetMsgAddr() == b->GetMsgAddr() &&
+           a->GetSourceNet() == b->GetSourceNet() && a->GetClient() == b->GetClient() && IoRouter::FitsOnWire(*b);
+}
+
 CrTracker::CrTracker()
     : OsThread("CrTracker", STACK_SIZE), listLock(CreateMutex(nullptr, FALSE, nullptr)), pTracker(new TrackerQue)
 {
@@ -144,7 +154,10 @@ void* CrTracker::Execute(void*)
         pTracker->TakeAll(batch);
         std::size_t i = 0;
         while (i < batch.size()) {
-            ProcessMsg(static_cast<TrackerMsg*>(batch[i++]));
+            auto* msg = static_cast<TrackerMsg*>(batch[i++]);
+            const tavro_internal::FrameFollows follows(
+                i < batch.size() && tavro_internal::sentTogether(msg, static_cast<TrackerMsg*>(batch[i])));
+            ProcessMsg(msg);
             if (!ContinueRunning()) break;
         }
         // Stopped half-way: the rest goes as the queue's destructor takes it.

@@ -33,6 +33,12 @@ private:
     void* pCmd;
 };
 
+namespace tavro_internal {
+// True when next is a command the router sends right after cur's, down the
+// same connections: cur's frame may then wait for it in the kernel.
+bool sentTogether(const TrackerMsg* cur, const TrackerMsg* next);
+} // namespace tavro_internal
+
 class TrackerQue : public UtlQueue {
 public:
     static constexpr int MAX_ENTRIES = 4096;

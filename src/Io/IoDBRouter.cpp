@@ -88,6 +88,12 @@ int IoRouter::SendCmd(CrCmd* cmd)
     return SendR700Cmd(cmd);
 }
 
+bool IoRouter::FitsOnWire(const CrCmd& cmd)
+{
+    // The size ORV_APP_MSG(cmd) takes, without drawing a sequence number.
+    return std::uint32_t(cmd.GetSize()) <= MAX_APP_SIZE;
+}
+
 int IoRouter::SendR700Cmd(CrCmd* cmd)
 {
     ORV_CTL_MSG ctl(*cmd);

@@ -71,6 +71,8 @@ public:
 
     int SendCmd(CrCmd* cmd);
     int SendR700Cmd(CrCmd* cmd);
+    // False for a command SendR700Cmd refuses as too large.
+    static bool FitsOnWire(const CrCmd& cmd);
     int SendRsp(CrRsp* rsp);
     int SendR700Rsp(CrRsp* rsp);
     // Queues a copy of data as an event command; the queue owns it.

@@ -52,6 +52,21 @@ void resetSocketSeams();
 // True while sendFn is the real send: only then may a chain go out as one
 // gathered write (a replaced sendFn models what each per-piece call does).
 bool realSend();
+
+// Set by a sender that knows its next frame goes to the same peer at once:
+// the gathered write then asks the kernel to hold the bytes (MSG_MORE) so
+// that both frames leave as one segment, and the next write pushes them.
+class FrameFollows {
+public:
+    explicit FrameFollows(bool follows);
+    ~FrameFollows();
+    FrameFollows(const FrameFollows&) = delete;
+    FrameFollows& operator=(const FrameFollows&) = delete;
+    static bool active();
+
+private:
+    bool previous;
+};
 } // namespace tavro_internal
 
 // Whole seconds on the seam clock.

@@ -495,6 +495,25 @@ bool OsSocket::ReadReady()
 // ---------------------------------------------------------------------------
 // Writer
 
+namespace {
+thread_local bool t_frameFollows = false;
+} // namespace
+
+tavro_internal::FrameFollows::FrameFollows(bool follows) : previous(t_frameFollows)
+{
+    t_frameFollows = follows;
+}
+
+tavro_internal::FrameFollows::~FrameFollows()
+{
+    t_frameFollows = previous;
+}
+
+bool tavro_internal::FrameFollows::active()
+{
+    return t_frameFollows;
+}
+
 bool OsSocket::SendBD(TCP_BD* chain)
 {
     const tavro_internal::SocketSeams& seams = tavro_internal::socketSeams();
@@ -576,6 +595,7 @@ void OsSocket::sendGathered(TCP_BD* chain)
             if (next->size > 0) iov[count++] = {next->pBuf, static_cast<std::size_t>(next->size)};
     };
     refill();
+    const int flags = MSG_NOSIGNAL | (tavro_internal::FrameFollows::active() ? MSG_MORE : 0);
     unsigned wouldBlock = 0;
     while (first < count && mayContinue()) {
         FdUse use(*this);
@@ -583,7 +603,7 @@ void OsSocket::sendGathered(TCP_BD* chain)
         msghdr m{};
         m.msg_iov = iov + first;
         m.msg_iovlen = static_cast<std::size_t>(count - first);
-        const ssize_t n = ::sendmsg(fd, &m, MSG_NOSIGNAL);
+        const ssize_t n = ::sendmsg(fd, &m, flags);
         const int e = errno;
         if (n <= 0) msgSent.fetch_add(1, std::memory_order_relaxed);
         if (n == 0) continue;
