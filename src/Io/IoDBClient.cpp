@@ -78,6 +78,20 @@ void traceBadFrame(const c_sockaddr& peer, std::uint32_t frameSize, std::uint32_
               << "] too small for ORV_APP_MSG appSize[" << appSize << "].  MESSAGE DROPPED!\n");
 }
 
+// The kernel copies a large body into the buffer several times slower when
+// the destination lies just above its source modulo a page (4 KiB
+// aliasing), and the source starts near a page boundary: so the body starts
+// in the middle of a page.
+constexpr std::size_t kRcvPage = 4096;
+constexpr std::size_t kRcvBodyAt = kRcvPage / 2;
+
+ORV_APP_MSG* placeForBody(char* buffer)
+{
+    const auto body = reinterpret_cast<std::uintptr_t>(buffer) + sizeof(ORV_APP_MSG);
+    const std::size_t pad = (kRcvBodyAt + kRcvPage - body % kRcvPage) % kRcvPage;
+    return reinterpret_cast<ORV_APP_MSG*>(buffer + pad);
+}
+
 } // namespace
 
 tavro_internal::ClientSeams& tavro_internal::clientSeams()
@@ -220,12 +234,13 @@ void* IoClientMgmt::Execute(void*)
         pSocket.store(new OsSocket(sockAddr.address().toString().c_str(), sockAddr, TCP_CLIENT, 0),
                       std::memory_order_release);
     }
-    pRcvBuffer = new (std::nothrow) char[MAX_TCP_MSG_SIZE];
+    pRcvBuffer = new (std::nothrow) char[MAX_TCP_MSG_SIZE + kRcvPage];
     if (pRcvBuffer == nullptr) {
         debugOut("IoClientMgmt::Execute: no memory for the receive buffer!\n");
         processState.store(TCP_DISCONNECT, std::memory_order_release);
         return nullptr;
     }
+    pRcvApp = placeForBody(pRcvBuffer);
     processState.store(TCP_CONNECT, std::memory_order_release);
     setMyThread(pthread_self());
     if (pSwiTable != nullptr) pSwiTable->AddRoute(sockAddr.address(), switchCtl.switchId, this);
@@ -251,6 +266,7 @@ void* IoClientMgmt::Execute(void*)
     }
     delete[] pRcvBuffer;
     pRcvBuffer = nullptr;
+    pRcvApp = nullptr;
     bConnect.store(false, std::memory_order_release);
     bActive.store(false, std::memory_order_release);
     Close();
@@ -313,7 +329,7 @@ void IoClientMgmt::passNormal()
 {
     OsSocket* s = pSocket.load(std::memory_order_acquire);
     ORV_CTL_MSG ctl;
-    auto* app = reinterpret_cast<ORV_APP_MSG*>(pRcvBuffer);
+    ORV_APP_MSG* app = pRcvApp;
     if (!s->GetOrvMessage(&ctl, app, MAX_TCP_MSG_SIZE)) {
         processState.store(TCP_DISCONNECT, std::memory_order_release);
         return;

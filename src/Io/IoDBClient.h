@@ -169,6 +169,7 @@ private:
     CrTracker* pTracker = nullptr;
     RouteTable* pSwiTable = nullptr;
     char* pRcvBuffer = nullptr;
+    ORV_APP_MSG* pRcvApp = nullptr; // where frames are read, inside pRcvBuffer
 
     // Guards pSocket's creation against SignalShutdown from other threads.
     std::mutex sockLock;
