@@ -101,11 +101,9 @@ struct RecordCase {
     SwapFn swap;
 };
 
-#define AP_RECORD(R, wireSize, layout)                                                                                 \
-    ::apcheck::RecordCase                                                                                              \
-    {                                                                                                                  \
-#R, wireSize, sizeof(R), layout, &::apcheck::swapAs < R>                                                       \
-    }
+// clang-format off
+#define AP_RECORD(R, wireSize, layout) ::apcheck::RecordCase{#R, wireSize, sizeof(R), layout, &::apcheck::swapAs<R>}
+// clang-format on
 
 // Size, one conversion against the layout, and a second conversion back.
 inline void checkRecord(const RecordCase& c)
