@@ -80,59 +80,41 @@ TEST(CodeText, BoundaryUnknownAndOtherCodeSpaces)
                                     "MGR_SYMN",     "MGR_USER",     "MGR_NBR",       "MGR_UPDT",
                                     "MGR_PKT_CARD", "MGR_PKT_CONN", "MGR_PKT_STATS", "MGR_PCE_PROC"};
     for (int i = 0; i < 12; ++i) EXPECT_EQ(mgrNames[i], text(MGR_CLASS(i)));
-    const char* const boundaries[] = {"MGR_CONN_CMD (boundary value?   )",
-                                      "MGR_CARD_CMD (boundary value?   )",
-                                      "MGR_DIAG_CMD (boundary value?   )",
-                                      "MGR_SYMN_CMD (boundary value?   )",
-                                      "MGR_USER_CMD (boundary value?   )",
-                                      "MGR_NBR_CMD (boundary value?)",
-                                      "MGR_UPDT_CMD (boundary value?)",
-                                      "MGR_PKT_CARD_CMD (boundary value?)",
-                                      "MGR_PKT_CONN_CMD",
-                                      "MGR_PKT_STATS_CMD",
-                                      "MGR_PCE_PROC_CMD"};
+    // clang-format off
+    const char* const boundaries[] = {
+        "MGR_CONN_CMD (boundary value?   )", "MGR_CARD_CMD (boundary value?   )", "MGR_DIAG_CMD (boundary value?   )",
+        "MGR_SYMN_CMD (boundary value?   )", "MGR_USER_CMD (boundary value?   )", "MGR_NBR_CMD (boundary value?)",
+        "MGR_UPDT_CMD (boundary value?)", "MGR_PKT_CARD_CMD (boundary value?)", "MGR_PKT_CONN_CMD", "MGR_PKT_STATS_CMD",
+        "MGR_PCE_PROC_CMD"};
+    // clang-format on
     for (int i = 0; i < 11; ++i) EXPECT_EQ(boundaries[i], text(COMMAND_CODE(10000 * (i + 1))));
 
     const struct {
         std::string actual;
         const char* expected;
     } cases[] = {
+        // clang-format off
         {text(COMMAND_CODE(10057)), "UNKNOWN COMMAND_CODE[10057][0x00002749]"},
         {text(COMMAND_CODE(-1)), "UNKNOWN COMMAND_CODE[-1][0xffffffff]"},
-        {text(MGR_MAX), "MGR_MAX???"},
-        {text(MGR_LINK), "MGR_LINK"},
+        {text(MGR_MAX), "MGR_MAX???"}, {text(MGR_LINK), "MGR_LINK"},
         {text(MGR_CLASS(13)), "UNKNOWN MGR_CLASS[13][0x0000000d]"},
         {text(MGR_CLASS(-5)), "UNKNOWN MGR_CLASS[-5][0xfffffffb]"},
-        {text(DB_MGR_NULL), "DB_MGR_NULL"},
-        {text(DB_MGR_API), "DB_MGR_API"},
-        {text(DB_MGR_POLL), "DB_MGR_POLL"},
-        {text(DB_MGR_NBR), "DB_MGR_NBR???"},
-        {text(DBS_MGR_CLASS(5)), "UNKNOWN DBS_MGR_CLASS[5][0x00000005]"},
-        {text(MSG_COMMAND), "MSG_COMMAND"},
-        {text(MSG_RESPONSE), "MSG_RESPONSE"},
-        {text(MSG_RSPONLIN), "MSG_RSPONLIN"},
-        {text(MSG_RSPOFFLN), "MSG_RSPOFFLN"},
-        {text(MSG_TYPE(0x4D53473A)), "UNKNOWN MSG_TYPE[1297303354][0x4d53473a]"},
-        {text(RSP_TIME_OUT), "RSP_TIME_OUT"},
-        {text(RSP_SIMULATION), "RSP_SIMULATION"},
-        {text(RSP_INCORRECT_MODE), "RSP_INCORRECT_MODE"},
-        {text(RSP_STATUS(9)), "UNKNOWN RSP_STATUS[9][0x00000009]"},
-        {text(CMD_WITHOUT_RSP), "CMD_WITHOUT_RSP"},
-        {text(CMD_WITH_RSP), "CMD_WITH_RSP"},
+        {text(DB_MGR_NULL), "DB_MGR_NULL"}, {text(DB_MGR_API), "DB_MGR_API"}, {text(DB_MGR_POLL), "DB_MGR_POLL"},
+        {text(DB_MGR_NBR), "DB_MGR_NBR???"}, {text(DBS_MGR_CLASS(5)), "UNKNOWN DBS_MGR_CLASS[5][0x00000005]"},
+        {text(MSG_COMMAND), "MSG_COMMAND"}, {text(MSG_RESPONSE), "MSG_RESPONSE"}, {text(MSG_RSPONLIN), "MSG_RSPONLIN"},
+        {text(MSG_RSPOFFLN), "MSG_RSPOFFLN"}, {text(MSG_TYPE(0x4D53473A)), "UNKNOWN MSG_TYPE[1297303354][0x4d53473a]"},
+        {text(RSP_TIME_OUT), "RSP_TIME_OUT"}, {text(RSP_SIMULATION), "RSP_SIMULATION"},
+        {text(RSP_INCORRECT_MODE), "RSP_INCORRECT_MODE"}, {text(RSP_STATUS(9)), "UNKNOWN RSP_STATUS[9][0x00000009]"},
+        {text(CMD_WITHOUT_RSP), "CMD_WITHOUT_RSP"}, {text(CMD_WITH_RSP), "CMD_WITH_RSP"},
         {text(CMD_CONTROL(2)), "UNKNOWN CMD_CONTROL[2][0x00000002]"},
+        // clang-format on
     };
     for (const auto& c : cases) EXPECT_EQ(c.expected, c.actual);
-}
 
-TEST(CodeText, UnknownValueLeavesCallersStreamAsItWas)
-{
+    // An unknown value leaves the caller's base, fill and width as they were.
     std::ostringstream os;
-    os << std::hex << std::setfill('*');
-    os << COMMAND_CODE(12345) << ' ' << 255 << ' ';
-    os.width(4);
-    os << 7;
+    os << std::hex << std::setfill('*') << COMMAND_CODE(12345) << ' ' << 255 << ' ' << std::setw(4) << 7;
     EXPECT_EQ("UNKNOWN COMMAND_CODE[12345][0x00003039] ff ***7", os.str());
-
     std::ostringstream dec;
     dec << MGR_CLASS(99) << ' ' << 255;
     EXPECT_EQ("UNKNOWN MGR_CLASS[99][0x00000063] 255", dec.str());

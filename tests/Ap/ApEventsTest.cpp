@@ -17,102 +17,30 @@ struct TypeCase {
     unsigned added;
     SwapFn swap;
 };
-#define EV(t, R)                                                                                                       \
-    {                                                                                                                  \
-        t, sizeof(R), swapAs<R>                                                                                        \
-    }
-#define WHOLE(t)                                                                                                       \
-    {                                                                                                                  \
-        t, 48125, nullptr                                                                                              \
-    }
-
+// clang-format off
+#define EV(t, R) {t, sizeof(R), swapAs<R>}
+#define WHOLE(t) {t, 48125, nullptr}
 const TypeCase kTypes[] = {
-    EV(1, I_SWITCH),
-    EV(2, I_PIM),
-    EV(3, I_PORT),
-    EV(4, I_GROUP),
-    EV(5, I_CONNECTION),
-    EV(6, I_ALARM),
-    EV(7, I_TRANLOG),
-    EV(8, I_MAINTENANCE),
-    {9, 0, nullptr},
-    EV(10, I_SUPERGROUP),
-    EV(11, I_MEMBER),
-    EV(12, I_EQUIPMENT),
-    EV(13, I_USER),
-    EV(14, I_MEMBER),
-    EV(15, I_BOARD_INFO),
-    EV(16, I_CIRCUIT),
-    EV(17, I_CONNECTION_SET),
-    EV(18, I_DATAGEN_RESULTS),
-    EV(19, I_DOMAIN),
-    EV(20, I_SERVER_SHUTDOWN),
-    EV(21, I_HARDWARE_ALARM),
-    EV(22, I_CHASSIS),
-    EV(23, I_XSL_ASSOCIATION),
-    EV(24, I_XSL_COUNTS),
-    EV(25, I_DIAG_BAD_PATH),
-    EV(26, I_RESTORE_STANDBY_DB),
-    EV(27, I_SUBPORT),
-    WHOLE(28),
-    EV(29, I_PACKET_COUNTS),
-    EV(30, I_REF_MEMBER),
-    EV(31, I_PACKET_STATUS),
-    EV(32, I_INGRESS),
-    EV(33, I_REF_MEMBER),
-    EV(34, I_FILTER),
-    EV(35, I_FILTER_MEMBER),
-    EV(36, I_EGRESS),
-    EV(38, I_RULE),
-    EV(39, I_ORDERED_MEMBER),
-    EV(40, I_SUPERINGRESS),
-    EV(41, I_REF_MEMBER),
-    EV(42, I_SUPEREGRESS),
-    EV(43, I_MEMBER),
-    EV(44, I_SUPERFILTER),
-    EV(45, I_PORT_STATISTICS),
-    WHOLE(46),
-    EV(47, I_THRESHOLD),
-    EV(48, I_MEMBER),
-    EV(49, I_SERVER_CLOCK),
-    EV(50, I_DPI_PROTOCOL),
-    EV(51, I_SYSTEM_PARAMETERS),
-    EV(52, I_UTILIZATION),
-    EV(53, I_PCE_PORT),
-    EV(54, I_MEMBER),
-    EV(55, I_PCE_STATISTICS),
-    EV(56, I_SYSTEM_PARAMETERS),
-    EV(57, I_XSL_TRUNK),
-    EV(58, I_IMPAIRMENT),
-    WHOLE(59),
-    WHOLE(60),
-    EV(61, I_ORDERED_MEMBER),
-    EV(62, I_DPI_PROTOCOL_ENTRY),
-    EV(63, I_TRAFFIC_COUNTERS),
-    EV(64, I_BACKPLANE_STATE),
-    EV(65, I_RECONCILE),
-    EV(66, I_PACKET_DEFINITION),
-    EV(67, I_STREAM),
-    EV(68, I_REF_MEMBER),
-    EV(69, I_PROBE),
-    EV(70, I_STICKY_NOTE),
-    EV(71, I_TRAFFIC_COUNTERS),
-    EV(72, I_DEVICE),
-    EV(73, I_PACKET_RESERVATION),
-    EV(74, I_REMOTE_SERVER),
-    EV(75, I_REMOTE_EXEC),
-    EV(76, I_PROGRESS),
-    EV(77, I_PROGRESS),
-    WHOLE(78),
-    WHOLE(79),
-    WHOLE(80),
-    WHOLE(81),
-    WHOLE(82),
-    WHOLE(83),
-    EV(84, I_APP_STATUS),
-    EV(85, I_APP_STATUS),
-    EV(86, I_DEVICE_APP),
+    EV(1, I_SWITCH), EV(2, I_PIM), EV(3, I_PORT), EV(4, I_GROUP), EV(5, I_CONNECTION), EV(6, I_ALARM),
+    EV(7, I_TRANLOG), EV(8, I_MAINTENANCE), {9, 0, nullptr}, EV(10, I_SUPERGROUP), EV(11, I_MEMBER),
+    EV(12, I_EQUIPMENT), EV(13, I_USER), EV(14, I_MEMBER), EV(15, I_BOARD_INFO), EV(16, I_CIRCUIT),
+    EV(17, I_CONNECTION_SET), EV(18, I_DATAGEN_RESULTS), EV(19, I_DOMAIN), EV(20, I_SERVER_SHUTDOWN),
+    EV(21, I_HARDWARE_ALARM), EV(22, I_CHASSIS), EV(23, I_XSL_ASSOCIATION), EV(24, I_XSL_COUNTS),
+    EV(25, I_DIAG_BAD_PATH), EV(26, I_RESTORE_STANDBY_DB), EV(27, I_SUBPORT), WHOLE(28), EV(29, I_PACKET_COUNTS),
+    EV(30, I_REF_MEMBER), EV(31, I_PACKET_STATUS), EV(32, I_INGRESS), EV(33, I_REF_MEMBER), EV(34, I_FILTER),
+    EV(35, I_FILTER_MEMBER), EV(36, I_EGRESS), EV(38, I_RULE), EV(39, I_ORDERED_MEMBER), EV(40, I_SUPERINGRESS),
+    EV(41, I_REF_MEMBER), EV(42, I_SUPEREGRESS), EV(43, I_MEMBER), EV(44, I_SUPERFILTER), EV(45, I_PORT_STATISTICS),
+    WHOLE(46), EV(47, I_THRESHOLD), EV(48, I_MEMBER), EV(49, I_SERVER_CLOCK), EV(50, I_DPI_PROTOCOL),
+    EV(51, I_SYSTEM_PARAMETERS), EV(52, I_UTILIZATION), EV(53, I_PCE_PORT), EV(54, I_MEMBER),
+    EV(55, I_PCE_STATISTICS), EV(56, I_SYSTEM_PARAMETERS), EV(57, I_XSL_TRUNK), EV(58, I_IMPAIRMENT), WHOLE(59),
+    WHOLE(60), EV(61, I_ORDERED_MEMBER), EV(62, I_DPI_PROTOCOL_ENTRY), EV(63, I_TRAFFIC_COUNTERS),
+    EV(64, I_BACKPLANE_STATE), EV(65, I_RECONCILE), EV(66, I_PACKET_DEFINITION), EV(67, I_STREAM),
+    EV(68, I_REF_MEMBER), EV(69, I_PROBE), EV(70, I_STICKY_NOTE), EV(71, I_TRAFFIC_COUNTERS), EV(72, I_DEVICE),
+    EV(73, I_PACKET_RESERVATION), EV(74, I_REMOTE_SERVER), EV(75, I_REMOTE_EXEC), EV(76, I_PROGRESS),
+    EV(77, I_PROGRESS), WHOLE(78), WHOLE(79), WHOLE(80), WHOLE(81), WHOLE(82), WHOLE(83), EV(84, I_APP_STATUS),
+    EV(85, I_APP_STATUS), EV(86, I_DEVICE_APP),
 };
+// clang-format on
 
 constexpr std::size_t kPktHead = 16; // hdr, EventCount, currentSize
 constexpr std::size_t kNbrTrunksAt = 12 + 253;
@@ -249,46 +177,22 @@ TEST(ApEvents, PacketSwapNeverGoesBeyondWhatThePacketSaysIsInUse)
         void (*build)(PacketBuilder&);
         bool eventsTouched;
     } const cases[] = {
+        // clang-format off
         {"empty", [](PacketBuilder&) {}, false},
         {"currentSize fits in neither order: header only",
-         [](PacketBuilder& b) {
-             b.add(9, 12);
-             b.pkt->currentSize = 0x00FFFF01u;
-         },
-         false},
-        {"fewer bytes in use than one event base",
-         [](PacketBuilder& b) {
-             b.add(9, 12);
-             b.pkt->currentSize = 5;
-         },
+         [](PacketBuilder& b) { b.add(9, 12); b.pkt->currentSize = 0x00FFFF01u; }, false},
+        {"fewer bytes in use than one event base", [](PacketBuilder& b) { b.add(9, 12); b.pkt->currentSize = 5; },
          false},
         {"count far beyond the events present",
-         [](PacketBuilder& b) {
-             b.add(9, 12);
-             b.add(9, 12);
-             b.pkt->EventCount = 0xFFFFFFFFu;
-         },
-         true},
-        {"trunk count far beyond the packet",
-         [](PacketBuilder& b) {
+         [](PacketBuilder& b) { b.add(9, 12); b.add(9, 12); b.pkt->EventCount = 0xFFFFFFFFu; }, true},
+        {"trunk count far beyond the packet", [](PacketBuilder& b) {
              const std::size_t at = b.add(37, 12 + I_PACKET_ASSOCIATION_EVT::sizeofThis(2), {1, 2});
-             putAt<std::uint32_t>(b.pkt->Events + at + kNbrTrunksAt, 0x7FFFFFFFu);
-         },
-         true},
+             putAt<std::uint32_t>(b.pkt->Events + at + kNbrTrunksAt, 0x7FFFFFFFu); }, true},
         {"record longer than the bytes in use",
-         [](PacketBuilder& b) {
-             b.add(9, 12);
-             b.add(I_EVENT_TYPE_USER, 12 + 1283);
-             b.pkt->currentSize -= 1000;
-         },
-         true},
-        {"unknown type filling the packet up to its end",
-         [](PacketBuilder& b) {
-             b.add(9, 12);
-             b.add(12345, kWhole);
-             b.pkt->currentSize = sizeof(b.pkt->Events);
-         },
-         true},
+         [](PacketBuilder& b) { b.add(9, 12); b.add(I_EVENT_TYPE_USER, 12 + 1283); b.pkt->currentSize -= 1000; }, true},
+        {"unknown type filling the packet up to its end", [](PacketBuilder& b) {
+             b.add(9, 12); b.add(12345, kWhole); b.pkt->currentSize = sizeof(b.pkt->Events); }, true},
+        // clang-format on
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);

@@ -12,6 +12,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <cstring>
 #include <string>
@@ -101,11 +102,9 @@ struct RecordCase {
     SwapFn swap;
 };
 
-#define AP_RECORD(R, wireSize, layout)                                                                                 \
-    ::apcheck::RecordCase                                                                                              \
-    {                                                                                                                  \
-#R, wireSize, sizeof(R), layout, &::apcheck::swapAs < R>                                                       \
-    }
+// clang-format off
+#define AP_RECORD(R, wireSize, layout) ::apcheck::RecordCase{#R, wireSize, sizeof(R), layout, &::apcheck::swapAs<R>}
+// clang-format on
 
 // Size, one conversion against the layout, and a second conversion back.
 inline void checkRecord(const RecordCase& c)
@@ -118,11 +117,8 @@ inline void checkRecord(const RecordCase& c)
 
     Bytes work = original; // heap storage, exactly the record's size
     EXPECT_EQ(c.swap(work.data()), 1);
-    for (std::size_t i = 0; i < work.size(); ++i)
-        if (work[i] != expected[i]) {
-            ADD_FAILURE() << "first wrong byte at offset " << i;
-            break;
-        }
+    const auto wrong = std::mismatch(work.begin(), work.end(), expected.begin()).first;
+    EXPECT_TRUE(wrong == work.end()) << "first wrong byte at offset " << wrong - work.begin();
     c.swap(work.data());
     EXPECT_TRUE(work == original) << "converting twice must restore the record";
 }

@@ -167,37 +167,16 @@ TEST_F(TrackerTest, StrayAnswersAreOrphans)
         std::vector<Answer> expected;
         std::vector<const char*> orphans;
     } cases[] = {
-        {"answer to a command that wanted none",
-         {1},
-         false,
-         10000,
-         [](FakeSwitch& s, const Frame& f) { s.answer(f, RSP_OK); },
-         false,
-         {},
+        // clang-format off
+        {"answer to a command that wanted none", {1}, false, 10000,
+         [](FakeSwitch& s, const Frame& f) { s.answer(f, RSP_OK); }, false, {},
          {"  Orphan RSP: 2712, Swi: 1, Status: 0\r\n"}},
-        {"second answer from one address",
-         {1, 2},
-         true,
-         10000,
-         [](FakeSwitch& s, const Frame& f) {
-             s.answer(f, RSP_OK);
-             s.answer(f, RSP_BUSY);
-         },
-         false,
-         {{1, RSP_OK, 0}, {2, RSP_OK, 0}},
-         {"  Orphan RSP: 2712, Swi: 1, Status: 7\r\n"}},
-        {"answer after the made-up time-out",
-         {1},
-         true,
-         10,
-         nullptr,
-         true,
-         {{1, RSP_TIME_OUT, 0}},
+        {"second answer from one address", {1, 2}, true, 10000,
+         [](FakeSwitch& s, const Frame& f) { s.answer(f, RSP_OK); s.answer(f, RSP_BUSY); }, false,
+         {{1, RSP_OK, 0}, {2, RSP_OK, 0}}, {"  Orphan RSP: 2712, Swi: 1, Status: 7\r\n"}},
+        {"answer after the made-up time-out", {1}, true, 10, nullptr, true, {{1, RSP_TIME_OUT, 0}},
          {"  Orphan RSP: 2712, Swi: 1, Status: 0\r\n"}},
-        {"only code, sequence and address together match",
-         {1},
-         true,
-         20,
+        {"only code, sequence and address together match", {1}, true, 20,
          [](FakeSwitch&, const Frame& f) {
              const int wrong[][3] = {{1, 0, 1}, {0, 1, 1}, {0, 0, 2}}; // code, sequence, address
              for (const auto& w : wrong) {
@@ -207,11 +186,10 @@ TEST_F(TrackerTest, StrayAnswersAreOrphans)
                  rsp->SetMsgAddr(w[2]);
                  CrTracker::getIt()->ReceiveRsp(rsp);
              }
-         },
-         false,
-         {{1, RSP_TIME_OUT, 0}},
+         }, false, {{1, RSP_TIME_OUT, 0}},
          {"  Orphan RSP: 2713, Swi: 1, Status: 0\r\n", "  Orphan RSP: 2712, Swi: 1, Status: 0\r\n",
           "  Orphan RSP: 2712, Swi: 2, Status: 0\r\n"}},
+        // clang-format on
     };
     start();
     for (const auto& c : cases) {

@@ -1,29 +1,12 @@
 // The public reading of I_GetRawStats blocks against the library's own
-// record: same layout, and the same numbers read back in either byte order.
+// record: every field of it read back, in either byte order.
 #include <gtest/gtest.h>
 
-#include <cstddef>
 #include <cstring>
 #include <vector>
 
 #include "Ap/ApRawStats.h"
 #include "TAVRO/TAVRORawStats.h"
-
-#define SAME_FIELD(pub, priv, field)                                                                                   \
-    static_assert(offsetof(pub, field) == offsetof(priv, field), #field " offset");                                    \
-    static_assert(sizeof(pub::field) == sizeof(priv::field), #field " size")
-
-SAME_FIELD(TAVRO_RAW_STATS_HEAD, I_RAW_STATS_HEAD, nbrEntries);
-SAME_FIELD(TAVRO_RAW_STATS_HEAD, I_RAW_STATS_HEAD, slotNbr);
-SAME_FIELD(TAVRO_RAW_STATS_HEAD, I_RAW_STATS_HEAD, formatVersion);
-SAME_FIELD(TAVRO_RAW_PORT_STATS, I_RAW_PORT_STATS, portNbr);
-SAME_FIELD(TAVRO_RAW_PORT_STATS, I_RAW_PORT_STATS, linkUp);
-SAME_FIELD(TAVRO_RAW_PORT_STATS, I_RAW_PORT_STATS, speedMbps);
-SAME_FIELD(TAVRO_RAW_PORT_STATS, I_RAW_PORT_STATS, rxCounters);
-SAME_FIELD(TAVRO_RAW_PORT_STATS, I_RAW_PORT_STATS, txCounters);
-static_assert(sizeof(TAVRO_RAW_STATS_HEAD) == sizeof(I_RAW_STATS_HEAD), "head size");
-static_assert(sizeof(TAVRO_RAW_PORT_STATS) == sizeof(I_RAW_PORT_STATS), "entry size");
-static_assert(TAVRO_RAW_STATS_HEAD_SIZE + TAVRO_RAW_STATS_ENTRY_SIZE == sizeof(I_RAW_STATS_REPLY), "reply");
 
 namespace {
 

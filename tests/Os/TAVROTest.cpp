@@ -96,7 +96,7 @@ TEST_F(Api, InitializeOnceBuildsTheSystemAndSetsUpTheProcess)
     OsSocket::setProgramTerminating(false);
 }
 
-TEST_F(Api, UnsupportedServicesAreRefusedAndStartNothing)
+TEST_F(Api, ConnectRefusesUnsupportedServicesAndOtherwiseLeavesTheSessionTrying)
 {
     const SYS_ADDR ownBefore = sysParm.mySysAddr;
     for (int service : {0, 1, 2, 5, -1}) {
@@ -108,12 +108,9 @@ TEST_F(Api, UnsupportedServicesAreRefusedAndStartNothing)
     }
     EXPECT_EQ(sysParm.mySysAddr, ownBefore);
     EXPECT_EQ(I_SwitchDisconnect(), 0) << "nothing to disconnect is success";
-}
 
-TEST_F(Api, ConnectWithoutSwitchLeavesTheSessionTrying)
-{
-    // The session waits before its first attempt; keep it waiting, so that no
-    // listener on this machine can make it connect.
+    // Supported services without a switch: the session waits before its first
+    // attempt; keep it waiting, so that no listener here can make it connect.
     tavro_internal::clientSeams().connectDelayMs = [](int) -> DWORD { return 600000; };
     tavro_internal::apiSeams().connectPolls = tavro_internal::apiSeams().disconnectPolls = 3;
     tavro_internal::apiSeams().connectPollMs = tavro_internal::apiSeams().disconnectPollMs = 1;
@@ -250,11 +247,12 @@ TEST_F(Api, CommandWithoutResponse)
         const void* data;
         unsigned size;
         std::size_t bytes; // 0: refused by the router
-    } cases[] = {{data.data(), 5, 45},
-                 {data.data(), 0, 40},
-                 {nullptr, 0, 40},
-                 {data.data(), MAX_TCP_MSG_SIZE, 0},
-                 {data.data(), 0xFFFFFFFFu, 0}};
+    } cases[] = {
+        // clang-format off
+        {data.data(), 5, 45}, {data.data(), 0, 40}, {nullptr, 0, 40}, {data.data(), MAX_TCP_MSG_SIZE, 0},
+        {data.data(), 0xFFFFFFFFu, 0},
+        // clang-format on
+    };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.size);
         const std::size_t before = sw.sentCount();
