@@ -161,8 +161,7 @@ TEST_F(ReaderFixture, FramesInBothByteOrdersShareOneRecv)
     std::vector<FrameSpec> frames = {
         {Order::Big, kMarker, 1, 10002, 7, 0, 1},     {Order::Little, kMarker, 2, 10003, 8, 0, 2},
         {Order::Big, kMarker, 3, 20001, 9, 100, 3},   {Order::Little, kMarker, 11, 110002, 10, 5000, 4},
-        {Order::Big, kMarker, 4, 40010, 11, 2048, 5}, {Order::Little, kMarker, 5, 40010, 12, 2049, 6},
-    };
+        {Order::Big, kMarker, 4, 40010, 11, 2048, 5}, {Order::Little, kMarker, 5, 40010, 12, 2049, 6}};
     for (std::uint32_t i = 0; i < 300; ++i)
         frames.push_back({(i % 2) ? Order::Big : Order::Little, kMarker, 1, 10002, i, i % 7, i});
     std::string stream;
@@ -342,8 +341,7 @@ TEST_F(ReaderFixture, BadHeadersArePurgedAndTheNextFrameIsRead)
          "ReadCtlMsg: IP[0.0.0.0] ORV_CTL_MSG size [228] (as provided in ORV_CTL_MSG) is larger than expected "
          "size[100]\n",
          100},
-        {"allocating reader", buildFrame(otherMarker), "GetOrvMessageWithAppMsgMemAlloc: Purging socket...\n", 0},
-    };
+        {"allocating reader", buildFrame(otherMarker), "GetOrvMessageWithAppMsgMemAlloc: Purging socket...\n", 0}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         open();
