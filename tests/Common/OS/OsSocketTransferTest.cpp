@@ -18,42 +18,6 @@ namespace {
 
 constexpr unsigned kBuf = 16384;
 
-struct ReaderFixture : testing::Test {
-    SeamGuard seams;
-    FdPair fds;
-    std::unique_ptr<OsSocket> sock;
-    std::vector<char> body = std::vector<char>(kBuf);
-    ORV_CTL_MSG ctl;
-
-    // A fresh connection on every call, so that tables can loop over it.
-    void open(bool tcp = false)
-    {
-        sock.reset();
-        fds.closeB();
-        if (tcp)
-            tcpPair(fds);
-        else
-            unixPair(fds);
-        sock.reset(new OsSocket());
-        sock->SetSocket(fds.a);
-        fds.a = -1; // owned by the socket now
-    }
-    bool get(unsigned maxSize = kBuf)
-    {
-        return sock->GetOrvMessage(&ctl, reinterpret_cast<ORV_APP_MSG*>(body.data()), maxSize);
-    }
-    // The allocating reader; the body is checked against f and freed.
-    bool getAlloc(const FrameSpec* f = nullptr)
-    {
-        ORV_APP_MSG* app = reinterpret_cast<ORV_APP_MSG*>(1); // must be reset
-        if (!sock->GetOrvMessageWithAppMsgMemAlloc(&ctl, app)) return false;
-        EXPECT_NE(app, nullptr);
-        if (f) expectFrame(ctl, reinterpret_cast<char*>(app), *f);
-        delete[] reinterpret_cast<char*>(app);
-        return true;
-    }
-};
-
 // --- recv/send/FIONREAD replacements ---------------------------------------
 
 std::atomic<int> g_failures{0};
@@ -123,6 +87,20 @@ int failingAvail(int, int* n)
     return -1;
 }
 
+// The next n receives (sends) fail with err; err 0: a send of no bytes.
+void failRecv(int n, int err)
+{
+    g_failures = n;
+    g_failErrno = err;
+    socketSeams().recvFn = failingRecv;
+}
+void failSend(int n, int err)
+{
+    g_failures = n;
+    g_failErrno = err;
+    socketSeams().sendFn = failingSend;
+}
+
 // Waits (bounded) until the reader has sampled FIONREAD count times, i.e.
 // purged that often.
 bool waitPurges(int count)
@@ -149,6 +127,60 @@ std::string errText(const char* head, int err, const char* tail = "\n")
     return head + std::to_string(err) + "] " + gai_strerror(err) + tail;
 }
 
+struct SocketFixture : testing::Test {
+    SeamGuard seams;
+    FdPair fds;
+    std::unique_ptr<OsSocket> sock;
+    std::vector<char> body = std::vector<char>(kBuf);
+    ORV_CTL_MSG ctl;
+
+    void SetUp() override
+    {
+        open();
+        g_sleeps.clear();
+        socketSeams().sleepMs = recordSleep;
+    }
+    // A fresh connection on every call, so that tables can loop over it.
+    void open(bool tcp = false)
+    {
+        sock.reset();
+        fds.closeB();
+        if (tcp)
+            tcpPair(fds);
+        else
+            unixPair(fds);
+        sock.reset(new OsSocket());
+        sock->SetSocket(fds.a);
+        fds.a = -1; // owned by the socket now
+    }
+    std::string received(std::size_t n)
+    {
+        std::string s(n, '\0');
+        EXPECT_TRUE(readAll(fds.b, &s[0], n));
+        return s;
+    }
+    std::string onSocket(const char* head, const char* tail = "]\n")
+    {
+        return head + std::to_string(sock->GetSocket()) + tail;
+    }
+    bool get(unsigned maxSize = kBuf)
+    {
+        return sock->GetOrvMessage(&ctl, reinterpret_cast<ORV_APP_MSG*>(body.data()), maxSize);
+    }
+    // The allocating reader; the body is checked against f and freed.
+    bool getAlloc(const FrameSpec* f = nullptr)
+    {
+        ORV_APP_MSG* app = reinterpret_cast<ORV_APP_MSG*>(1); // must be reset
+        if (!sock->GetOrvMessageWithAppMsgMemAlloc(&ctl, app)) return false;
+        EXPECT_NE(app, nullptr);
+        if (f) expectFrame(ctl, reinterpret_cast<char*>(app), *f);
+        delete[] reinterpret_cast<char*>(app);
+        return true;
+    }
+};
+using ReaderFixture = SocketFixture;
+using WriterFixture = SocketFixture;
+
 } // namespace
 
 // --- well-formed frames -----------------------------------------------------
@@ -157,7 +189,6 @@ std::string errText(const char* head, int err, const char* tail = "\n")
 // by a single recv.
 TEST_F(ReaderFixture, FramesInBothByteOrdersShareOneRecv)
 {
-    open();
     std::vector<FrameSpec> frames = {
         {Order::Big, kMarker, 1, 10002, 7, 0, 1},     {Order::Little, kMarker, 2, 10003, 8, 0, 2},
         {Order::Big, kMarker, 3, 20001, 9, 100, 3},   {Order::Little, kMarker, 11, 110002, 10, 5000, 4},
@@ -211,7 +242,6 @@ TEST_F(ReaderFixture, BodyIsRequestedInPiecesOf2048)
 // buffer, as much of it as waits, never past the body's end.
 TEST_F(ReaderFixture, LargeBodyIsReceivedInPlace)
 {
-    open();
     const int big = 1 << 20;
     ASSERT_EQ(::setsockopt(fds.b, SOL_SOCKET, SO_SNDBUF, &big, sizeof big), 0);
     FrameSpec f, next;
@@ -236,7 +266,6 @@ TEST_F(ReaderFixture, LargeBodyIsReceivedInPlace)
 // asking for the rest until the body is whole.
 TEST_F(ReaderFixture, LargeBodyArrivingInPiecesAfterItsHeaders)
 {
-    open();
     FrameSpec f;
     f.payload = 3 * OsSocket::READ_AHEAD_SIZE + 123;
     f.order = Order::Little;
@@ -259,7 +288,6 @@ TEST_F(ReaderFixture, LargeBodyArrivingInPiecesAfterItsHeaders)
 // to report more (here nothing more ever comes).
 TEST_F(ReaderFixture, ByteHeldAheadIsReadWithoutWaiting)
 {
-    open();
     FrameSpec f;
     f.payload = 3;
     ASSERT_TRUE(writeAll(fds.b, buildFrame(f) + "Z"));
@@ -281,7 +309,6 @@ TEST_F(ReaderFixture, ByteHeldAheadIsReadWithoutWaiting)
 
 TEST_F(ReaderFixture, LinkTestHeadersAreSkippedWithoutPurging)
 {
-    open();
     g_availCalls = 0;
     socketSeams().availFn = countingAvail;
     FrameSpec f;
@@ -299,7 +326,6 @@ TEST_F(ReaderFixture, LinkTestHeadersAreSkippedWithoutPurging)
 // than an application header a whole, zero-filled header.
 TEST_F(ReaderFixture, AllocatingReaderSizesTheBody)
 {
-    open();
     FrameSpec f, shortBody;
     f.order = otherOrder();
     f.payload = 3000;
@@ -384,7 +410,6 @@ ssize_t terminatingRecv(int fd, void* buf, size_t len, int flags)
 // next read continues the stream exactly where the kernel would have.
 TEST_F(ReaderFixture, UnfinishedBodyKeepsItsRestForTheNextRead)
 {
-    open();
     const int big = 1 << 20;
     ASSERT_EQ(::setsockopt(fds.b, SOL_SOCKET, SO_SNDBUF, &big, sizeof big), 0);
     FrameSpec f, next;
@@ -419,7 +444,6 @@ TEST_F(ReaderFixture, UnfinishedBodyKeepsItsRestForTheNextRead)
 
 TEST_F(ReaderFixture, NewDescriptorDropsBytesHeldForTheOldOne)
 {
-    open();
     FrameSpec first, stale, fresh;
     first.tag = 1;
     stale.tag = stale.seqNbr = 2;
@@ -466,7 +490,6 @@ TEST_F(ReaderFixture, PeerClosingEndsTheReadWithoutAFrame)
 
 TEST_F(ReaderFixture, ShutdownOrProgramEndWhileWaitingEndsTheRead)
 {
-    open();
     TraceCapture cap;
     std::thread stopper([&] {
         std::this_thread::sleep_for(std::chrono::milliseconds(30));
@@ -488,7 +511,6 @@ TEST_F(ReaderFixture, ShutdownOrProgramEndWhileWaitingEndsTheRead)
 
 TEST_F(ReaderFixture, BadArgumentsAreRefused)
 {
-    open();
     EXPECT_FALSE(sock->GetOrvMessage(nullptr, reinterpret_cast<ORV_APP_MSG*>(body.data()), kBuf));
     EXPECT_FALSE(sock->GetOrvMessage(&ctl, nullptr, kBuf));
     EXPECT_FALSE(get(27)); // cannot even hold the application header
@@ -513,11 +535,8 @@ TEST_F(ReaderFixture, FiveInterruptsInARowFailTheRead)
         FrameSpec f;
         f.payload = 10;
         ASSERT_TRUE(writeAll(fds.b, buildFrame(f)));
-        g_failures = 4;
-        g_failErrno = err;
         g_sleeps.clear();
-        socketSeams().recvFn = failingRecv;
-        socketSeams().sleepMs = recordSleep;
+        failRecv(4, err);
         {
             TraceCapture cap;
             ASSERT_TRUE(get());
@@ -555,13 +574,10 @@ TEST_F(ReaderFixture, FiveInterruptsInARowFailTheRead)
 // Four interrupts before every single byte: never five in a row.
 TEST_F(ReaderFixture, InterruptCountRestartsAfterEveryByte)
 {
-    open();
     FrameSpec f;
     f.payload = 3;
     ASSERT_TRUE(writeAll(fds.b, buildFrame(f)));
-    g_sleeps.clear();
     socketSeams().recvFn = interleavedRecv;
-    socketSeams().sleepMs = recordSleep;
     ASSERT_TRUE(get());
     expectFrame(ctl, body.data(), f);
     EXPECT_EQ(g_sleeps.size(), 4u * (12 + 28 + 3));
@@ -569,13 +585,8 @@ TEST_F(ReaderFixture, InterruptCountRestartsAfterEveryByte)
 
 TEST_F(ReaderFixture, OtherRecvErrorsFailAtOnceWithTheirText)
 {
-    open();
     ASSERT_TRUE(writeAll(fds.b, "x"));
-    g_failures = 1;
-    g_failErrno = ECONNRESET;
-    g_sleeps.clear();
-    socketSeams().recvFn = failingRecv;
-    socketSeams().sleepMs = recordSleep;
+    failRecv(1, ECONNRESET);
     TraceCapture cap;
     char c;
     unsigned got = 0;
@@ -587,7 +598,6 @@ TEST_F(ReaderFixture, OtherRecvErrorsFailAtOnceWithTheirText)
 
 TEST_F(ReaderFixture, PurgeDiscardsEverythingWaitingAndClearsTheStickyError)
 {
-    open();
     // Some bytes already taken ahead by a read, more still in the kernel.
     ASSERT_TRUE(writeAll(fds.b, std::string(100, 'h')));
     char c[10];
@@ -603,9 +613,7 @@ TEST_F(ReaderFixture, PurgeDiscardsEverythingWaitingAndClearsTheStickyError)
 
     ASSERT_TRUE(writeAll(fds.b, std::string(3000, 'p')));
     ASSERT_TRUE(sock->ReadReady());
-    g_failures = 1;
-    g_failErrno = EIO;
-    socketSeams().recvFn = failingRecv;
+    failRecv(1, EIO);
     TraceCapture cap;
     EXPECT_FALSE(sock->Read(c, 1, &got));
     cap.text();
@@ -618,7 +626,6 @@ TEST_F(ReaderFixture, PurgeDiscardsEverythingWaitingAndClearsTheStickyError)
 
 TEST_F(ReaderFixture, ReadReadyAndWaitForAllDataReportWhatWaits)
 {
-    open();
     EXPECT_FALSE(sock->ReadReady());
     EXPECT_EQ(sock->waitForAllData(4), 0);
     ASSERT_TRUE(writeAll(fds.b, "abcdef"));
@@ -663,7 +670,6 @@ TEST_F(ReaderFixture, ReadReadyAndWaitForAllDataReportWhatWaits)
 
 TEST_F(ReaderFixture, TraceBitsReportTheWaitAndDumpHeaderAndFirstPiece)
 {
-    open();
     ASSERT_TRUE(writeAll(fds.b, "z"));
     socketTraceFeature().SetMask(SOCK_TRACE_WAIT_EXIT | SOCK_TRACE_CONNECT);
     {
@@ -688,31 +694,6 @@ TEST_F(ReaderFixture, TraceBitsReportTheWaitAndDumpHeaderAndFirstPiece)
 }
 
 // --- the writer --------------------------------------------------------------
-
-struct WriterFixture : testing::Test {
-    SeamGuard seams;
-    FdPair fds;
-    std::unique_ptr<OsSocket> sock;
-    void SetUp() override
-    {
-        unixPair(fds);
-        sock.reset(new OsSocket());
-        sock->SetSocket(fds.a);
-        fds.a = -1;
-        g_sleeps.clear();
-        socketSeams().sleepMs = recordSleep;
-    }
-    std::string received(std::size_t n)
-    {
-        std::string s(n, '\0');
-        EXPECT_TRUE(readAll(fds.b, &s[0], n));
-        return s;
-    }
-    std::string onSocket(const char* head, const char* tail = "]\n")
-    {
-        return head + std::to_string(sock->GetSocket()) + tail;
-    }
-};
 
 TEST_F(WriterFixture, ChainIsSentInOrder)
 {
@@ -775,13 +756,10 @@ TEST_F(WriterFixture, ShortSendsAreContinued)
 
 TEST_F(WriterFixture, FiveWouldBlocksAreRetriedTheSixthFails)
 {
-    socketSeams().sendFn = failingSend;
-    g_failErrno = EAGAIN;
+    failSend(5, EAGAIN);
     char data[40] = {};
     TCP_BD bd{data, 40, nullptr};
     const std::string retry = onSocket("SendBD: Retrying send that would have blocked on Socket[");
-
-    g_failures = 5;
     {
         TraceCapture cap;
         ASSERT_TRUE(sock->SendBD(&bd));
@@ -813,9 +791,7 @@ TEST_F(WriterFixture, FiveWouldBlocksAreRetriedTheSixthFails)
 // would-block allowance; sends of zero bytes are retried too.
 TEST_F(WriterFixture, InterruptedAndZeroByteSendsAreRetried)
 {
-    socketSeams().sendFn = failingSend;
-    g_failErrno = EINTR;
-    g_failures = 12;
+    failSend(12, EINTR);
     char data[12] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12};
     {
         TraceCapture cap;
@@ -827,8 +803,7 @@ TEST_F(WriterFixture, InterruptedAndZeroByteSendsAreRetried)
     EXPECT_TRUE(g_sleeps.empty());
     EXPECT_EQ(received(12), std::string(data, 12));
 
-    g_failErrno = 0;
-    g_failures = 3;
+    failSend(3, 0);
     socketTraceFeature().SetMask(SOCK_TRACE_SEND_ERROR);
     TCP_BD bd{data, 5, nullptr};
     const unsigned before = sock->MsgSent();
