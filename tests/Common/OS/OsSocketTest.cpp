@@ -146,31 +146,8 @@ TEST_F(SocketFixture, AssignmentCopiesStateButKeepsItsOwnHandles)
 
 // --- options -----------------------------------------------------------------
 
-TEST_F(SocketFixture, ClientPreparationSetsEveryOption)
-{
-    OsSocket s("sw", loopback(1), TCP_CLIENT, 3);
-    ASSERT_TRUE(s.PrepareSocket());
-    const int fd = s.GetSocket();
-    ASSERT_GE(fd, 0);
-    EXPECT_FALSE(s.HasError());
-    EXPECT_EQ(s.GetTcpState(), TCP_INITIALIZED);
-    linger l{};
-    socklen_t len = sizeof l;
-    ASSERT_EQ(getsockopt(fd, SOL_SOCKET, SO_LINGER, &l, &len), 0);
-    EXPECT_EQ(l.l_onoff, 0);
-    EXPECT_EQ(l.l_linger, 0);
-    EXPECT_EQ(intOption(fd, SOL_SOCKET, SO_KEEPALIVE), 1);
-    EXPECT_EQ(intOption(fd, IPPROTO_TCP, TCP_KEEPIDLE), 15);
-    EXPECT_EQ(intOption(fd, IPPROTO_TCP, TCP_KEEPINTVL), 5);
-    EXPECT_EQ(intOption(fd, IPPROTO_TCP, TCP_KEEPCNT), 3);
-    EXPECT_EQ(intOption(fd, IPPROTO_TCP, 18), 10000);      // TCP_USER_TIMEOUT
-    EXPECT_NE(intOption(fd, IPPROTO_TCP, TCP_NODELAY), 0); // no delayed-ACK stall between frame pieces
-    EXPECT_EQ(intOption(fd, SOL_SOCKET, SO_REUSEADDR), 0);
-    EXPECT_NE(fcntl(fd, F_GETFD) & FD_CLOEXEC, 0);
-    EXPECT_NE(fcntl(fd, F_GETFL) & O_NONBLOCK, 0);
-}
-
-TEST_F(SocketFixture, OptionSuccessIsTracedOnlyWithItsBit)
+// Every option of a client socket, each traced only under its bit.
+TEST_F(SocketFixture, ClientPreparationSetsEveryOptionAndTracesItWithItsBit)
 {
     for (bool on : {false, true}) {
         socketTraceFeature().SetMask(on ? SOCK_TRACE_OPTIONS | SOCK_TRACE_CONNECT : 0);
@@ -197,6 +174,25 @@ TEST_F(SocketFixture, OptionSuccessIsTracedOnlyWithItsBit)
         }
         EXPECT_EQ(out, want);
     }
+    OsSocket s("sw", loopback(1), TCP_CLIENT, 3);
+    ASSERT_TRUE(s.PrepareSocket());
+    const int fd = s.GetSocket();
+    ASSERT_GE(fd, 0);
+    EXPECT_FALSE(s.HasError());
+    EXPECT_EQ(s.GetTcpState(), TCP_INITIALIZED);
+    linger l{};
+    socklen_t len = sizeof l;
+    ASSERT_EQ(getsockopt(fd, SOL_SOCKET, SO_LINGER, &l, &len), 0);
+    EXPECT_EQ(l.l_onoff + l.l_linger, 0);
+    EXPECT_EQ(intOption(fd, SOL_SOCKET, SO_KEEPALIVE), 1);
+    EXPECT_EQ(intOption(fd, IPPROTO_TCP, TCP_KEEPIDLE), 15);
+    EXPECT_EQ(intOption(fd, IPPROTO_TCP, TCP_KEEPINTVL), 5);
+    EXPECT_EQ(intOption(fd, IPPROTO_TCP, TCP_KEEPCNT), 3);
+    EXPECT_EQ(intOption(fd, IPPROTO_TCP, 18), 10000);      // TCP_USER_TIMEOUT
+    EXPECT_NE(intOption(fd, IPPROTO_TCP, TCP_NODELAY), 0); // no delayed-ACK stall between frame pieces
+    EXPECT_EQ(intOption(fd, SOL_SOCKET, SO_REUSEADDR), 0);
+    EXPECT_NE(fcntl(fd, F_GETFD) & FD_CLOEXEC, 0);
+    EXPECT_NE(fcntl(fd, F_GETFL) & O_NONBLOCK, 0);
 }
 
 TEST_F(SocketFixture, OptionFailuresAreAlwaysTraced)
@@ -575,22 +571,6 @@ const char kHeader[] =
     "inode\n";
 } // namespace
 
-TEST(ProcNetTcp, ParsesAddressesPortsAndStates)
-{
-    const std::string text = std::string(kHeader) + tcpLine(0, "127.0.0.1", 58991, "0.0.0.0", 0, 0x0A) +
-                             tcpLine(1, "192.0.2.10", 40000, "198.51.100.7", 58991, 0x01);
-    std::vector<PROC_NET_TCP_ENTRY> t;
-    ASSERT_TRUE(OsSocket::ParseProcNetTcp(text, t));
-    ASSERT_EQ(t.size(), 2u);
-    EXPECT_EQ(t[0].localIp.toString(), "127.0.0.1");
-    EXPECT_EQ(t[0].localPort, 58991);
-    EXPECT_EQ(t[0].state, 10u);
-    EXPECT_EQ(t[1].localIp.toString(), "192.0.2.10");
-    EXPECT_EQ(t[1].remoteIp.toString(), "198.51.100.7");
-    EXPECT_EQ(t[1].remotePort, 58991);
-    EXPECT_EQ(t[1].state, 1u);
-}
-
 TEST(ProcNetTcp, MalformedLinesAreSkippedAndReported)
 {
     const std::string text = std::string(kHeader) + "   0: nonsense\n" + "   1: 0100007F:1F90\n" +
@@ -617,7 +597,7 @@ TEST(ProcNetTcp, TheLiveTableHoldsOurListener)
     EXPECT_FALSE(OsSocket::GetProcNetTcp(t, "/nonexistent/tcp"));
 }
 
-TEST(ProcNetTcp, TunnelPortMapsToTheRemoteEnd)
+TEST(ProcNetTcp, ParsesAddressesPortsAndStatesAndMapsTunnelPorts)
 {
     std::vector<PROC_NET_TCP_ENTRY> t;
     ASSERT_TRUE(OsSocket::ParseProcNetTcp(std::string(kHeader) + tcpLine(0, "127.0.0.1", 58991, "0.0.0.0", 0, 0x0A) +
@@ -625,6 +605,14 @@ TEST(ProcNetTcp, TunnelPortMapsToTheRemoteEnd)
                                               tcpLine(2, "192.0.2.10", 41001, "198.51.100.7", 58991, 0x06) +
                                               tcpLine(3, "192.0.2.10", 41002, "198.51.100.8", 58991, 0x01),
                                           t));
+    ASSERT_EQ(t.size(), 4u);
+    EXPECT_EQ(t[0].localIp.toString(), "127.0.0.1");
+    EXPECT_EQ(t[0].localPort, 58991);
+    EXPECT_EQ(t[0].state, 10u);
+    EXPECT_EQ(t[2].localIp.toString(), "192.0.2.10");
+    EXPECT_EQ(t[2].remoteIp.toString(), "198.51.100.7");
+    EXPECT_EQ(t[2].remotePort, 58991);
+    EXPECT_EQ(t[3].state, 1u);
     EXPECT_EQ(OsSocket::MapStunnelIP(c_inaddr("127.0.0.1"), 58991, t).toString(), "198.51.100.8");
     EXPECT_EQ(OsSocket::MapStunnelIP(c_inaddr("127.0.0.1"), 58992, t).toString(), "127.0.0.1");
     EXPECT_EQ(OsSocket::MapStunnelIP(c_inaddr("192.0.2.99"), 58991, t).toString(), "192.0.2.99");
