@@ -25,13 +25,15 @@ std::atomic<int> g_failErrno{EINTR}; // 0: the call "sends" nothing instead
 std::vector<size_t> g_recvLens;
 std::vector<unsigned> g_sleeps;
 
-ssize_t failingRecv(int fd, void* buf, size_t len, int flags)
+// Fails while failures are due, otherwise records the length asked for.
+ssize_t fakeRecv(int fd, void* buf, size_t len, int flags)
 {
     if (g_failures.load() > 0) {
         --g_failures;
         errno = g_failErrno.load();
         return -1;
     }
+    g_recvLens.push_back(len);
     return ::recv(fd, buf, len, flags);
 }
 
@@ -43,12 +45,6 @@ ssize_t interleavedRecv(int fd, void* buf, size_t len, int flags)
         return -1;
     }
     return ::recv(fd, buf, len < 1 ? len : 1, flags);
-}
-
-ssize_t recordingRecv(int fd, void* buf, size_t len, int flags)
-{
-    g_recvLens.push_back(len);
-    return ::recv(fd, buf, len, flags);
 }
 
 ssize_t failingSend(int fd, const void* buf, size_t len, int flags)
@@ -88,11 +84,12 @@ int failingAvail(int, int* n)
 }
 
 // The next n receives (sends) fail with err; err 0: a send of no bytes.
-void failRecv(int n, int err)
+void failRecv(int n, int err = 0)
 {
+    g_recvLens.clear();
     g_failures = n;
     g_failErrno = err;
-    socketSeams().recvFn = failingRecv;
+    socketSeams().recvFn = fakeRecv;
 }
 void failSend(int n, int err)
 {
@@ -141,14 +138,11 @@ struct SocketFixture : testing::Test {
         socketSeams().sleepMs = recordSleep;
     }
     // A fresh connection on every call, so that tables can loop over it.
-    void open(bool tcp = false)
+    void open()
     {
         sock.reset();
         fds.closeB();
-        if (tcp)
-            tcpPair(fds);
-        else
-            unixPair(fds);
+        unixPair(fds);
         sock.reset(new OsSocket());
         sock->SetSocket(fds.a);
         fds.a = -1; // owned by the socket now
@@ -199,8 +193,7 @@ TEST_F(ReaderFixture, FramesInBothByteOrdersShareOneRecv)
     for (const auto& f : frames) stream += buildFrame(f);
     ASSERT_LT(stream.size(), OsSocket::READ_AHEAD_SIZE);
     ASSERT_TRUE(writeAll(fds.b, stream));
-    g_recvLens.clear();
-    socketSeams().recvFn = recordingRecv;
+    failRecv(0);
     for (const auto& f : frames) {
         SCOPED_TRACE(f.seqNbr);
         ASSERT_TRUE(get());
@@ -224,8 +217,7 @@ TEST_F(ReaderFixture, BodyIsRequestedInPiecesOf2048)
         f.order = hostOrder();
         f.payload = payload;
         ASSERT_TRUE(writeAll(fds.b, buildFrame(f)));
-        g_recvLens.clear();
-        socketSeams().recvFn = recordingRecv;
+        failRecv(0);
         socketTraceFeature().SetMask(SOCK_TRACE_CONNECT);
         TraceCapture cap;
         ASSERT_TRUE(get());
@@ -250,8 +242,7 @@ TEST_F(ReaderFixture, LargeBodyIsReceivedInPlace)
     next.tag = 3;
     const std::string frame = buildFrame(f);
     ASSERT_TRUE(writeAll(fds.b, frame + buildFrame(next)));
-    g_recvLens.clear();
-    socketSeams().recvFn = recordingRecv;
+    failRecv(0);
     std::vector<char> buf(frame.size());
     ASSERT_TRUE(sock->GetOrvMessage(&ctl, reinterpret_cast<ORV_APP_MSG*>(buf.data()), frame.size()));
     expectFrame(ctl, buf.data(), f);
@@ -423,8 +414,7 @@ TEST_F(ReaderFixture, UnfinishedBodyKeepsItsRestForTheNextRead)
     std::vector<char> buf(frame.size());
     EXPECT_FALSE(sock->GetOrvMessage(&ctl, reinterpret_cast<ORV_APP_MSG*>(buf.data()), frame.size()));
     OsSocket::setProgramTerminating(false);
-    socketSeams().recvFn = recordingRecv;
-    g_recvLens.clear();
+    failRecv(0);
 
     // Everything was received; more than a read-ahead's worth is held.
     EXPECT_EQ(waiting(sock->GetSocket()), 0);
