@@ -146,31 +146,8 @@ TEST_F(SocketFixture, AssignmentCopiesStateButKeepsItsOwnHandles)
 
 // --- options -----------------------------------------------------------------
 
-TEST_F(SocketFixture, ClientPreparationSetsEveryOption)
-{
-    OsSocket s("sw", loopback(1), TCP_CLIENT, 3);
-    ASSERT_TRUE(s.PrepareSocket());
-    const int fd = s.GetSocket();
-    ASSERT_GE(fd, 0);
-    EXPECT_FALSE(s.HasError());
-    EXPECT_EQ(s.GetTcpState(), TCP_INITIALIZED);
-    linger l{};
-    socklen_t len = sizeof l;
-    ASSERT_EQ(getsockopt(fd, SOL_SOCKET, SO_LINGER, &l, &len), 0);
-    EXPECT_EQ(l.l_onoff, 0);
-    EXPECT_EQ(l.l_linger, 0);
-    EXPECT_EQ(intOption(fd, SOL_SOCKET, SO_KEEPALIVE), 1);
-    EXPECT_EQ(intOption(fd, IPPROTO_TCP, TCP_KEEPIDLE), 15);
-    EXPECT_EQ(intOption(fd, IPPROTO_TCP, TCP_KEEPINTVL), 5);
-    EXPECT_EQ(intOption(fd, IPPROTO_TCP, TCP_KEEPCNT), 3);
-    EXPECT_EQ(intOption(fd, IPPROTO_TCP, 18), 10000);      // TCP_USER_TIMEOUT
-    EXPECT_NE(intOption(fd, IPPROTO_TCP, TCP_NODELAY), 0); // no delayed-ACK stall between frame pieces
-    EXPECT_EQ(intOption(fd, SOL_SOCKET, SO_REUSEADDR), 0);
-    EXPECT_NE(fcntl(fd, F_GETFD) & FD_CLOEXEC, 0);
-    EXPECT_NE(fcntl(fd, F_GETFL) & O_NONBLOCK, 0);
-}
-
-TEST_F(SocketFixture, OptionSuccessIsTracedOnlyWithItsBit)
+// Every option of a client socket, each traced only under its bit.
+TEST_F(SocketFixture, ClientPreparationSetsEveryOptionAndTracesItWithItsBit)
 {
     for (bool on : {false, true}) {
         socketTraceFeature().SetMask(on ? SOCK_TRACE_OPTIONS | SOCK_TRACE_CONNECT : 0);
@@ -183,19 +160,39 @@ TEST_F(SocketFixture, OptionSuccessIsTracedOnlyWithItsBit)
             continue;
         }
         const std::string fd = std::to_string(s.GetSocket());
-        const std::string pre = "(): Socket[" + fd + "] ";
-        EXPECT_EQ(out, "disableInheritance: PrepareTCPSocket" + pre + "fcntl( FD_CLOEXEC ) succeeded.\n" +
-                           "setLingerOnCloseOffOption: PrepareTCPSocket" + pre +
-                           "setsockopt( SO_LINGER ) succeeded.\n" + "setKeepAliveOptions: PrepareTCPSocket" + pre +
-                           "setsockopt( SO_KEEPALIVE ) succeeded.\n" + "setKeepAliveOptions: PrepareTCPSocket" + pre +
-                           "setsockopt( TCP_KEEPIDLE ) succeeded.\n" + "setKeepAliveOptions: PrepareTCPSocket" + pre +
-                           "setsockopt( TCP_KEEPINTVL ) succeeded.\n" + "setKeepAliveOptions: PrepareTCPSocket" + pre +
-                           "setsockopt( TCP_KEEPCNT ) succeeded.\n" + "setBlockingMode: PrepareTCPSocket" + pre +
-                           "ioctl( FIONBIO ) succeeded.\n" + "PrepareTCPSocket: Socket[" + fd +
-                           "]  setBlockingMode( BLOCKING_DISABLED )\n" + "setTxTimeoutOption: PrepareTCPSocket" + pre +
-                           "setsockopt( SO_SNDTIMEO ) succeeded.\n" + "setNoDelayOption: PrepareTCPSocket" + pre +
-                           "setsockopt( TCP_NODELAY ) succeeded.\n");
+        std::string want;
+        for (const char* line :
+             {"disableInheritance: fcntl( FD_CLOEXEC )", "setLingerOnCloseOffOption: setsockopt( SO_LINGER )",
+              "setKeepAliveOptions: setsockopt( SO_KEEPALIVE )", "setKeepAliveOptions: setsockopt( TCP_KEEPIDLE )",
+              "setKeepAliveOptions: setsockopt( TCP_KEEPINTVL )", "setKeepAliveOptions: setsockopt( TCP_KEEPCNT )",
+              "setBlockingMode: ioctl( FIONBIO )", "setTxTimeoutOption: setsockopt( SO_SNDTIMEO )",
+              "setNoDelayOption: setsockopt( TCP_NODELAY )"}) {
+            const std::string l = line, fn = l.substr(0, l.find(':') + 2);
+            want += fn + "PrepareTCPSocket(): Socket[" + fd + "] " + l.substr(fn.size()) + " succeeded.\n";
+            if (l.find("FIONBIO") != std::string::npos)
+                want += "PrepareTCPSocket: Socket[" + fd + "]  setBlockingMode( BLOCKING_DISABLED )\n";
+        }
+        EXPECT_EQ(out, want);
     }
+    OsSocket s("sw", loopback(1), TCP_CLIENT, 3);
+    ASSERT_TRUE(s.PrepareSocket());
+    const int fd = s.GetSocket();
+    ASSERT_GE(fd, 0);
+    EXPECT_FALSE(s.HasError());
+    EXPECT_EQ(s.GetTcpState(), TCP_INITIALIZED);
+    linger l{};
+    socklen_t len = sizeof l;
+    ASSERT_EQ(getsockopt(fd, SOL_SOCKET, SO_LINGER, &l, &len), 0);
+    EXPECT_EQ(l.l_onoff + l.l_linger, 0);
+    EXPECT_EQ(intOption(fd, SOL_SOCKET, SO_KEEPALIVE), 1);
+    EXPECT_EQ(intOption(fd, IPPROTO_TCP, TCP_KEEPIDLE), 15);
+    EXPECT_EQ(intOption(fd, IPPROTO_TCP, TCP_KEEPINTVL), 5);
+    EXPECT_EQ(intOption(fd, IPPROTO_TCP, TCP_KEEPCNT), 3);
+    EXPECT_EQ(intOption(fd, IPPROTO_TCP, 18), 10000);      // TCP_USER_TIMEOUT
+    EXPECT_NE(intOption(fd, IPPROTO_TCP, TCP_NODELAY), 0); // no delayed-ACK stall between frame pieces
+    EXPECT_EQ(intOption(fd, SOL_SOCKET, SO_REUSEADDR), 0);
+    EXPECT_NE(fcntl(fd, F_GETFD) & FD_CLOEXEC, 0);
+    EXPECT_NE(fcntl(fd, F_GETFL) & O_NONBLOCK, 0);
 }
 
 TEST_F(SocketFixture, OptionFailuresAreAlwaysTraced)
@@ -239,16 +236,6 @@ TEST_F(SocketFixture, UserTimeoutOnASocketWithoutItIsTolerated)
 
 // --- server binding ----------------------------------------------------------
 
-TEST_F(SocketFixture, ServerListensOnItsAddress)
-{
-    OsSocket server("", loopback(0), TCP_SERVER, 0);
-    ASSERT_TRUE(server.PrepareSocket(0, 4));
-    const int fd = server.GetSocket();
-    EXPECT_EQ(intOption(fd, SOL_SOCKET, SO_REUSEADDR), 1);
-    EXPECT_EQ(intOption(fd, SOL_SOCKET, SO_ACCEPTCONN), 1);
-    EXPECT_TRUE(g_sleeps.empty());
-}
-
 TEST_F(SocketFixture, BusyPortIsRetriedEveryFourSecondsForTwentyMinutes)
 {
     PortHolder holder;
@@ -266,7 +253,7 @@ TEST_F(SocketFixture, BusyPortIsRetriedEveryFourSecondsForTwentyMinutes)
     EXPECT_EQ(countOf(out, "PrepareTcpServerSocket: bind has given up after 20 minutes!\n"), 1u);
 }
 
-TEST_F(SocketFixture, BindSucceedsOnceTheOtherInstanceIsKilled)
+TEST_F(SocketFixture, BindSucceedsOnceTheOtherInstanceIsKilledOrStopsOnTermination)
 {
     PortHolder holder;
     g_holder = &holder;
@@ -279,16 +266,16 @@ TEST_F(SocketFixture, BindSucceedsOnceTheOtherInstanceIsKilled)
     EXPECT_EQ(g_shell, std::vector<std::string>(3, "./KillOutstandingApp.sh SnmpAgent"));
     EXPECT_FALSE(server.HasError());
     EXPECT_EQ(server.GetTcpState(), TCP_INITIALIZED);
-}
 
-TEST_F(SocketFixture, TerminatingProgramStopsTheBindRetries)
-{
-    PortHolder holder;
+    // A terminating program stops the retries after the first pause.
+    PortHolder busy;
+    g_sleeps.clear();
+    g_shell.clear();
     g_terminateOnSleep = true;
-    OsSocket server("", loopback(holder.port), TCP_SERVER, 0);
-    TraceCapture cap;
-    EXPECT_FALSE(server.PrepareSocket());
-    cap.text();
+    OsSocket stopped("", loopback(busy.port), TCP_SERVER, 0);
+    TraceCapture cap2;
+    EXPECT_FALSE(stopped.PrepareSocket());
+    cap2.text();
     EXPECT_EQ(g_sleeps.size(), 1u);
     EXPECT_TRUE(g_shell.empty());
 }
@@ -348,16 +335,13 @@ TEST_F(SocketFixture, BindTcpSocketThrottlesItsReports)
 
 // --- connecting and accepting ------------------------------------------------
 
-TEST_F(SocketFixture, ConnectOnlyForClients)
-{
-    OsSocket server("", loopback(1), TCP_SERVER, 0);
-    EXPECT_FALSE(server.Connect());
-}
-
 TEST_F(SocketFixture, ConnectAndAcceptExchangeData)
 {
     OsSocket server("", loopback(0), TCP_SERVER, 0);
-    ASSERT_TRUE(server.PrepareSocket());
+    ASSERT_TRUE(server.PrepareSocket(0, 4));
+    EXPECT_EQ(intOption(server.GetSocket(), SOL_SOCKET, SO_REUSEADDR), 1);
+    EXPECT_EQ(intOption(server.GetSocket(), SOL_SOCKET, SO_ACCEPTCONN), 1);
+    EXPECT_TRUE(g_sleeps.empty());
     const unsigned short port = boundPort(server.GetSocket());
     OsSocket client("sw", loopback(port), TCP_CLIENT, 3);
     ASSERT_TRUE(client.PrepareSocket());
@@ -394,6 +378,7 @@ TEST_F(SocketFixture, ConnectAndAcceptExchangeData)
 
 TEST_F(SocketFixture, RefusedConnectionReportsSoError)
 {
+    EXPECT_FALSE(OsSocket("", loopback(1), TCP_SERVER, 0).Connect()); // only clients connect
     PortHolder bound(false); // bound but not listening: the connection is refused
     OsSocket client("sw", loopback(bound.port), TCP_CLIENT, 3);
     ASSERT_TRUE(client.PrepareSocket());
@@ -586,22 +571,6 @@ const char kHeader[] =
     "inode\n";
 } // namespace
 
-TEST(ProcNetTcp, ParsesAddressesPortsAndStates)
-{
-    const std::string text = std::string(kHeader) + tcpLine(0, "127.0.0.1", 58991, "0.0.0.0", 0, 0x0A) +
-                             tcpLine(1, "192.0.2.10", 40000, "198.51.100.7", 58991, 0x01);
-    std::vector<PROC_NET_TCP_ENTRY> t;
-    ASSERT_TRUE(OsSocket::ParseProcNetTcp(text, t));
-    ASSERT_EQ(t.size(), 2u);
-    EXPECT_EQ(t[0].localIp.toString(), "127.0.0.1");
-    EXPECT_EQ(t[0].localPort, 58991);
-    EXPECT_EQ(t[0].state, 10u);
-    EXPECT_EQ(t[1].localIp.toString(), "192.0.2.10");
-    EXPECT_EQ(t[1].remoteIp.toString(), "198.51.100.7");
-    EXPECT_EQ(t[1].remotePort, 58991);
-    EXPECT_EQ(t[1].state, 1u);
-}
-
 TEST(ProcNetTcp, MalformedLinesAreSkippedAndReported)
 {
     const std::string text = std::string(kHeader) + "   0: nonsense\n" + "   1: 0100007F:1F90\n" +
@@ -628,7 +597,7 @@ TEST(ProcNetTcp, TheLiveTableHoldsOurListener)
     EXPECT_FALSE(OsSocket::GetProcNetTcp(t, "/nonexistent/tcp"));
 }
 
-TEST(ProcNetTcp, TunnelPortMapsToTheRemoteEnd)
+TEST(ProcNetTcp, ParsesAddressesPortsAndStatesAndMapsTunnelPorts)
 {
     std::vector<PROC_NET_TCP_ENTRY> t;
     ASSERT_TRUE(OsSocket::ParseProcNetTcp(std::string(kHeader) + tcpLine(0, "127.0.0.1", 58991, "0.0.0.0", 0, 0x0A) +
@@ -636,6 +605,14 @@ TEST(ProcNetTcp, TunnelPortMapsToTheRemoteEnd)
                                               tcpLine(2, "192.0.2.10", 41001, "198.51.100.7", 58991, 0x06) +
                                               tcpLine(3, "192.0.2.10", 41002, "198.51.100.8", 58991, 0x01),
                                           t));
+    ASSERT_EQ(t.size(), 4u);
+    EXPECT_EQ(t[0].localIp.toString(), "127.0.0.1");
+    EXPECT_EQ(t[0].localPort, 58991);
+    EXPECT_EQ(t[0].state, 10u);
+    EXPECT_EQ(t[2].localIp.toString(), "192.0.2.10");
+    EXPECT_EQ(t[2].remoteIp.toString(), "198.51.100.7");
+    EXPECT_EQ(t[2].remotePort, 58991);
+    EXPECT_EQ(t[3].state, 1u);
     EXPECT_EQ(OsSocket::MapStunnelIP(c_inaddr("127.0.0.1"), 58991, t).toString(), "198.51.100.8");
     EXPECT_EQ(OsSocket::MapStunnelIP(c_inaddr("127.0.0.1"), 58992, t).toString(), "127.0.0.1");
     EXPECT_EQ(OsSocket::MapStunnelIP(c_inaddr("192.0.2.99"), 58991, t).toString(), "192.0.2.99");

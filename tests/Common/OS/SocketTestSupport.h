@@ -26,18 +26,14 @@ namespace sock_test {
 // Byte order of the words of a frame on the wire.
 enum class Order { Big, Little };
 
-inline bool hostIsBig()
-{
-    const std::uint16_t one = 1;
-    return *reinterpret_cast<const unsigned char*>(&one) == 0;
-}
 inline Order hostOrder()
 {
-    return hostIsBig() ? Order::Big : Order::Little;
+    const std::uint16_t one = 1;
+    return *reinterpret_cast<const unsigned char*>(&one) == 0 ? Order::Big : Order::Little;
 }
 inline Order otherOrder()
 {
-    return hostIsBig() ? Order::Little : Order::Big;
+    return hostOrder() == Order::Big ? Order::Little : Order::Big;
 }
 
 inline void putWord(std::string& s, std::uint32_t w, Order o)
@@ -236,12 +232,13 @@ class SeamGuard {
 public:
     SeamGuard()
     {
-        tavro_internal::resetSocketSeams();
+        reset();
         tavro_internal::socketSeams().readyWaitMs = 20;
-        socketTraceFeature().SetMask(0);
-        OsSocket::setProgramTerminating(false);
     }
-    ~SeamGuard()
+    ~SeamGuard() { reset(); }
+
+private:
+    static void reset()
     {
         tavro_internal::resetSocketSeams();
         socketTraceFeature().SetMask(0);

@@ -40,24 +40,22 @@ TEST_F(FeatureFixture, SettingsAreParsedLineByLine)
         const char* line;
         std::uint32_t mask; // expected afterwards (starts at 0x1)
         bool reported;
-    } cases[] = {
-        {"SOCKET=0x00000404", 0x404, false},
-        {"  socket = connect | wait  ", 0x404, false},
-        {"SOCKET=1028", 0x404, false},
-        {"SOCKET=0x4,WAIT  # trailing comment", 0x404, false},
-        {"SOCKET = 0XFFFFFFFF", 0xFFFFFFFF, false},
-        {"SOCKET=0", 0, false},
-        {"# SOCKET=0x4", 0x1, false},
-        {"", 0x1, false},
-        {"SOCKET=0x1FFFFFFFF", 0x1, true},
-        {"SOCKET=BOGUS", 0x1, true},
-        {"SOCKET=", 0x1, true},
-        {"SOCKET=0x4 |", 0x1, true},
-        {"SOCKET=0x", 0x1, true},
-        {"SOCKET=-4", 0x1, true},
-        {"SOCKET 0x4", 0x1, true},
-        {"=0x4", 0x1, true},
-    };
+    } cases[] = {{"SOCKET=0x00000404", 0x404, false},
+                 {"  socket = connect | wait  ", 0x404, false},
+                 {"SOCKET=1028", 0x404, false},
+                 {"SOCKET=0x4,WAIT  # trailing comment", 0x404, false},
+                 {"SOCKET = 0XFFFFFFFF", 0xFFFFFFFF, false},
+                 {"SOCKET=0", 0, false},
+                 {"# SOCKET=0x4", 0x1, false},
+                 {"", 0x1, false},
+                 {"SOCKET=0x1FFFFFFFF", 0x1, true},
+                 {"SOCKET=BOGUS", 0x1, true},
+                 {"SOCKET=", 0x1, true},
+                 {"SOCKET=0x4 |", 0x1, true},
+                 {"SOCKET=0x", 0x1, true},
+                 {"SOCKET=-4", 0x1, true},
+                 {"SOCKET 0x4", 0x1, true},
+                 {"=0x4", 0x1, true}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.line);
         socketTraceFeature().SetMask(0x1);

@@ -27,12 +27,10 @@ std::string unknown(const std::string& type, int value)
 
 TEST(UtlStreamers, UnknownValueShowsDecimalAndEightHexDigits)
 {
-    const std::pair<int, const char*> cases[] = {
-        {13, "UNKNOWN MGR_CLASS[13][0x0000000d]"},
-        {-1, "UNKNOWN MGR_CLASS[-1][0xffffffff]"},
-        {INT_MIN, "UNKNOWN MGR_CLASS[-2147483648][0x80000000]"},
-        {INT_MAX, "UNKNOWN MGR_CLASS[2147483647][0x7fffffff]"},
-    };
+    const std::pair<int, const char*> cases[] = {{13, "UNKNOWN MGR_CLASS[13][0x0000000d]"},
+                                                 {-1, "UNKNOWN MGR_CLASS[-1][0xffffffff]"},
+                                                 {INT_MIN, "UNKNOWN MGR_CLASS[-2147483648][0x80000000]"},
+                                                 {INT_MAX, "UNKNOWN MGR_CLASS[2147483647][0x7fffffff]"}};
     for (const auto& [value, expected] : cases) EXPECT_EQ(unknown("MGR_CLASS", value), expected);
 }
 

@@ -69,21 +69,19 @@ TEST(UtlSystem, BuildsCommandLines)
     const struct {
         std::function<int()> call;
         std::string line;
-    } cases[] = {
-        {sys("ls -l", LOCAL, fg), "ls -l"},
-        {sys("ls -l", LOOPBACK, bg), "ls -l &"},
-        {sys("ls -l", PEER, fg), SSH + " 'cd /Tessara/Server; ls -l'"},
-        {sys("ls -l", PEER, bg), SSH + " 'cd /Tessara/Server; ls -l' &"},
-        // A command with its own quotes goes as it stands, without the cd.
-        {sys("echo 'hi' > x", PEER, bg), SSH + " echo 'hi' > x &"},
-        {sys("ls", c_inaddr("127.0.0.2"), fg),
-         "ssh -t -o StrictHostKeyChecking=no corvid@127.0.0.2 'cd /Tessara/Server; ls'"},
-        {chown1(PEER, check), SSH + " '" + CHECKED + "'"},
-        {chown2(PEER, nocheck), SSH + " 'sudo chown corvid:corvid /x/y'"},
-        // Locally the shell must see the sudo command, not one quoted word.
-        {chown2(LOCAL, check), CHECKED},
-        {chown1(LOOPBACK, nocheck), "sudo chown corvid:corvid /x/y"},
-    };
+    } cases[] = {{sys("ls -l", LOCAL, fg), "ls -l"},
+                 {sys("ls -l", LOOPBACK, bg), "ls -l &"},
+                 {sys("ls -l", PEER, fg), SSH + " 'cd /Tessara/Server; ls -l'"},
+                 {sys("ls -l", PEER, bg), SSH + " 'cd /Tessara/Server; ls -l' &"},
+                 // A command with its own quotes goes as it stands, without the cd.
+                 {sys("echo 'hi' > x", PEER, bg), SSH + " echo 'hi' > x &"},
+                 {sys("ls", c_inaddr("127.0.0.2"), fg),
+                  "ssh -t -o StrictHostKeyChecking=no corvid@127.0.0.2 'cd /Tessara/Server; ls'"},
+                 {chown1(PEER, check), SSH + " '" + CHECKED + "'"},
+                 {chown2(PEER, nocheck), SSH + " 'sudo chown corvid:corvid /x/y'"},
+                 // Locally the shell must see the sudo command, not one quoted word.
+                 {chown2(LOCAL, check), CHECKED},
+                 {chown1(LOOPBACK, nocheck), "sudo chown corvid:corvid /x/y"}};
     for (const auto& c : cases) {
         FakeShell shell;
         EXPECT_EQ(c.call(), 0);
@@ -101,16 +99,14 @@ TEST(UtlSystem, DecodesWaitStatusAndTracesByDebugMode)
         SYS_CALL_DEBUG_MODE debug;
         int result;
         std::string trace;
-    } cases[] = {
-        // Exit codes and signals through a real shell: RunsRealLocalCommands.
-        {0, SYS_CALL_DEBUG_ON_ERROR, 0, ""},
-        {3 << 8, SYS_CALL_NO_DEBUG, 3, ""},
-        {9, SYS_CALL_NO_DEBUG, -1, ""},
-        // Low bits 0x7F are a stop, not a signal death; -1: no shell ran.
-        {0x137F, SYS_CALL_DEBUG_ON_ERROR, -1, "tag: ABNORMAL TERMINATION: rc[4991] from [cmd]\n"},
-        {-1, SYS_CALL_DEBUG_ON_ERROR, -1, "tag: ABNORMAL TERMINATION: rc[-1] from [cmd]\n"},
-        {1 << 8, SYS_CALL_DEBUG_ALWAYS, 1, always + "tag ERROR: rc[1] from [cmd]\n"},
-    };
+    } cases[] = {// Exit codes and signals through a real shell: RunsRealLocalCommands.
+                 {0, SYS_CALL_DEBUG_ON_ERROR, 0, ""},
+                 {3 << 8, SYS_CALL_NO_DEBUG, 3, ""},
+                 {9, SYS_CALL_NO_DEBUG, -1, ""},
+                 // Low bits 0x7F are a stop, not a signal death; -1: no shell ran.
+                 {0x137F, SYS_CALL_DEBUG_ON_ERROR, -1, "tag: ABNORMAL TERMINATION: rc[4991] from [cmd]\n"},
+                 {-1, SYS_CALL_DEBUG_ON_ERROR, -1, "tag: ABNORMAL TERMINATION: rc[-1] from [cmd]\n"},
+                 {1 << 8, SYS_CALL_DEBUG_ALWAYS, 1, always + "tag ERROR: rc[1] from [cmd]\n"}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.status);
         FakeShell shell(c.status);

@@ -31,14 +31,12 @@ TEST(PacemakerTest, SingleSteps)
         unsigned now, start, due;
         PACEMAKER_MODE mode;
         unsigned sleep, nextDue, took;
-    } cases[] = {
-        {"on time, quick action", 1100, 1000, 1000, PACEMAKER_CATCHUP_MODE, 900, 2000, 100},
-        {"on time, skip mode", 1100, 1000, 1000, PACEMAKER_SKIP_MODE, 900, 2000, 100},
-        {"woke before due", 900, 900, 1000, PACEMAKER_CATCHUP_MODE, 1100, 2000, 0},
-        {"exactly one period late", 2000, 1000, 1000, PACEMAKER_CATCHUP_MODE, 0, 2000, 1000},
-        {"one period late, skip", 2000, 1000, 1000, PACEMAKER_SKIP_MODE, 0, 2000, 1000},
-        {"late past the wrap", 500, 0xFFFFFF00u, 0xFFFFFF00u, PACEMAKER_CATCHUP_MODE, 244, 0x2E8, 756},
-    };
+    } cases[] = {{"on time, quick action", 1100, 1000, 1000, PACEMAKER_CATCHUP_MODE, 900, 2000, 100},
+                 {"on time, skip mode", 1100, 1000, 1000, PACEMAKER_SKIP_MODE, 900, 2000, 100},
+                 {"woke before due", 900, 900, 1000, PACEMAKER_CATCHUP_MODE, 1100, 2000, 0},
+                 {"exactly one period late", 2000, 1000, 1000, PACEMAKER_CATCHUP_MODE, 0, 2000, 1000},
+                 {"one period late, skip", 2000, 1000, 1000, PACEMAKER_SKIP_MODE, 0, 2000, 1000},
+                 {"late past the wrap", 500, 0xFFFFFF00u, 0xFFFFFF00u, PACEMAKER_CATCHUP_MODE, 244, 0x2E8, 756}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
         const PacemakerStep s = pacemakerStep(c.now, c.start, c.due, P, c.mode);
@@ -70,13 +68,11 @@ TEST(PacemakerTest, LateActionIsSkippedOrCaughtUp)
     const struct {
         PACEMAKER_MODE mode;
         std::vector<unsigned> durations, sleeps;
-    } cases[] = {
-        // 3.5 periods: the sleep ends on the next period boundary (t0 + 4P).
-        {PACEMAKER_SKIP_MODE, {3500, 0, 0}, {500, 1000, 1000}},
-        {PACEMAKER_SKIP_MODE, {2300, 200}, {700, 800}},
-        // Three actions follow back to back, the third sleeps to the boundary.
-        {PACEMAKER_CATCHUP_MODE, {3500, 0, 0, 0, 0}, {0, 0, 0, 500, 1000}},
-    };
+    } cases[] = {// 3.5 periods: the sleep ends on the next period boundary (t0 + 4P).
+                 {PACEMAKER_SKIP_MODE, {3500, 0, 0}, {500, 1000, 1000}},
+                 {PACEMAKER_SKIP_MODE, {2300, 200}, {700, 800}},
+                 // Three actions follow back to back, the third sleeps to the boundary.
+                 {PACEMAKER_CATCHUP_MODE, {3500, 0, 0, 0, 0}, {0, 0, 0, 500, 1000}}};
     for (const auto& c : cases) EXPECT_EQ(c.sleeps, simulate(c.mode, c.durations)) << c.mode << "/" << c.durations[0];
 }
 

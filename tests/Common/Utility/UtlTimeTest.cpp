@@ -60,12 +60,10 @@ TEST(UtlTime, ComparisonOrdersBySecondsThenMicroseconds)
     const struct {
         timeval a, b;
         int order; // sign of a - b
-    } cases[] = {
-        {tv(5, 10), tv(5, 10), 0},     {tv(5, 10), tv(5, 11), -1},
-        {tv(5, 999999), tv(6, 0), -1}, {tv(6, 0), tv(5, 999999), 1},
-        {tv(-1, 0), tv(0, 0), -1},     {tv(-1, 500), tv(-1, 100), 1},
-        {tv(0, -5), tv(0, 0), -1},     {tv(0x7fffffff, 0), tv(-0x7fffffff, 0), 1},
-    };
+    } cases[] = {{tv(5, 10), tv(5, 10), 0},     {tv(5, 10), tv(5, 11), -1},
+                 {tv(5, 999999), tv(6, 0), -1}, {tv(6, 0), tv(5, 999999), 1},
+                 {tv(-1, 0), tv(0, 0), -1},     {tv(-1, 500), tv(-1, 100), 1},
+                 {tv(0, -5), tv(0, 0), -1},     {tv(0x7fffffff, 0), tv(-0x7fffffff, 0), 1}};
     for (const auto& c : cases) {
         SCOPED_TRACE(&c - cases);
         const int o = c.order; // == != < > <= >=
@@ -89,8 +87,7 @@ TEST(UtlTime, PrintsUtcPartsAndKeepsStreamState)
         {text(monthDay(t)), "11/14"},
         {text(timeofday(t)), "22:13:20"},
         {text(precisetimeofday(t)), "22:13:20.004567"},
-        {text(its), "it_value[1.500] it_interval[2.0]"},
-    };
+        {text(its), "it_value[1.500] it_interval[2.0]"}};
     for (const auto& [got, expected] : cases) EXPECT_EQ(got, expected);
 
     std::ostringstream os;
@@ -135,8 +132,7 @@ TEST(UtlTime, BadOrShortLinesLeaveZeroAndOnlyAnEarlyEndIsReported)
         {"", early + "MONTH] timestamp element at position[0] and ending with delimiter[/]\n"},
         {"11/14", early + "YEAR] timestamp element at position[2] and ending with delimiter[ ]\n"},
         {"11/14/2023 22:13", early + "SEC] timestamp element at position[5] and ending with delimiter[.]\n"},
-        {"11/14/2023 22:13:20.", early + "USEC] timestamp element at position[6] and ending with delimiter[\n]\n"},
-    };
+        {"11/14/2023 22:13:20.", early + "USEC] timestamp element at position[6] and ending with delimiter[\n]\n"}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.line);
         timeval v{};

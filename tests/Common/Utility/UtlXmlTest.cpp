@@ -75,15 +75,13 @@ TEST(UtlXml, LoadsStringsAndReportsEachFailure)
         std::string xml;
         const char* root;
         std::string error;
-    } cases[] = {
-        {"<?xml version=\"1.0\"?><Config/>", "Config", ""},
-        {"<Config/>", nullptr, ""},
-        {"", "Config", STRING_FAILED + "]."},
-        {"<Config><a>", "Config", STRING_FAILED + "<Config><a>]."},
-        {"<Config>" + sixty + "</Conf>", "Config", STRING_FAILED + "<Config>" + sixty.substr(0, 42) + "]."},
-        {"<!-- no element -->", "Config", "getRootElement: Missing XML root."},
-        {"<config/>", "Config", "getRootElement: XML root is not an Config element."},
-    };
+    } cases[] = {{"<?xml version=\"1.0\"?><Config/>", "Config", ""},
+                 {"<Config/>", nullptr, ""},
+                 {"", "Config", STRING_FAILED + "]."},
+                 {"<Config><a>", "Config", STRING_FAILED + "<Config><a>]."},
+                 {"<Config>" + sixty + "</Conf>", "Config", STRING_FAILED + "<Config>" + sixty.substr(0, 42) + "]."},
+                 {"<!-- no element -->", "Config", "getRootElement: Missing XML root."},
+                 {"<config/>", "Config", "getRootElement: XML root is not an Config element."}};
     for (const auto& c : cases) EXPECT_EQ(fromString(c.xml, c.root), c.error) << c.xml;
     TiXmlDocument doc;
     EXPECT_EQ(xmlError([&] { UtlXml::loadDOMFromString(doc, nullptr, "Config"); }), STRING_FAILED + "].");
@@ -132,13 +130,11 @@ TEST(UtlXml, HostileStringsFailCleanly)
     const struct {
         std::string xml, error;
         bool traced;
-    } cases[] = {
-        {deep, STRING_FAILED + deep.substr(0, 50) + "].", true},
-        {tooDeep, STRING_FAILED + tooDeep.substr(0, 50) + "].", true},
-        {nested(MAX_XML_DEPTH), "", false},
-        {wide, STRING_FAILED + wide.substr(0, 50) + "].", true},
-        {withAttributes(MAX_XML_ATTRIBUTES), "", false},
-    };
+    } cases[] = {{deep, STRING_FAILED + deep.substr(0, 50) + "].", true},
+                 {tooDeep, STRING_FAILED + tooDeep.substr(0, 50) + "].", true},
+                 {nested(MAX_XML_DEPTH), "", false},
+                 {wide, STRING_FAILED + wide.substr(0, 50) + "].", true},
+                 {withAttributes(MAX_XML_ATTRIBUTES), "", false}};
     for (const auto& c : cases) {
         SCOPED_TRACE(&c - cases);
         testing::internal::CaptureStdout();
@@ -239,58 +235,22 @@ TEST(UtlXml, ExceptionsTextsAndLogging)
 // whenever TinyXML accepts a document of known encoding.
 TEST(UtlXmlGuard, NeverUnderestimatesRandomDocuments)
 {
-    const char* const fragments[] = {
-        "<a>",
-        "<a x='1'>",
-        "<b y=\"&#x41;\">",
-        "</a>",
-        "</b>",
-        "<c/>",
-        "text",
-        " ",
-        "\n",
-        "<!-- </a> -->",
-        "<![CDATA[ </a> ]]>",
-        "&#",
-        "#5;",
-        "&#x",
-        "x5;",
-        "\xF0\"",
-        "\xE2<",
-        "\xC3",
-        "\xEF\xBB\xBF",
-        "<?xml version='1.0' encoding='UTF-8'?>",
-        "<?xml version='>' ?>",
-        "<?xml encoding='x'?>",
-        "<!DOCTYPE x>",
-        "<?pi </a> ?>",
-        "<a q=\"</a>\">",
-        "'",
-        "\"",
-        ">",
-        "<",
-        "&amp;",
-        "<_z>",
-        "</_z>",
-        "<\xC3\xA9>",
-        "<a x=1>",
-        "/>",
-        "<!--",
-        "-->",
-        "<![CDATA[",
-        "]]>",
-        "&lt;",
-        "&#59;",
-        ";",
-        "<a x='&#x3e;'>",
-        "</a >",
-    };
+    // Fragments, separated by '|'.
+    std::vector<std::string> fragments;
+    std::istringstream pieces(
+        "<a>|<a x='1'>|<b y=\"&#x41;\">|</a>|</b>|<c/>|text| |\x0A|<!-- </a> -->|"
+        "<![CDATA[ </a> ]]>|&#|#5;|&#x|x5;|\xF0\"|\xE2<|\xC3|\xEF\xBB\xBF|"
+        "<?xml version='1.0' encoding='UTF-8'?>|<?xml version='>' ?>|"
+        "<?xml encoding='x'?>|<!DOCTYPE x>|<?pi </a> ?>|<a q=\"</a>\">|'|\"|>|<|&amp;|"
+        "<_z>|</_z>|<\xC3\xA9>|<a x=1>|/>|<!--|-->|<![CDATA[|]]>|&lt;|&#59;|;|"
+        "<a x='&#x3e;'>|</a >");
+    for (std::string f; std::getline(pieces, f, '|');) fragments.push_back(f);
     // Single characters of the same constructs, for splits no fragment has.
     static const char chars[] =
         "<>/a\"'&#x5;!-[]?= \n\xF0\xC3\xE2"
         "CDATmlb\xEF\xBB\xBF";
     std::mt19937 rng(20240611u);
-    std::uniform_int_distribution<size_t> pick(0, sizeof fragments / sizeof fragments[0] - 1);
+    std::uniform_int_distribution<size_t> pick(0, fragments.size() - 1);
     std::uniform_int_distribution<int> length(1, 60);
     for (int iteration = 0; iteration < 4000; ++iteration) {
         std::string xml;

@@ -56,17 +56,15 @@ TEST(CWinTimerHandleTest, DueTimeAndPeriodConversion)
         bool relative;
         time_t sec, isec;
         long nsec, insec;
-    } cases[] = {
-        {-10000000, 0, true, 1, 0, 0, 0},
-        {-500000, 20, true, 0, 0, 50000000, 20000000},
-        {-1, 250, true, 0, 0, 100, 250000000},
-        {0, 1000, false, 0, 1, 0, 0},
-        {12345678901LL, 1500, false, 1234, 1, 567890100, 500000000},
-        // Magnitude of the most negative value, clamped where time_t is short.
-        {std::numeric_limits<std::int64_t>::min(), 0, true, clampedSec, 0, 477580800, 0},
-        // Left negative so that arming refuses it.
-        {-1, -1, true, 0, 0, 100, -1000000},
-    };
+    } cases[] = {{-10000000, 0, true, 1, 0, 0, 0},
+                 {-500000, 20, true, 0, 0, 50000000, 20000000},
+                 {-1, 250, true, 0, 0, 100, 250000000},
+                 {0, 1000, false, 0, 1, 0, 0},
+                 {12345678901LL, 1500, false, 1234, 1, 567890100, 500000000},
+                 // Magnitude of the most negative value, clamped where time_t is short.
+                 {std::numeric_limits<std::int64_t>::min(), 0, true, clampedSec, 0, 477580800, 0},
+                 // Left negative so that arming refuses it.
+                 {-1, -1, true, 0, 0, 100, -1000000}};
     for (const auto& c : cases) {
         SCOPED_TRACE(testing::Message() << c.due << " / " << c.period);
         itimerspec v;

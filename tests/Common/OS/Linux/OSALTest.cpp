@@ -81,10 +81,9 @@ TEST(OSALTest, StrnicmpComparesCaseBlind)
         const char *a, *b;
         unsigned n;
         int expected;
-    } cases[] = {
-        {"abc", "ABD", 2, 0},   {"abc", "ABD", 3, 'C' - 'D'},    {"abc", "ABD", 0, 0},     {"abc", "abc", 10, 0},
-        {"ab", "abc", 5, -'C'}, {"Zeta", "alpha", 4, 'Z' - 'A'}, {"x\0yz", "X\0ab", 4, 0},
-    };
+    } cases[] = {{"abc", "ABD", 2, 0},    {"abc", "ABD", 3, 'C' - 'D'}, {"abc", "ABD", 0, 0},
+                 {"abc", "abc", 10, 0},   {"ab", "abc", 5, -'C'},       {"Zeta", "alpha", 4, 'Z' - 'A'},
+                 {"x\0yz", "X\0ab", 4, 0}};
     for (const auto& c : cases) EXPECT_EQ(c.expected, strnicmp(c.a, c.b, c.n)) << c.a << "/" << c.b << "/" << c.n;
     char s[] = "MiXed 09-z";
     EXPECT_EQ(s, strupr(s));
