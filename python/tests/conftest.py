@@ -99,6 +99,14 @@ def simulator(simulator_args):
     sim.stop()
 
 
+@pytest.fixture(scope="module")
+def switch(simulator):
+    """A Switch connected to the module's simulator on the PCE service."""
+    import tavro
+    with tavro.Switch("pce", connect_timeout=20) as sw:
+        yield sw
+
+
 SPEEDS = (1000, 10000, 25000, 100000)
 
 

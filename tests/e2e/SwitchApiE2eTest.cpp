@@ -100,16 +100,12 @@ protected:
         return false;
     }
     // Commands of a code the simulator has read so far.
-    template <typename P>
-    static std::vector<SimFrame> framesWhere(P p)
-    {
-        std::vector<SimFrame> out = sim().receivedFrames();
-        out.erase(std::remove_if(out.begin(), out.end(), [&](const SimFrame& f) { return !p(f); }), out.end());
-        return out;
-    }
     static std::vector<SimFrame> received(std::uint32_t code)
     {
-        return framesWhere([=](const SimFrame& f) { return f.cmdCode == code; });
+        std::vector<SimFrame> out;
+        for (const SimFrame& f : sim().receivedFrames())
+            if (f.cmdCode == code) out.push_back(f);
+        return out;
     }
     // The session sends in order: once a later command arrived, an earlier
     // one was either sent or never will be.
@@ -119,13 +115,9 @@ protected:
         I_TAVRO_SendCommandNoResponse(CMD_CONN_INIT, nullptr, 0);
         ASSERT_TRUE(sim().waitFor([&] { return received(CMD_CONN_INIT).size() > before; }, kWait));
     }
-    static OutFrame reply(const SimFrame& f, const switchsim::Bytes& payload, std::uint32_t status = RSP_OK)
+    static OutFrame reply(const SimFrame& f, const switchsim::Bytes& payload)
     {
-        OutFrame r;
-        r.manager = f.manager;
-        r.cmdCode = f.cmdCode;
-        r.seqNbr = f.seqNbr;
-        r.msgStat = status;
+        OutFrame r = sim().defaultResponse(f);
         r.payload = payload;
         return r;
     }
@@ -231,8 +223,6 @@ TEST_F(E2e, ReconnectionAfterLossAndConnectingAgainAfterDisconnect)
     EXPECT_EQ(I_SwitchIsConnected(), I_ERR_NO_CONNECTION);
     EXPECT_TRUE(sim().waitFor([] { return sim().openConnections().empty(); }, kWait));
     EXPECT_EQ(I_SwitchDisconnect(), I_SUCCESS);
-    EXPECT_EQ(I_SwitchConnect(SW_SERVICE_BLADE), I_ERR_INVALID_PARAMETER);
-    EXPECT_EQ(tavro_internal::switchClient(), nullptr);
     const std::size_t before = received(CMD_DISC_PORT).size();
     EXPECT_EQ(I_TAVRO_SendCommandNoResponse(CMD_DISC_PORT, nullptr, 0), I_SUCCESS);
     tavro_internal::apiSeams().rawStatsTimeoutMs = 200;

@@ -209,14 +209,10 @@ TEST(SoakCounters, ReadsTheSimulatorsStopLine)
         soak::SwitchCounters got;
         EXPECT_EQ(soak::parseSwitchCounters(c.line, got), c.ok) << c.name;
         if (c.ok) {
-            EXPECT_EQ(got.connections, 3u) << c.name;
-            EXPECT_EQ(got.received, 40u);
-            EXPECT_EQ(got.sent, 30u);
-            EXPECT_EQ(got.dropped, 2u);
-            EXPECT_EQ(got.answered, 7u);
-            EXPECT_EQ(got.unanswered, 1u);
-            EXPECT_EQ(got.commands, 8u);
-            EXPECT_EQ(got.unexpected, 0u);
+            EXPECT_EQ(std::vector<std::uint64_t>({got.connections, got.received, got.sent, got.dropped, got.answered,
+                                                  got.unanswered, got.commands, got.unexpected}),
+                      std::vector<std::uint64_t>({3, 40, 30, 2, 7, 1, 8, 0}))
+                << c.name;
         }
     }
 }
