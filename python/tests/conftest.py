@@ -10,7 +10,7 @@ import os
 import re
 import signal
 import subprocess
-import threading
+import tempfile
 import time
 
 import pytest
@@ -19,55 +19,39 @@ WAIT_S = 20.0  # bound on every wait for the simulator
 
 
 class Simulator:
-    """A running tavro-switchsim whose transcript lines are collected."""
+    """A running tavro-switchsim; its transcript (one flushed line per event) goes to a file."""
 
     def __init__(self, *args: str) -> None:
         program = os.environ.get("TAVRO_SWITCHSIM")
         if not program:
             pytest.skip("TAVRO_SWITCHSIM does not name the simulator (run through ctest)")
-        self.lines: list[str] = []
-        self._changed = threading.Condition()
-        self.proc = subprocess.Popen([program, *args], stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
-                                     text=True, bufsize=1)
-        self._reader = threading.Thread(target=self._read, daemon=True)
-        self._reader.start()
+        self.log = tempfile.NamedTemporaryFile("w+", prefix="switchsim-", suffix=".log")
+        self.proc = subprocess.Popen([program, *args], stdout=self.log, stderr=subprocess.STDOUT)
         if not self.wait_for(r"^tavro-switchsim: listening on", allow_exit=True):
             self.stop()
             pytest.fail("the simulator did not start:\n" + self.transcript())
 
-    def _read(self) -> None:
-        for line in self.proc.stdout:
-            with self._changed:
-                self.lines.append(line.rstrip("\n"))
-                self._changed.notify_all()
-        with self._changed:
-            self._changed.notify_all()
+    def lines(self) -> list[str]:
+        with open(self.log.name, errors="replace") as f:
+            return f.read().split("\n")[:-1]  # whole lines only
 
     def transcript(self) -> str:
-        with self._changed:
-            return "\n".join(self.lines)
+        return "\n".join(self.lines())
 
     def mark(self) -> int:
         """Position in the transcript; wait_for(since=) looks after it."""
-        with self._changed:
-            return len(self.lines)
+        return len(self.lines())
 
-    def wait_for(self, pattern: str, since: int = 0, timeout: float = WAIT_S,
-                 allow_exit: bool = False):
+    def wait_for(self, pattern: str, since: int = 0, timeout: float = WAIT_S, allow_exit: bool = False):
         """The first transcript line from `since` on matching pattern, or None after timeout."""
-        regex = re.compile(pattern)
-        deadline = time.monotonic() + timeout
-        with self._changed:
-            while True:
-                for line in self.lines[since:]:
-                    m = regex.search(line)
-                    if m:
-                        return m
-                since = len(self.lines)
-                left = deadline - time.monotonic()
-                if left <= 0 or (allow_exit and self.proc.poll() is not None):
-                    return None
-                self._changed.wait(left)
+        regex, deadline = re.compile(pattern), time.monotonic() + timeout
+        while True:
+            for line in self.lines()[since:]:
+                if m := regex.search(line):
+                    return m
+            if time.monotonic() >= deadline or (allow_exit and self.proc.poll() is not None):
+                return None
+            time.sleep(0.02)
 
     def expect(self, pattern: str, since: int = 0, timeout: float = WAIT_S):
         m = self.wait_for(pattern, since, timeout)
@@ -82,8 +66,7 @@ class Simulator:
             except subprocess.TimeoutExpired:
                 self.proc.kill()
                 self.proc.wait()
-        self._reader.join(WAIT_S)
-        self.proc.stdout.close()
+        self.log.close()
 
 
 @pytest.fixture(scope="module")
@@ -97,6 +80,14 @@ def simulator(simulator_args):
     sim = Simulator(*simulator_args)
     yield sim
     sim.stop()
+
+
+@pytest.fixture(scope="module")
+def switch(simulator):
+    """A Switch connected to the module's simulator on the PCE service."""
+    import tavro
+    with tavro.Switch("pce", connect_timeout=20) as sw:
+        yield sw
 
 
 SPEEDS = (1000, 10000, 25000, 100000)

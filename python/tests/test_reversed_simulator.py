@@ -15,12 +15,6 @@ def simulator_args():
     return ["--reverse", "--heartbeat-ms", "0", "--send-every", "200ms", "--send", f"{int(Command.CMD_TEST_21)}:0102"]
 
 
-@pytest.fixture(scope="module")
-def switch(simulator):
-    with tavro.Switch("pce", connect_timeout=20) as sw:
-        yield sw
-
-
 # Read in this host's order the count word says 2048 entries, more than the
 # reply holds: the whole reply must still come through.
 @pytest.mark.parametrize("slot", [0, 3, 19])

@@ -16,21 +16,12 @@ def simulator_args():
     return ["--heartbeat-ms", "0", "--delay-ms", str(int(DELAY_S * 1000))]
 
 
-@pytest.fixture(scope="module")
-def switch(simulator):
-    with tavro.Switch("pce", connect_timeout=20) as sw:
-        yield sw
-
-
-def test_request_times_out(switch):
+def test_request_and_raw_stats_time_out(switch):
     start = time.monotonic()
     with pytest.raises(tavro.TimeoutError, match=r"CMD_CONN_PORT: no answer from the switch within 0.2 s") as e:
         switch.request(Command.CMD_CONN_PORT, b"\x01", timeout=0.2)
     assert time.monotonic() - start < DELAY_S
     assert isinstance(e.value, TimeoutError)
-
-
-def test_raw_stats_time_out_too(switch):
     with pytest.raises(tavro.TimeoutError, match="CMD_GET_BLADE_RAW_STATS"):
         switch.raw_stats(3, timeout=0.2)
 

@@ -11,7 +11,6 @@
 #include <algorithm>
 #include <atomic>
 #include <cstdlib>
-#include <cstring>
 #include <mutex>
 #include <random>
 #include <string>
@@ -19,7 +18,6 @@
 #include <vector>
 
 #include "Common/OS/Linux/OSAL.h"
-#include "Common/Utility/UtlDebug.h"
 #include "Cr/CrDBCmd.h"
 #include "Io/IoDBClient.h"
 #include "Os/TAVRO.h"
@@ -90,26 +88,13 @@ protected:
     static SwitchSimulator& sim() { return g_world->sim; }
     static std::uint64_t conn() { return sim().openConnections().back(); }
 
-    static bool logEventually(const std::string& text)
-    {
-        for (int i = 0; i < 3000; ++i) {
-            UtlDebug::GetTheUtlDebug()->WaitUntilDrained(30000);
-            if (tavro_test::readFile("log/Test.Debug.log").find(text) != std::string::npos) return true;
-            Sleep(10);
-        }
-        return false;
-    }
     // Commands of a code the simulator has read so far.
-    template <typename P>
-    static std::vector<SimFrame> framesWhere(P p)
-    {
-        std::vector<SimFrame> out = sim().receivedFrames();
-        out.erase(std::remove_if(out.begin(), out.end(), [&](const SimFrame& f) { return !p(f); }), out.end());
-        return out;
-    }
     static std::vector<SimFrame> received(std::uint32_t code)
     {
-        return framesWhere([=](const SimFrame& f) { return f.cmdCode == code; });
+        std::vector<SimFrame> out;
+        for (const SimFrame& f : sim().receivedFrames())
+            if (f.cmdCode == code) out.push_back(f);
+        return out;
     }
     // The session sends in order: once a later command arrived, an earlier
     // one was either sent or never will be.
@@ -119,13 +104,9 @@ protected:
         I_TAVRO_SendCommandNoResponse(CMD_CONN_INIT, nullptr, 0);
         ASSERT_TRUE(sim().waitFor([&] { return received(CMD_CONN_INIT).size() > before; }, kWait));
     }
-    static OutFrame reply(const SimFrame& f, const switchsim::Bytes& payload, std::uint32_t status = RSP_OK)
+    static OutFrame reply(const SimFrame& f, const switchsim::Bytes& payload)
     {
-        OutFrame r;
-        r.manager = f.manager;
-        r.cmdCode = f.cmdCode;
-        r.seqNbr = f.seqNbr;
-        r.msgStat = status;
+        OutFrame r = sim().defaultResponse(f);
         r.payload = payload;
         return r;
     }
@@ -143,36 +124,10 @@ protected:
     }
 };
 
-TEST_F(E2e, TimeOutsOrphansAndEightConcurrentCallers)
+// The tracker's time-outs and orphans are tested against the fake switch;
+// here the real session carries many callers' answers out of order.
+TEST_F(E2e, EightConcurrentCallers)
 {
-    // Switch 2 has no route and never answers: a made-up time-out stands in.
-    sim().setResponder(nullptr);
-    std::unique_ptr<CrCmd> cmd = command({1, 2}, 300, {42});
-    cmd->Dispatch();
-    ASSERT_TRUE(cmd->WaitForRsp());
-    ASSERT_EQ(cmd->GetRspCount(), 2);
-    ASSERT_NE(cmd->GetRsp(1), nullptr);
-    ASSERT_NE(cmd->GetRsp(2), nullptr);
-    EXPECT_EQ(cmd->GetRsp(1)->GetRspStat(), RSP_OK);
-    EXPECT_EQ(cmd->GetRsp(2)->GetRspStat(), RSP_TIME_OUT);
-    EXPECT_EQ(cmd->GetRsp(2)->GetSize(), 0);
-    EXPECT_EQ(cmd->GetRsp(2)->GetSeqNbr(), cmd->GetSeqNbr());
-
-    // Answered twice, asked or not: the first answer wins, the rest are orphans.
-    sim().setResponder([](SwitchSimulator& s, const SimFrame& f) {
-        if (f.cmdCode != CMD_CONN_PORT && f.cmdCode != CMD_HEARTBEAT) return false;
-        return s.send(f.conn, reply(f, {1})) && s.send(f.conn, reply(f, {2}));
-    });
-    cmd = command({1}, 30000);
-    cmd->Dispatch();
-    ASSERT_TRUE(cmd->WaitForRsp());
-    ASSERT_EQ(cmd->GetRspCount(), 1);
-    ASSERT_EQ(cmd->GetFirstRsp()->GetSize(), 1);
-    EXPECT_EQ(*static_cast<const std::uint8_t*>(cmd->GetFirstRsp()->GetData()), 1);
-    EXPECT_TRUE(logEventually("  Orphan RSP: 2712, Swi: 1, Status: 0\r\n"));
-    ASSERT_EQ(I_TAVRO_SendCommandNoResponse(CMD_HEARTBEAT, nullptr, 0), I_SUCCESS);
-    EXPECT_TRUE(logEventually("  Orphan RSP: 9c4a, Swi: 1, Status: 0\r\n"));
-
     // Eight callers at once, answers going back a batch of eight at a time,
     // shuffled: each caller gets the echo of its own command.
     constexpr int kThreads = 8, kRounds = 6;
@@ -231,8 +186,6 @@ TEST_F(E2e, ReconnectionAfterLossAndConnectingAgainAfterDisconnect)
     EXPECT_EQ(I_SwitchIsConnected(), I_ERR_NO_CONNECTION);
     EXPECT_TRUE(sim().waitFor([] { return sim().openConnections().empty(); }, kWait));
     EXPECT_EQ(I_SwitchDisconnect(), I_SUCCESS);
-    EXPECT_EQ(I_SwitchConnect(SW_SERVICE_BLADE), I_ERR_INVALID_PARAMETER);
-    EXPECT_EQ(tavro_internal::switchClient(), nullptr);
     const std::size_t before = received(CMD_DISC_PORT).size();
     EXPECT_EQ(I_TAVRO_SendCommandNoResponse(CMD_DISC_PORT, nullptr, 0), I_SUCCESS);
     tavro_internal::apiSeams().rawStatsTimeoutMs = 200;

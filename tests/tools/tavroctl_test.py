@@ -62,17 +62,16 @@ class Simulator:
 class Offline(unittest.TestCase):
     """Look-ups and command-line errors: no switch needed."""
 
-    def test_codes_by_fragment_pattern_and_number(self):
+    def test_codes_and_statuses_by_fragment_pattern_name_and_number(self):
         r = tavroctl("codes", "conn_port")
         self.assertEqual(r.returncode, OK)
         self.assertIn("  10002  CMD_CONN_PORT\n", r.stdout)
         self.assertNotIn("CMD_DISC_PORT", r.stdout)
-        self.assertEqual(tavroctl("codes", "cmd_heart*").stdout, "  40010  CMD_HEARTBEAT\n")
-        self.assertEqual(tavroctl("codes", "0x2712").stdout, "  10002  CMD_CONN_PORT\n")
-
-    def test_status_by_number_and_name(self):
-        self.assertEqual(tavroctl("status", "-103").stdout, "I_STATUS       -103  I_ERR_NO_CONNECTION\n")
-        self.assertEqual(tavroctl("status", "rsp_time_out").stdout, "RSP_STATUS        3  RSP_TIME_OUT\n")
+        for args, out in [(("codes", "cmd_heart*"), "  40010  CMD_HEARTBEAT\n"),
+                          (("codes", "0x2712"), "  10002  CMD_CONN_PORT\n"),
+                          (("status", "-103"), "I_STATUS       -103  I_ERR_NO_CONNECTION\n"),
+                          (("status", "rsp_time_out"), "RSP_STATUS        3  RSP_TIME_OUT\n")]:
+            self.assertEqual(tavroctl(*args).stdout, out, args)
 
     def test_errors_exit_with_their_codes_and_say_why(self):
         cases = [
