@@ -2,7 +2,8 @@
 // session, socket reader) against a raw TCP ping-pong of the same frames,
 // both served by one minimal in-process responder that answers every frame
 // at once, and against the raw client behind three thread hand-offs like the
-// library's (the floor of its design). Figures per iteration: median and p99
+// library's (the floor of its design), and behind four (the caller is also
+// released once its frame is sent, as Dispatch is). Figures per iteration: median and p99
 // round trip (manual timing), commands per second; 8 application threads
 // sending at once; 64 KiB and 2.5 MB payloads echoed back; resident memory
 // across 1 million commands. tools/bench.sh runs it with the other baselines.
@@ -300,7 +301,9 @@ private:
 
 class HandOffClient {
 public:
-    explicit HandOffClient(unsigned short port) : raw_(port)
+    // waitForSend: the caller is also released once its frame is sent and
+    // waits again for the reply, as the library's Dispatch and WaitForRsp do.
+    HandOffClient(unsigned short port, bool waitForSend) : raw_(port), waitForSend_(waitForSend)
     {
         if (!raw_.ok()) return;
         sender_ = std::thread([this] { sendLoop(); });
@@ -324,6 +327,7 @@ public:
         p.payload = &payload;
         toSend_.push(&p);
         std::unique_lock<std::mutex> lk(p.mu);
+        if (waitForSend_) p.cv.wait(lk, [&] { return p.sent; });
         p.cv.wait(lk, [&] { return p.done; });
         return p.replySize == (code == kEcho ? payload.size() : 0);
     }
@@ -335,6 +339,7 @@ private:
         std::mutex mu;
         std::condition_variable cv;
         bool done = false;
+        bool sent = false;
         std::size_t replySize = 0;
     };
     struct Reply {
@@ -352,6 +357,12 @@ private:
             }
             iovec iov[2] = {{&p->head, kHdr}, {const_cast<char*>(p->payload->data()), p->payload->size()}};
             if (!sendIov(raw_.fd(), iov, p->payload->empty() ? 1 : 2)) return;
+            if (!waitForSend_) continue;
+            {
+                std::lock_guard<std::mutex> lk(p->mu);
+                p->sent = true;
+            }
+            p->cv.notify_one();
         }
     }
     void readLoop()
@@ -401,6 +412,7 @@ private:
     }
 
     RawClient raw_;
+    const bool waitForSend_;
     std::uint32_t seq_ = 0;
     HandOff<Pending*> toSend_;
     HandOff<Reply> toMatch_;
@@ -572,11 +584,11 @@ void BM_Raw(benchmark::State& state, COMMAND_CODE code, std::size_t size, const 
         state, [&] { return c.roundTrip(code, payload); }, name);
 }
 
-void BM_HandOff(benchmark::State& state, COMMAND_CODE code, std::size_t size, const char* name)
+void BM_HandOff(benchmark::State& state, COMMAND_CODE code, std::size_t size, bool waitForSend, const char* name)
 {
     World& w = world();
     if (!w.error.empty()) return state.SkipWithError(w.error.c_str());
-    HandOffClient c(w.responder.port());
+    HandOffClient c(w.responder.port(), waitForSend);
     if (!c.ok()) return state.SkipWithError("hand-off client: cannot connect");
     const auto payload = payloadOf(size);
     timeRoundTrips(
@@ -671,7 +683,7 @@ void registerAll()
         {"2.5 MB, 40 B reply", kShort, k2_5M, 1.0, false},
     };
     static std::vector<std::string> names; // the summary's keys
-    names.reserve(4 * std::size(rows) + 3);
+    names.reserve(5 * std::size(rows) + 3);
     auto key = [](const std::string& k) {
         names.push_back(k);
         return names.back().c_str();
@@ -683,11 +695,13 @@ void registerAll()
             ->MinTime(r.minTime)
             ->Unit(benchmark::kMicrosecond);
         if (r.handOff)
-            benchmark::RegisterBenchmark(("RoundTrip/raw3handoffs/" + n).c_str(), BM_HandOff, r.code, r.size,
-                                         key("raw3handoffs " + n))
-                ->UseManualTime()
-                ->MinTime(r.minTime)
-                ->Unit(benchmark::kMicrosecond);
+            for (const bool waitForSend : {false, true})
+                benchmark::RegisterBenchmark(
+                    ("RoundTrip/" + std::string(waitForSend ? "raw4handoffs/" : "raw3handoffs/") + n).c_str(),
+                    BM_HandOff, r.code, r.size, waitForSend, key((waitForSend ? "raw4handoffs " : "raw3handoffs ") + n))
+                    ->UseManualTime()
+                    ->MinTime(r.minTime)
+                    ->Unit(benchmark::kMicrosecond);
         benchmark::RegisterBenchmark(("RoundTrip/library/" + n).c_str(), BM_Library, r.code, r.size,
                                      key("library " + n))
             ->UseManualTime()

@@ -265,7 +265,24 @@ TEST_F(CrDBCmdTest, ResponseListIsIteratedAndOwned)
     cmd.EraseRsp();
     EXPECT_EQ(0, cmd.GetRspCount());
     EXPECT_EQ(nullptr, cmd.GetRsp(4));
-    for (int i = 0; i < 3; ++i) cmd.AddToRspList(new CrRsp); // freed by the destructor
+
+    // Emptied either way, the list is walked again from its start.
+    const auto refill = [&cmd] {
+        CrRsp* second = nullptr;
+        for (int i = 0; i < 3; ++i) {
+            auto* r = new CrRsp; // freed by PurgeRsp or the destructor
+            if (i == 1) second = r;
+            cmd.AddToRspList(r);
+        }
+        return second;
+    };
+    CrRsp* second = refill();
+    EXPECT_EQ(second, cmd.GetNextRsp()) << "after EraseRsp";
+    while (cmd.GetNextRsp() != nullptr) {
+    }
+    cmd.PurgeRsp();
+    second = refill();
+    EXPECT_EQ(second, cmd.GetNextRsp()) << "after PurgeRsp";
 }
 
 TEST_F(CrDBCmdTest, CommandWithoutTargetIsNotSent)
