@@ -303,7 +303,11 @@ class HandOffClient {
 public:
     // waitForSend: the caller is also released once its frame is sent and
     // waits again for the reply, as the library's Dispatch and WaitForRsp do.
-    HandOffClient(unsigned short port, bool waitForSend) : raw_(port), waitForSend_(waitForSend)
+    // copies: the payload is copied into a fresh buffer before it is sent and
+    // the reply's body out of the read buffer into another, as the library's
+    // command and response each own a copy of their data.
+    HandOffClient(unsigned short port, bool waitForSend, bool copies = false)
+        : raw_(port), waitForSend_(waitForSend), copies_(copies)
     {
         if (!raw_.ok()) return;
         sender_ = std::thread([this] { sendLoop(); });
@@ -324,18 +328,28 @@ public:
     {
         Pending p;
         p.head = header(MSG_COMMAND, code, ++seq_, std::uint32_t(payload.size()));
-        p.payload = &payload;
+        p.data = payload.data();
+        p.size = payload.size();
+        std::unique_ptr<char[]> own;
+        if (copies_ && !payload.empty()) {
+            own.reset(new char[payload.size()]);
+            std::memcpy(own.get(), payload.data(), payload.size());
+            p.data = own.get();
+        }
         toSend_.push(&p);
         std::unique_lock<std::mutex> lk(p.mu);
         if (waitForSend_) p.cv.wait(lk, [&] { return p.sent; });
         p.cv.wait(lk, [&] { return p.done; });
+        delete[] p.body;
         return p.replySize == (code == kEcho ? payload.size() : 0);
     }
 
 private:
     struct Pending {
         FrameHeader head;
-        const std::vector<char>* payload = nullptr;
+        const char* data = nullptr;
+        std::size_t size = 0;
+        char* body = nullptr;
         std::mutex mu;
         std::condition_variable cv;
         bool done = false;
@@ -345,6 +359,7 @@ private:
     struct Reply {
         std::uint32_t seq;
         std::size_t size;
+        char* body;
     };
 
     void sendLoop()
@@ -355,8 +370,8 @@ private:
                 std::lock_guard<std::mutex> lk(mapMu_);
                 waiting_[p->head.app.seqNbr] = p;
             }
-            iovec iov[2] = {{&p->head, kHdr}, {const_cast<char*>(p->payload->data()), p->payload->size()}};
-            if (!sendIov(raw_.fd(), iov, p->payload->empty() ? 1 : 2)) return;
+            iovec iov[2] = {{&p->head, kHdr}, {const_cast<char*>(p->data), p->size}};
+            if (!sendIov(raw_.fd(), iov, p->size == 0 ? 1 : 2)) return;
             if (!waitForSend_) continue;
             {
                 std::lock_guard<std::mutex> lk(p->mu);
@@ -383,7 +398,13 @@ private:
                     if (frame > in.size()) in.resize(frame);
                     break;
                 }
-                toMatch_.push(Reply{h.app.seqNbr, h.app.getAppSize()});
+                const std::size_t n = h.app.getAppSize();
+                char* body = nullptr;
+                if (copies_ && n > 0) {
+                    body = new char[n];
+                    std::memcpy(body, in.data() + at + kHdr, n);
+                }
+                toMatch_.push(Reply{h.app.seqNbr, n, body});
                 at += frame;
             }
             std::memmove(in.data(), in.data() + at, have - at);
@@ -398,7 +419,10 @@ private:
             {
                 std::lock_guard<std::mutex> lk(mapMu_);
                 const auto it = waiting_.find(r.seq);
-                if (it == waiting_.end()) continue;
+                if (it == waiting_.end()) {
+                    delete[] r.body;
+                    continue;
+                }
                 p = it->second;
                 waiting_.erase(it);
             }
@@ -406,6 +430,7 @@ private:
                 std::lock_guard<std::mutex> lk(p->mu);
                 p->done = true;
                 p->replySize = r.size;
+                p->body = r.body;
             }
             p->cv.notify_one();
         }
@@ -413,6 +438,7 @@ private:
 
     RawClient raw_;
     const bool waitForSend_;
+    const bool copies_;
     std::uint32_t seq_ = 0;
     HandOff<Pending*> toSend_;
     HandOff<Reply> toMatch_;
@@ -584,11 +610,12 @@ void BM_Raw(benchmark::State& state, COMMAND_CODE code, std::size_t size, const 
         state, [&] { return c.roundTrip(code, payload); }, name);
 }
 
-void BM_HandOff(benchmark::State& state, COMMAND_CODE code, std::size_t size, bool waitForSend, const char* name)
+void BM_HandOff(benchmark::State& state, COMMAND_CODE code, std::size_t size, bool waitForSend, bool copies,
+                const char* name)
 {
     World& w = world();
     if (!w.error.empty()) return state.SkipWithError(w.error.c_str());
-    HandOffClient c(w.responder.port(), waitForSend);
+    HandOffClient c(w.responder.port(), waitForSend, copies);
     if (!c.ok()) return state.SkipWithError("hand-off client: cannot connect");
     const auto payload = payloadOf(size);
     timeRoundTrips(
@@ -683,7 +710,7 @@ void registerAll()
         {"2.5 MB, 40 B reply", kShort, k2_5M, 1.0, false},
     };
     static std::vector<std::string> names; // the summary's keys
-    names.reserve(5 * std::size(rows) + 3);
+    names.reserve(6 * std::size(rows) + 3);
     auto key = [](const std::string& k) {
         names.push_back(k);
         return names.back().c_str();
@@ -698,10 +725,19 @@ void registerAll()
             for (const bool waitForSend : {false, true})
                 benchmark::RegisterBenchmark(
                     ("RoundTrip/" + std::string(waitForSend ? "raw4handoffs/" : "raw3handoffs/") + n).c_str(),
-                    BM_HandOff, r.code, r.size, waitForSend, key((waitForSend ? "raw4handoffs " : "raw3handoffs ") + n))
+                    BM_HandOff, r.code, r.size, waitForSend, false,
+                    key((waitForSend ? "raw4handoffs " : "raw3handoffs ") + n))
                     ->UseManualTime()
                     ->MinTime(r.minTime)
                     ->Unit(benchmark::kMicrosecond);
+        // The floor for large frames: the same hand-offs plus the copies the
+        // command and its response own.
+        if (r.size >= k2_5M && r.code == kEcho)
+            benchmark::RegisterBenchmark(("RoundTrip/raw4handoffs2copies/" + n).c_str(), BM_HandOff, r.code, r.size,
+                                         true, true, key("raw4handoffs2copies " + n))
+                ->UseManualTime()
+                ->MinTime(r.minTime)
+                ->Unit(benchmark::kMicrosecond);
         benchmark::RegisterBenchmark(("RoundTrip/library/" + n).c_str(), BM_Library, r.code, r.size,
                                      key("library " + n))
             ->UseManualTime()
