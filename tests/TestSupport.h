@@ -35,7 +35,6 @@ public:
     }
     ScopedTempDir(const ScopedTempDir&) = delete;
     ScopedTempDir& operator=(const ScopedTempDir&) = delete;
-
     const std::string& path() const { return path_; }
 
 private:
@@ -53,8 +52,16 @@ inline std::string readFile(const std::string& path)
 
 inline void writeFile(const std::string& path, const std::string& content)
 {
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << content;
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
+}
+
+// What operator<< writes for v.
+template <typename T>
+std::string text(const T& v)
+{
+    std::ostringstream os;
+    os << v;
+    return os.str();
 }
 
 } // namespace tavro_test

@@ -5,16 +5,11 @@
 #include <iomanip>
 #include <sstream>
 #include <string>
+#include "TestSupport.h"
+
+using tavro_test::text;
 
 namespace {
-
-template <class T>
-std::string text(T code)
-{
-    std::ostringstream os;
-    os << code;
-    return os.str();
-}
 
 TEST(MarloSystemStreamers, UseTypePrintsDisplayWordsInsideATraceLine)
 {

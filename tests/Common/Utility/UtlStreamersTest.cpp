@@ -7,16 +7,11 @@
 #include <set>
 #include <sstream>
 #include <string>
+#include "TestSupport.h"
+
+using tavro_test::text;
 
 namespace {
-
-template <class T>
-std::string text(const T& code)
-{
-    std::ostringstream os;
-    os << code;
-    return os.str();
-}
 
 std::string unknown(const std::string& type, int value)
 {

@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <tuple>
 #include <vector>
 
 #include "Common/OS/Linux/PlatformTestSupport.h"
@@ -13,18 +14,16 @@ constexpr unsigned P = 1000;
 
 TEST(PacemakerTest, ClockCountsSixHundredMicrosecondStepsTimesSixteen)
 {
-    const struct {
-        long long ticks;
-        unsigned clk;
-    } cases[] = {{0, 0}, {299, 0}, {300, 16}, {899, 16}, {900, 32}, {600000, 16000}};
-    for (const auto& c : cases) EXPECT_EQ(c.clk, pacemakerClock(c.ticks)) << c.ticks;
+    const std::pair<long long, unsigned> cases[] = {{0, 0}, {299, 0}, {300, 16}, {899, 16}, {900, 32}, {600000, 16000}};
+    for (const auto& [ticks, clk] : cases) EXPECT_EQ(clk, pacemakerClock(ticks)) << ticks;
     // Across the 32-bit wrap the differences stay exact.
     const long long wrap = (1LL << 32) / 16 * 600;
     for (long long t = wrap - 3000; t < wrap + 3000; t += 600)
         EXPECT_EQ(16u, pacemakerClock(t + 600) - pacemakerClock(t)) << t;
 }
 
-TEST(PacemakerTest, SingleSteps)
+// One step at a time, then runs of late actions on a fake clock.
+TEST(PacemakerTest, StepsSkipOrCatchUp)
 {
     const struct {
         const char* what;
@@ -44,36 +43,25 @@ TEST(PacemakerTest, SingleSteps)
         EXPECT_EQ(c.nextDue, s.nextDue);
         EXPECT_EQ(c.took, s.took);
     }
-}
-
-// Runs the pacemaker over actions of the given durations on a fake clock and
-// returns the sleep after each action.
-std::vector<unsigned> simulate(PACEMAKER_MODE mode, const std::vector<unsigned>& durations, unsigned t0 = 5000)
-{
-    std::vector<unsigned> sleeps;
-    unsigned clk = t0, due = t0;
-    for (unsigned d : durations) {
-        const unsigned start = clk;
-        clk += d;
-        const PacemakerStep s = pacemakerStep(clk, start, due, P, mode);
-        sleeps.push_back(s.sleep);
-        clk += s.sleep;
-        due = s.nextDue;
+    const std::tuple<PACEMAKER_MODE, std::vector<unsigned>, std::vector<unsigned>> runs[] = {
+        // 3.5 periods: the sleep ends on the next period boundary (t0 + 4P).
+        {PACEMAKER_SKIP_MODE, {3500, 0, 0}, {500, 1000, 1000}},
+        {PACEMAKER_SKIP_MODE, {2300, 200}, {700, 800}},
+        // Three actions follow back to back, the third sleeps to the boundary.
+        {PACEMAKER_CATCHUP_MODE, {3500, 0, 0, 0, 0}, {0, 0, 0, 500, 1000}}};
+    for (const auto& [mode, durations, expected] : runs) {
+        std::vector<unsigned> sleeps;
+        unsigned clk = 5000, due = 5000;
+        for (unsigned d : durations) {
+            const unsigned start = clk;
+            clk += d;
+            const PacemakerStep s = pacemakerStep(clk, start, due, P, mode);
+            sleeps.push_back(s.sleep);
+            clk += s.sleep;
+            due = s.nextDue;
+        }
+        EXPECT_EQ(expected, sleeps) << mode << "/" << durations[0];
     }
-    return sleeps;
-}
-
-TEST(PacemakerTest, LateActionIsSkippedOrCaughtUp)
-{
-    const struct {
-        PACEMAKER_MODE mode;
-        std::vector<unsigned> durations, sleeps;
-    } cases[] = {// 3.5 periods: the sleep ends on the next period boundary (t0 + 4P).
-                 {PACEMAKER_SKIP_MODE, {3500, 0, 0}, {500, 1000, 1000}},
-                 {PACEMAKER_SKIP_MODE, {2300, 200}, {700, 800}},
-                 // Three actions follow back to back, the third sleeps to the boundary.
-                 {PACEMAKER_CATCHUP_MODE, {3500, 0, 0, 0, 0}, {0, 0, 0, 500, 1000}}};
-    for (const auto& c : cases) EXPECT_EQ(c.sleeps, simulate(c.mode, c.durations)) << c.mode << "/" << c.durations[0];
 }
 
 class CountingThread : public PeriodicThread {
@@ -104,16 +92,13 @@ private:
 
 TEST(PeriodicThreadTest, NameIsPaddedToFifteenCharacters)
 {
-    const struct {
-        const char *in, *name, *thread;
-    } cases[] = {{"TenLetters", "TenLetters", "P-TenLetters   "},
-                 {nullptr, "Periodic", "P-Periodic     "},
-                 {"AVeryLongPeriodicName", "AVeryLongPeriodicName", "P-AVeryLongPeri"}};
+    const char* const cases[][3] = {{"TenLetters", "TenLetters", "P-TenLetters   "},
+                                    {nullptr, "Periodic", "P-Periodic     "},
+                                    {"AVeryLongPeriodicName", "AVeryLongPeriodicName", "P-AVeryLongPeri"}};
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        CountingThread t(c.in, PACEMAKER_SKIP_MODE);
-        EXPECT_EQ(c.name, t.Name());
-        EXPECT_STREQ(c.thread, t.GetThreadName());
+        CountingThread t(c[0], PACEMAKER_SKIP_MODE);
+        EXPECT_EQ(c[1], t.Name());
+        EXPECT_STREQ(c[2], t.GetThreadName());
         EXPECT_EQ(0x40000u, t.GetStackSize());
     }
 }
