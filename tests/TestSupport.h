@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string>
@@ -27,11 +28,9 @@ public:
     }
     ~ScopedTempDir()
     {
-        if (!old_.empty() && chdir(old_.c_str()) != 0) {
-        }
-        std::string cmd = "rm -rf '" + path_ + "'";
-        if (std::system(cmd.c_str()) != 0) {
-        }
+        if (!old_.empty() && chdir(old_.c_str()) != 0) ADD_FAILURE() << "chdir back failed";
+        std::error_code ignored;
+        std::filesystem::remove_all(path_, ignored);
     }
     ScopedTempDir(const ScopedTempDir&) = delete;
     ScopedTempDir& operator=(const ScopedTempDir&) = delete;

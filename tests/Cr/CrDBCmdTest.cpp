@@ -61,7 +61,7 @@ TEST(SlaveAddrTest, OutOfRangePositionsAreIgnoredAndEqualityComparesBits)
     for (const auto& c : texts) EXPECT_EQ(c.second, text(c.first));
 }
 
-TEST_F(CrDBCmdTest, SetDataCopiesAndOwnsSetFastDataTakesThePointerAsItIs)
+TEST_F(CrDBCmdTest, DataOwnershipCommandCodeAndDestinations)
 {
     unsigned char src[] = {1, 2, 3};
     {
@@ -91,10 +91,7 @@ TEST_F(CrDBCmdTest, SetDataCopiesAndOwnsSetFastDataTakesThePointerAsItIs)
     keep.SetData(src, 2); // the unowned buffer is dropped, not freed
     EXPECT_NE(static_cast<void*>(src), keep.GetData());
     keep.SetFastData(new unsigned char[2], 2, true); // freed by the destructor
-}
 
-TEST_F(CrDBCmdTest, CommandCodeSetsManagerClassOnlyOnceAndDestinationsAccumulate)
-{
     Message m;
     m.SetCmdCode(CMD_PKT_GET_BLADE_RAW_STATS);
     m.SetCmdCode(CMD_CONN_PORT);
@@ -267,7 +264,7 @@ TEST_F(CrDBCmdTest, ResponseListIsIteratedAndOwned)
     EXPECT_EQ(second, cmd.GetNextRsp()) << "after PurgeRsp";
 }
 
-TEST_F(CrDBCmdTest, CommandWithoutTargetIsNotSent)
+TEST_F(CrDBCmdTest, CommandWithoutTargetIsNotSentAndOneFromAFrameGetsTheDefaults)
 {
     CrTracker tracker; // never started: a command queued to it would hang Dispatch
     UDBControl::InsertClassRef(SMN_TRACKER, &tracker);
@@ -280,15 +277,10 @@ TEST_F(CrDBCmdTest, CommandWithoutTargetIsNotSent)
     EXPECT_EQ(nullptr, cmd.GetWaitEvent());
     EXPECT_FALSE(cmd.WaitForRsp());
     EXPECT_EQ(0u, tracker.PendingCount());
-}
 
-// A command made from a received frame is a command like any other: the
-// default time-out, the registered tracker, and a response list it frees
-// (LeakSanitizer watches).
-TEST_F(CrDBCmdTest, CommandFromAFrameGetsTheDefaultsAndOwnsItsResponses)
-{
-    CrTracker tracker;
-    UDBControl::InsertClassRef(SMN_TRACKER, &tracker);
+    // A command made from a received frame is a command like any other: the
+    // default time-out, the registered tracker, and a response list it frees
+    // (LeakSanitizer watches).
     ORV_APP_MSG hdr;
     hdr.msgType = MSG_COMMAND;
     hdr.cmdCode = CMD_CONN_PORT;
@@ -296,12 +288,12 @@ TEST_F(CrDBCmdTest, CommandFromAFrameGetsTheDefaultsAndOwnsItsResponses)
     hdr.msgStat = CMD_WITH_RSP;
     unsigned char data[] = {1, 2, 3};
     hdr.setAppSize(sizeof data);
-    CrCmd cmd(MGR_CONN, &hdr, data);
+    CrCmd got(MGR_CONN, &hdr, data);
     EXPECT_EQ(std::make_tuple(UDBControl::GetDefaultMsgTimeout(), &tracker, 5, true, 3),
-              std::make_tuple(cmd.GetRspTimer(), cmd.GetTracker(), cmd.GetSeqNbr(), cmd.GetRspReq(), cmd.GetSize()));
-    EXPECT_EQ(0, std::memcmp(cmd.GetData(), data, 3));
-    for (int i = 0; i < 3; ++i) cmd.AddToRspList(new CrRsp);
-    EXPECT_EQ(3, cmd.GetRspCount());
+              std::make_tuple(got.GetRspTimer(), got.GetTracker(), got.GetSeqNbr(), got.GetRspReq(), got.GetSize()));
+    EXPECT_EQ(0, std::memcmp(got.GetData(), data, 3));
+    for (int i = 0; i < 3; ++i) got.AddToRspList(new CrRsp);
+    EXPECT_EQ(3, got.GetRspCount());
 }
 
 } // namespace

@@ -79,7 +79,7 @@ TEST_F(FeatureFixture, LinesAreParsedAloneAndLaterLinesWinAndLateFeaturesGetThei
               "FeatureRegister: feature[Late_Bad] setting [NOPE] ignored: unknown bit or bad number [NOPE]\n");
 }
 
-TEST_F(FeatureFixture, RegistrationIsByNameAndIdsAreStable)
+TEST_F(FeatureFixture, RegistrationIsByNameAndMaskInitReadsTheFileInTheWorkingDirectory)
 {
     EXPECT_EQ(reg().FeatureName(socketTraceFeature().Id()), "SOCKET");
     EXPECT_EQ(reg().Feature("socket"), &socketTraceFeature());
@@ -104,10 +104,7 @@ TEST_F(FeatureFixture, RegistrationIsByNameAndIdsAreStable)
     EXPECT_EQ(d.rfind("SOCKET [0x20000400]\n", 0), 0u) << d;
     EXPECT_NE(d.find("  0x00000400 * WAIT  readiness waits\n"), std::string::npos) << d;
     EXPECT_NE(d.find("  0x00000001   BIND  bind and accept detail\n"), std::string::npos) << d;
-}
 
-TEST_F(FeatureFixture, MaskInitReadsTheFileInTheWorkingDirectory)
-{
     tavro_test::ScopedTempDir dir;
     socketTraceFeature().SetMask(0xFF);
     tavro_test::writeFile("ftrdbgUDBServ.cfg", "# socket trace\nSOCKET=OPTIONS | 0x400\n");

@@ -44,7 +44,7 @@ int recordPing(const char* command)
     return g_pingStatus;
 }
 
-TEST(IpText, ParseFormatValidityAndAnyAddress)
+TEST(IpAddress, TextsAndSocketAddresses)
 {
     const struct {
         const char* text;
@@ -82,10 +82,7 @@ TEST(IpText, ParseFormatValidityAndAnyAddress)
         });
     for (auto& t : threads) t.join();
     EXPECT_EQ(wrong.load(), 0);
-}
 
-TEST(CSockaddr, KeepsThePortAsGivenAndZeroesTheRest)
-{
     sockaddr_in expected;
     std::memset(&expected, 0, sizeof expected);
     expected.sin_family = AF_INET;
@@ -156,7 +153,7 @@ TEST(Ping, RunsTheScriptAndDecodesItsStatus)
     tavro_internal::setPingRunner(previous);
 }
 
-TEST(MacText, ParseAndFormat)
+TEST(MacAddress, TextFileStreamAndInterface)
 {
     const unsigned char expected[6] = {0x00, 0x1a, 0x2b, 0x3c, 0x4d, 0x5e};
     const struct {
@@ -186,10 +183,7 @@ TEST(MacText, ParseAndFormat)
     EXPECT_TRUE(MacAddrStringToUints("ff:00:01:02:03:04", fields, 6));
     EXPECT_EQ(fields[0], 0xffu);
     EXPECT_FALSE(MacAddrStringToUints("ff:00:01:02:03:04", fields, 5));
-}
 
-TEST(MacAddress, FileStreamAndInterface)
-{
     tavro_test::ScopedTempDir dir;
     MAC_ADDRESS mac, back;
     mac = reinterpret_cast<const unsigned char*>("\xde\xad\xbe\xef\x00\x01");

@@ -56,7 +56,7 @@ SYSLOG_REC rec(const char* ip, unsigned short port, ALARM_PRIORITY threshold, bo
 
 } // namespace
 
-TEST(UtlSystem, BuildsCommandLines)
+TEST(UtlSystem, BuildsCommandLinesAndDecodesWaitStatus)
 {
     const auto fg = FOREGROUND_SYSTEM_CALL, bg = BACKGROUND_SYSTEM_CALL;
     const auto check = CHANGE_OWNER_MODE_CHECK_FILE_EXIST, nocheck = CHANGE_OWNER_MODE_NO_CHECK;
@@ -86,14 +86,12 @@ TEST(UtlSystem, BuildsCommandLines)
         EXPECT_EQ(call(), 0);
         EXPECT_EQ(shell.lines, std::vector<std::string>{line});
     }
-}
 
-TEST(UtlSystem, DecodesWaitStatusAndTracesByDebugMode)
-{
+    // The wait status decoded, traced by debug mode.
     const std::string always =
         "tag: ipAddr[0.0.0.0]  LOCAL_CALL_IPADDR [127.0.0.1]  remote[false]\n"
         "tag: bRemote[false]\ntag: Executing [cmd]\n";
-    const std::tuple<int, SYS_CALL_DEBUG_MODE, int, std::string> cases[] = {
+    const std::tuple<int, SYS_CALL_DEBUG_MODE, int, std::string> statuses[] = {
         // Exit codes and signals through a real shell: RunsRealLocalCommands.
         {0, SYS_CALL_DEBUG_ON_ERROR, 0, ""},
         {3 << 8, SYS_CALL_NO_DEBUG, 3, ""},
@@ -102,7 +100,7 @@ TEST(UtlSystem, DecodesWaitStatusAndTracesByDebugMode)
         {0x137F, SYS_CALL_DEBUG_ON_ERROR, -1, "tag: ABNORMAL TERMINATION: rc[4991] from [cmd]\n"},
         {-1, SYS_CALL_DEBUG_ON_ERROR, -1, "tag: ABNORMAL TERMINATION: rc[-1] from [cmd]\n"},
         {1 << 8, SYS_CALL_DEBUG_ALWAYS, 1, always + "tag ERROR: rc[1] from [cmd]\n"}};
-    for (const auto& [status, debug, result, trace] : cases) {
+    for (const auto& [status, debug, result, trace] : statuses) {
         FakeShell shell(status);
         testing::internal::CaptureStdout();
         EXPECT_EQ(systemCall("cmd", LOCAL, FOREGROUND_SYSTEM_CALL, debug, "tag"), result) << status;
@@ -133,7 +131,7 @@ TEST(UtlSystem, RunsRealLocalCommands)
               "t ERROR: rc[1] from [false]\nt: KILLED BY SIGNAL [ 15 ]: rc[15] from [kill -TERM $$]\n");
 }
 
-TEST(UtlSystem, ReplacesTokens)
+TEST(UtlSystem, ReplacesTokensAndSplitsIpSwitchText)
 {
     tokenreplace_t tokens[] = {{"$H", "sw1"}, {"$P", "$P$P"}, {"ab", "b"}, {"", ""}, {"x", "y"}};
     const std::tuple<std::string, std::string, int> cases[] = {
@@ -156,10 +154,7 @@ TEST(UtlSystem, ReplacesTokens)
     EXPECT_FALSE(replaceFileToken("missing.cfg", "x.cfg", tokens));
     EXPECT_FALSE(replaceFileToken("in.cfg", "no/dir/x.cfg", tokens));
     EXPECT_FALSE(exists("x.cfg"));
-}
 
-TEST(UtlSystem, SplitsIpSwitchText)
-{
     char out[IP_SWITCH_STR_MAX + 1][16];
     EXPECT_EQ(GetIpSwitchStr("10.0.0.1, 192.168.001.2;bogus,,255.255.255.255", nullptr, out), 2);
     EXPECT_STREQ(out[1], "255.255.255.255");

@@ -12,19 +12,17 @@ namespace {
 
 constexpr unsigned P = 1000;
 
-TEST(PacemakerTest, ClockCountsSixHundredMicrosecondStepsTimesSixteen)
+TEST(PacemakerTest, ClockAndStepsSkipOrCatchUp)
 {
-    const std::pair<long long, unsigned> cases[] = {{0, 0}, {299, 0}, {300, 16}, {899, 16}, {900, 32}, {600000, 16000}};
-    for (const auto& [ticks, clk] : cases) EXPECT_EQ(clk, pacemakerClock(ticks)) << ticks;
+    const std::pair<long long, unsigned> clocks[] = {{0, 0},    {299, 0},  {300, 16},
+                                                     {899, 16}, {900, 32}, {600000, 16000}};
+    for (const auto& [ticks, clk] : clocks) EXPECT_EQ(clk, pacemakerClock(ticks)) << ticks;
     // Across the 32-bit wrap the differences stay exact.
     const long long wrap = (1LL << 32) / 16 * 600;
     for (long long t = wrap - 3000; t < wrap + 3000; t += 600)
         EXPECT_EQ(16u, pacemakerClock(t + 600) - pacemakerClock(t)) << t;
-}
 
-// One step at a time, then runs of late actions on a fake clock.
-TEST(PacemakerTest, StepsSkipOrCatchUp)
-{
+    // One step at a time, then runs of late actions on a fake clock.
     const struct {
         const char* what;
         unsigned now, start, due;
@@ -90,7 +88,7 @@ private:
     std::atomic<int> count_{0};
 };
 
-TEST(PeriodicThreadTest, NameIsPaddedToFifteenCharacters)
+TEST(PeriodicThreadTest, NameIsPaddedAndActionsRunUntilShutdown)
 {
     const char* const cases[][3] = {{"TenLetters", "TenLetters", "P-TenLetters   "},
                                     {nullptr, "Periodic", "P-Periodic     "},
@@ -101,10 +99,7 @@ TEST(PeriodicThreadTest, NameIsPaddedToFifteenCharacters)
         EXPECT_STREQ(c[2], t.GetThreadName());
         EXPECT_EQ(0x40000u, t.GetStackSize());
     }
-}
 
-TEST(PeriodicThreadTest, RunsActionsUntilShutdown)
-{
     for (PACEMAKER_MODE mode : {PACEMAKER_CATCHUP_MODE, PACEMAKER_SKIP_MODE}) {
         tavro_test::Events e(2, TRUE);
         auto* t = new CountingThread("count", mode, e.h[0], e.h[1]);

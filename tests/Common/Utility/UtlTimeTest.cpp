@@ -49,7 +49,7 @@ void countSignal(int)
     g_signals.fetch_add(1);
 }
 
-TEST(UtlTime, ComparisonOrdersBySecondsThenMicroseconds)
+TEST(UtlTime, ComparisonAndUtcText)
 {
     const std::tuple<timeval, timeval, int> cases[] = {
         // sign of a - b
@@ -62,16 +62,13 @@ TEST(UtlTime, ComparisonOrdersBySecondsThenMicroseconds)
                   (std::array<bool, 6>{o == 0, o != 0, o<0, o> 0, o <= 0, o >= 0}))
             << a.tv_sec << "." << a.tv_usec << " vs " << b.tv_sec << "." << b.tv_usec;
     }
-}
 
-TEST(UtlTime, PrintsUtcPartsAndKeepsStreamState)
-{
     const timeval t = tv(1700000000, 4567); // 2023-11-14 22:13:20 UTC
     itimerspec its{};
     its.it_value.tv_sec = 1;
     its.it_value.tv_nsec = 500;
     its.it_interval.tv_sec = 2;
-    const std::pair<std::string, const char*> cases[] = {
+    const std::pair<std::string, const char*> texts[] = {
         {text(tv(0, 0)), "01/01/1970 00:00:00.000"},
         {text(tv(1700000000, 123999)), "11/14/2023 22:13:20.123"},
         {text(tv(951782400 + 3 * 3600 + 4 * 60 + 5, 7000)), "02/29/2000 03:04:05.007"},
@@ -80,7 +77,7 @@ TEST(UtlTime, PrintsUtcPartsAndKeepsStreamState)
         {text(timeofday(t)), "22:13:20"},
         {text(precisetimeofday(t)), "22:13:20.004567"},
         {text(its), "it_value[1.500] it_interval[2.0]"}};
-    for (const auto& [got, expected] : cases) EXPECT_EQ(got, expected);
+    for (const auto& [got, expected] : texts) EXPECT_EQ(got, expected);
     std::ostringstream os;
     os << std::hex << std::setfill('*') << std::left << tv(0, 0) << ' ' << monthDay(tv(0, 0)) << ' ' << std::setw(4)
        << 255;

@@ -56,7 +56,7 @@ const std::string STRING_FAILED = "loadDOMFromString: Failed to load XML string 
 
 } // namespace
 
-TEST(UtlXml, LoadsStringsAndReportsEachFailure)
+TEST(UtlXml, LoadsStringsAndFilesAndReportsEachFailure)
 {
     const std::string sixty(60, 'x');
     const std::tuple<std::string, const char*, std::string> cases[] = {
@@ -77,18 +77,14 @@ TEST(UtlXml, LoadsStringsAndReportsEachFailure)
     EXPECT_EQ(UtlXml::getFirstChildElement(nullptr, "Port"), nullptr);
     root = UtlXml::loadDOMFromString(doc, "<Other/>", "Other");
     EXPECT_EQ(root, doc.LastChild()) << "a second load replaces the document";
-}
 
-TEST(UtlXml, LoadsFiles)
-{
     tavro_test::ScopedTempDir dir;
     writeFile("good.xml", "<?xml version=\"1.0\"?>\r\n<Config>\r\n  <Item>a\rb</Item>\r\n</Config>\r\n");
     writeFile("bad.xml", "<Config><Item></Config>");
     writeFile("empty.xml", "");
     writeFile("deep.xml", "<?xml version=\"1.0\"?>" + nested(100000));
 
-    TiXmlDocument doc;
-    TiXmlElement* root = UtlXml::loadDOMFromFile(doc, "good.xml", "Config");
+    root = UtlXml::loadDOMFromFile(doc, "good.xml", "Config");
     EXPECT_STREQ(doc.Value(), "good.xml");
     EXPECT_STREQ(root->FirstChildElement("Item")->GetText(), "a b") << "line ends normalised as TinyXML does";
 
@@ -165,7 +161,7 @@ TEST(UtlXml, LoadPortNum)
     }
 }
 
-TEST(UtlXml, LinksNewNodes)
+TEST(UtlXml, LinksNewNodesAndThrowsAndLogsItsTexts)
 {
     TiXmlDocument doc;
     UtlXml::linkNewDeclaration(&doc, "1.0", "UTF-8", "");
@@ -181,10 +177,7 @@ TEST(UtlXml, LinksNewNodes)
               "<?xml-stylesheet type=\"text/xsl\" href=\"view.xsl?a=1&amp;b=&quot;2&quot;\"?>"
               "<!-- generated --><Root><Name>a&lt;b</Name></Root>");
     EXPECT_EQ(UtlXml::linkNewElement(nullptr, "Orphan"), nullptr) << "freed, not leaked (ASan)";
-}
 
-TEST(UtlXml, ExceptionsTextsAndLogging)
-{
     EXPECT_EQ(xmlError([] { UtlXml::AssertValidNode(nullptr, "TiXmlComment"); }),
               "UtlXml Error: Failed to allocate TiXmlComment TiXmlElement.");
     EXPECT_EQ(xmlError([] { UtlXml::throwUtlXmlException("fn", std::string("as string")); }), "fn: as string");
