@@ -108,29 +108,27 @@ TEST_F(CrDBCmdTest, DataOwnershipCommandCodeAndDestinations)
 // initialisation codes, whether made for a command or received.
 TEST_F(CrDBCmdTest, ResponseKeepsTheOrderFlagOnlyForUpdateCodes)
 {
-    const struct {
-        COMMAND_CODE code;
-        bool keeps;
-    } cases[] = {{CMD_UPDT_INIT, true}, {CMD_UPDATE, true}, {CMD_PKT_CARD_INIT, true}, {CMD_UPDATE_RESTORE, false}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.code);
+    const std::pair<COMMAND_CODE, bool> cases[] = {
+        {CMD_UPDT_INIT, true}, {CMD_UPDATE, true}, {CMD_PKT_CARD_INIT, true}, {CMD_UPDATE_RESTORE, false}};
+    for (const auto& [code, keeps] : cases) {
+        SCOPED_TRACE(code);
         CrCmd cmd;
-        cmd.SetCmdCode(c.code);
+        cmd.SetCmdCode(code);
         cmd.SetSeqNbr(77);
         cmd.SetSourceNet(TCP_POLL);
         cmd.SetMsgAddr(addrs({2, 5}));
         cmd.SetNetworkOrder(true);
         cmd.SetData("xy", 2);
         CrRsp rsp(&cmd);
-        EXPECT_EQ(c.keeps, rsp.isNetworkOrder());
-        EXPECT_EQ("seqNbr[ 77] cmdCode[" + text(c.code) + "] mgrClass[" + text(cmd.GetMgrClass()) +
+        EXPECT_EQ(keeps, rsp.isNetworkOrder());
+        EXPECT_EQ("seqNbr[ 77] cmdCode[" + text(code) + "] mgrClass[" + text(cmd.GetMgrClass()) +
                       "] 1st dstAddr[2] status[RSP_OK] errCode[0]",
                   rsp.toString());
         EXPECT_EQ(addrs({2, 5}), rsp.GetMsgAddr());
         EXPECT_EQ(std::make_tuple(rsp.GetSourceNet(), rsp.GetSize()), std::make_tuple(TCP_POLL, 0));
         ORV_APP_MSG hdr;
         hdr.msgType = MSG_RESPONSE;
-        hdr.cmdCode = c.code;
+        hdr.cmdCode = code;
         hdr.seqNbr = 9;
         hdr.msgStat = RSP_BUSY;
         hdr.appError = std::uint32_t(I_ERR_SWITCH_NOT_FOUND);
@@ -138,8 +136,8 @@ TEST_F(CrDBCmdTest, ResponseKeepsTheOrderFlagOnlyForUpdateCodes)
         unsigned char data[] = {5, 6};
         hdr.setAppSize(sizeof data);
         CrRsp got(MGR_UPDT, &hdr, data);
-        EXPECT_EQ(c.keeps, got.isNetworkOrder());
-        EXPECT_EQ("seqNbr[  9] cmdCode[" + text(c.code) +
+        EXPECT_EQ(keeps, got.isNetworkOrder());
+        EXPECT_EQ("seqNbr[  9] cmdCode[" + text(code) +
                       "] mgrClass[MGR_UPDT] 1st dstAddr[INV] status[RSP_BUSY] errCode[-201]",
                   got.toString());
         EXPECT_EQ(TCP_CLIENT, got.GetSourceNet());
@@ -159,7 +157,6 @@ TEST_F(CrDBCmdTest, AssignmentsArePartial)
     src.SetRspReq(true);
     src.SetMsgAddr(9);
     src.SetData("\4\3\2\1", 4);
-
     CrCmd dst;
     dst.SetCmdCode(CMD_CONN_PORT);
     dst.SetMsgAddr(1);
