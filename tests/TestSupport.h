@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string>
@@ -27,15 +28,12 @@ public:
     }
     ~ScopedTempDir()
     {
-        if (!old_.empty() && chdir(old_.c_str()) != 0) {
-        }
-        std::string cmd = "rm -rf '" + path_ + "'";
-        if (std::system(cmd.c_str()) != 0) {
-        }
+        if (!old_.empty() && chdir(old_.c_str()) != 0) ADD_FAILURE() << "chdir back failed";
+        std::error_code ignored;
+        std::filesystem::remove_all(path_, ignored);
     }
     ScopedTempDir(const ScopedTempDir&) = delete;
     ScopedTempDir& operator=(const ScopedTempDir&) = delete;
-
     const std::string& path() const { return path_; }
 
 private:
@@ -53,8 +51,16 @@ inline std::string readFile(const std::string& path)
 
 inline void writeFile(const std::string& path, const std::string& content)
 {
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << content;
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
+}
+
+// What operator<< writes for v.
+template <typename T>
+std::string text(const T& v)
+{
+    std::ostringstream os;
+    os << v;
+    return os.str();
 }
 
 } // namespace tavro_test

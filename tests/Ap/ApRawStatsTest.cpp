@@ -8,7 +8,7 @@ namespace {
 const std::string HEAD = "2x3 ";
 const std::string ENTRY = "(2 b1 4 8x118)";
 
-TEST(ApRawStats, RecordsHaveTheirWireSizesAndConvertExactlyTheirNumbers)
+TEST(ApRawStats, RecordsAndRepliesConvertExactlyTheNumbersThatAreThere)
 {
     for (const RecordCase& c : {AP_RECORD(I_RAW_STATS_REQ, 2, "2"), AP_RECORD(I_RAW_STATS_HEAD, 6, HEAD),
                                 AP_RECORD(I_RAW_PORT_STATS, 951, ENTRY)})
@@ -16,10 +16,7 @@ TEST(ApRawStats, RecordsHaveTheirWireSizesAndConvertExactlyTheirNumbers)
     EXPECT_EQ(I_RAW_STATS_REPLY::sizeofThis(0), 6u);
     EXPECT_EQ(I_RAW_STATS_REPLY::sizeofThis(2), 1908u);
     EXPECT_EQ(I_RAW_STATS_REPLY::sizeofThis(65535), 6u + 951u * 65535u);
-}
 
-TEST(ApRawStats, ReplyConvertsHeadAndTheEntriesThatAreThere)
-{
     struct Case {
         const char* name;
         std::uint16_t count;

@@ -9,10 +9,16 @@ using namespace apcheck;
 
 namespace {
 
+// Field layouts written from the record declarations, one per record.
+const std::string SUB = "(2 4x4 b1 b1 4x4 b28)";
+const std::string ASSOC = "4 b64 b128 4x4 b1 b1 2 T 4x3 8 8 b1";
+const std::string FIELD = "(b24 2 b1 b1 4 8 8)";
+const std::string FRAME = "(2 2 4 b2040)";
+
 // Patterns whose reversal is +inf, a signalling NaN, a quiet NaN, a denormal
 // or negative zero must come through both float conversions unaltered (the
 // integer widths are covered by every record below).
-TEST(ApSwapPrimitives, FloatsKeepEveryBitPattern)
+TEST(ApRecords, FloatsAndEveryRecordConvertExactlyTheirNumbers)
 {
     for (std::uint32_t bits :
          {0x3F800000u, 0x0000807Fu, 0x0100807Fu, 0x0100C07Fu, 0x01000000u, 0x00000080u, 0x12345678u, 0xFFFFFFFFu}) {
@@ -24,16 +30,7 @@ TEST(ApSwapPrimitives, FloatsKeepEveryBitPattern)
             EXPECT_EQ(getAt<std::uint32_t>(reinterpret_cast<const unsigned char*>(&twice)), bits) << bits;
         }
     }
-}
 
-// Field layouts written from the record declarations, one per record.
-const std::string SUB = "(2 4x4 b1 b1 4x4 b28)";
-const std::string ASSOC = "4 b64 b128 4x4 b1 b1 2 T 4x3 8 8 b1";
-const std::string FIELD = "(b24 2 b1 b1 4 8 8)";
-const std::string FRAME = "(2 2 4 b2040)";
-
-TEST(ApRecords, EveryRecordHasItsWireSizeAndConvertsExactlyItsNumbers)
-{
     const RecordCase cases[] = {
         AP_RECORD(I_PORT_ADDR, 16, "P"),
         AP_RECORD(I_TIME_STAMP, 8, "T"),

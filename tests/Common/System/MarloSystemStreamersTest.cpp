@@ -5,18 +5,19 @@
 #include <iomanip>
 #include <sstream>
 #include <string>
+#include "TestSupport.h"
+
+using tavro_test::text;
 
 namespace {
 
-template <class T>
-std::string text(T code)
-{
-    std::ostringstream os;
-    os << code;
-    return os.str();
-}
+// A known value prints its enumerator; an unknown one names its own type.
+#define ROW(known, TYPE, bad)                                                                                          \
+    {                                                                                                                  \
+        text(known), #known, text(static_cast<TYPE>(bad)), "UNKNOWN " #TYPE "[" #bad "]"                               \
+    }
 
-TEST(MarloSystemStreamers, UseTypePrintsDisplayWordsInsideATraceLine)
+TEST(MarloSystemStreamers, KnownValuesPrintTheirNamesAndUnknownOnesTheirOwnType)
 {
     EXPECT_EQ(text(USE_TYPE_NORMAL) + text(USE_TYPE_TEST) + text(USE_TYPE_MIRROR) + text(USE_TYPE_XSL) +
                   text(USE_TYPE_CLONE) + text(USE_TYPE_ISL),
@@ -27,16 +28,7 @@ TEST(MarloSystemStreamers, UseTypePrintsDisplayWordsInsideATraceLine)
     std::ostringstream os;
     os << std::hex << "port: [" << USE_TYPE_XSL << "][" << static_cast<USE_TYPE>(3) << "] " << 255;
     EXPECT_EQ(os.str(), "port: [xSL][UNKNOWN USE_TYPE[3][0x00000003]] ff");
-}
 
-// A known value prints its enumerator; an unknown one names its own type.
-#define ROW(known, TYPE, bad)                                                                                          \
-    {                                                                                                                  \
-        text(known), #known, text(static_cast<TYPE>(bad)), "UNKNOWN " #TYPE "[" #bad "]"                               \
-    }
-
-TEST(MarloSystemStreamers, OtherTypesPrintEnumeratorNamesAndTheirOwnTypeWhenUnknown)
-{
     const struct {
         std::string known, expectedKnown, unknown, unknownPrefix;
     } cases[] = {ROW(PORT_INTERFACE_QSFP28, PORT_INTERFACE, 11),

@@ -34,40 +34,35 @@ struct FeatureFixture : testing::Test {
 
 } // namespace
 
-TEST_F(FeatureFixture, SettingsAreParsedLineByLine)
+// Each line alone, starting from mask 0x1: a line left at 0x1 that is not
+// empty or a comment must be reported.
+TEST_F(FeatureFixture, LinesAreParsedAloneAndLaterLinesWinAndLateFeaturesGetTheirSetting)
 {
-    const struct {
-        const char* line;
-        std::uint32_t mask; // expected afterwards (starts at 0x1)
-        bool reported;
-    } cases[] = {{"SOCKET=0x00000404", 0x404, false},
-                 {"  socket = connect | wait  ", 0x404, false},
-                 {"SOCKET=1028", 0x404, false},
-                 {"SOCKET=0x4,WAIT  # trailing comment", 0x404, false},
-                 {"SOCKET = 0XFFFFFFFF", 0xFFFFFFFF, false},
-                 {"SOCKET=0", 0, false},
-                 {"# SOCKET=0x4", 0x1, false},
-                 {"", 0x1, false},
-                 {"SOCKET=0x1FFFFFFFF", 0x1, true},
-                 {"SOCKET=BOGUS", 0x1, true},
-                 {"SOCKET=", 0x1, true},
-                 {"SOCKET=0x4 |", 0x1, true},
-                 {"SOCKET=0x", 0x1, true},
-                 {"SOCKET=-4", 0x1, true},
-                 {"SOCKET 0x4", 0x1, true},
-                 {"=0x4", 0x1, true}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.line);
+    const std::pair<const char*, std::uint32_t> cases[] = {{"SOCKET=0x00000404", 0x404},
+                                                           {"  socket = connect | wait  ", 0x404},
+                                                           {"SOCKET=1028", 0x404},
+                                                           {"SOCKET=0x4,WAIT  # trailing comment", 0x404},
+                                                           {"SOCKET = 0XFFFFFFFF", 0xFFFFFFFF},
+                                                           {"SOCKET=0", 0},
+                                                           {"# SOCKET=0x4", 0x1},
+                                                           {"", 0x1},
+                                                           {"SOCKET=0x1FFFFFFFF", 0x1},
+                                                           {"SOCKET=BOGUS", 0x1},
+                                                           {"SOCKET=", 0x1},
+                                                           {"SOCKET=0x4 |", 0x1},
+                                                           {"SOCKET=0x", 0x1},
+                                                           {"SOCKET=-4", 0x1},
+                                                           {"SOCKET 0x4", 0x1},
+                                                           {"=0x4", 0x1}};
+    const std::string prefix = "LoadDebugCfgFile: test.cfg line[1] ";
+    for (const auto& [line, mask] : cases) {
         socketTraceFeature().SetMask(0x1);
-        const std::string out = load(std::string(c.line) + "\n");
-        EXPECT_EQ(socketTraceFeature().Mask(), c.mask);
-        const std::string prefix = "LoadDebugCfgFile: test.cfg line[1] ";
-        EXPECT_EQ(out.substr(0, prefix.size()), c.reported ? prefix : "") << out;
+        const std::string out = load(std::string(line) + "\n");
+        EXPECT_EQ(socketTraceFeature().Mask(), mask) << line;
+        const bool reported = mask == 0x1 && line[0] != '#' && line[0] != 0;
+        EXPECT_EQ(out.substr(0, prefix.size()), reported ? prefix : "") << line << ": " << out;
     }
-}
 
-TEST_F(FeatureFixture, LaterLinesWinBadLinesDoNotStopTheFileAndLateFeaturesGetTheirSetting)
-{
     int applied = 0;
     EXPECT_EQ(load("SOCKET=WAIT\nnonsense\nSOCKET=OPTIONS|RAW\n", &applied),
               "LoadDebugCfgFile: test.cfg line[2] has no '=': [nonsense]\n");
@@ -84,7 +79,7 @@ TEST_F(FeatureFixture, LaterLinesWinBadLinesDoNotStopTheFileAndLateFeaturesGetTh
               "FeatureRegister: feature[Late_Bad] setting [NOPE] ignored: unknown bit or bad number [NOPE]\n");
 }
 
-TEST_F(FeatureFixture, RegistrationIsByNameAndIdsAreStable)
+TEST_F(FeatureFixture, RegistrationIsByNameAndMaskInitReadsTheFileInTheWorkingDirectory)
 {
     EXPECT_EQ(reg().FeatureName(socketTraceFeature().Id()), "SOCKET");
     EXPECT_EQ(reg().Feature("socket"), &socketTraceFeature());
@@ -109,10 +104,7 @@ TEST_F(FeatureFixture, RegistrationIsByNameAndIdsAreStable)
     EXPECT_EQ(d.rfind("SOCKET [0x20000400]\n", 0), 0u) << d;
     EXPECT_NE(d.find("  0x00000400 * WAIT  readiness waits\n"), std::string::npos) << d;
     EXPECT_NE(d.find("  0x00000001   BIND  bind and accept detail\n"), std::string::npos) << d;
-}
 
-TEST_F(FeatureFixture, MaskInitReadsTheFileInTheWorkingDirectory)
-{
     tavro_test::ScopedTempDir dir;
     socketTraceFeature().SetMask(0xFF);
     tavro_test::writeFile("ftrdbgUDBServ.cfg", "# socket trace\nSOCKET=OPTIONS | 0x400\n");

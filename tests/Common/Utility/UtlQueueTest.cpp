@@ -26,6 +26,19 @@ int take(UtlQueue& q)
     return v;
 }
 
+// A queue of the given capacity and its high-water-mark event: the one new
+// event it creates signalled.
+struct Watched {
+    explicit Watched(int capacity) : before(CWinEventHandleSet::s_Set()), q("watched", capacity)
+    {
+        for (CWinEventHandle* e : CWinEventHandleSet::s_Set())
+            if (before.count(e) == 0 && e->signaled()) waterMark = e;
+    }
+    const std::set<CWinEventHandle*> before;
+    UtlQueue q;
+    CWinEventHandle* waterMark = nullptr;
+};
+
 TEST(UtlQueueTest, FirstInFirstOutWithPeekAndOverflow)
 {
     UtlQueue q(std::string("fifo"), 3);
@@ -50,58 +63,47 @@ TEST(UtlQueueTest, FirstInFirstOutWithPeekAndOverflow)
 
 TEST(UtlQueueTest, FullQueueBlocksProducersThenLetsAllWaitingOnesIn)
 {
-    const std::set<CWinEventHandle*> before = CWinEventHandleSet::s_Set();
-    UtlQueue q("soft", 1);
-    // The high-water-mark event is the one new event created signalled.
-    CWinEventHandle* waterMark = nullptr;
-    for (CWinEventHandle* e : CWinEventHandleSet::s_Set())
-        if (before.count(e) == 0 && e->signaled()) waterMark = e;
-    ASSERT_NE(nullptr, waterMark);
-
-    q.AddToQueue(item(1), UtlQueue::RETURN_IF_OVERFLOW);
+    Watched w(1);
+    ASSERT_NE(nullptr, w.waterMark);
+    w.q.AddToQueue(item(1), UtlQueue::RETURN_IF_OVERFLOW);
     std::atomic<int> added{0};
     std::vector<std::thread> producers;
-    for (int v : {2, 3}) producers.emplace_back([&, v] { added += q.AddToQueue(item(v), UtlQueue::WAIT_IF_OVERFLOW); });
-    EXPECT_TRUE(tavro_test::eventually([&] { return waterMark->waiters() == 2; }));
+    for (int v : {2, 3})
+        producers.emplace_back([&, v] { added += w.q.AddToQueue(item(v), UtlQueue::WAIT_IF_OVERFLOW); });
+    EXPECT_TRUE(tavro_test::eventually([&] { return w.waterMark->waiters() == 2; }));
     EXPECT_EQ(0, added.load());
-    EXPECT_EQ(1, take(q));
+    EXPECT_EQ(1, take(w.q));
     // The bound is soft: both woken producers append without a second look.
     const bool bothIn = tavro_test::eventually([&] { return added == 2; });
-    if (!bothIn) take(q); // free the one a strict bound keeps waiting: fail, not hang
+    if (!bothIn) take(w.q); // free the one a strict bound keeps waiting: fail, not hang
     for (auto& t : producers) t.join();
     EXPECT_TRUE(bothIn);
-    EXPECT_EQ(5, take(q) + take(q));
-    EXPECT_TRUE(q.Empty());
+    EXPECT_EQ(5, take(w.q) + take(w.q));
+    EXPECT_TRUE(w.q.Empty());
 }
 
 TEST(UtlQueueTest, TakeAllEmptiesInOrderAndLetsABlockedProducerIn)
 {
-    const std::set<CWinEventHandle*> before = CWinEventHandleSet::s_Set();
-    UtlQueue q("all", 2);
-    CWinEventHandle* waterMark = nullptr;
-    for (CWinEventHandle* e : CWinEventHandleSet::s_Set())
-        if (before.count(e) == 0 && e->signaled()) waterMark = e;
-    ASSERT_NE(nullptr, waterMark);
+    Watched w(2);
+    ASSERT_NE(nullptr, w.waterMark);
     std::vector<void*> out;
-    EXPECT_EQ(0u, q.TakeAll(out));
-    q.AddToQueue(item(1), UtlQueue::RETURN_IF_OVERFLOW);
-    q.AddToQueue(item(2), UtlQueue::RETURN_IF_OVERFLOW);
+    EXPECT_EQ(0u, w.q.TakeAll(out));
+    w.q.AddToQueue(item(1), UtlQueue::RETURN_IF_OVERFLOW);
+    w.q.AddToQueue(item(2), UtlQueue::RETURN_IF_OVERFLOW);
     std::atomic<bool> added{false};
-    std::thread producer([&] { added = q.AddToQueue(item(3), UtlQueue::WAIT_IF_OVERFLOW); });
-    const bool blocked = tavro_test::eventually([&] { return waterMark->waiters() == 1; });
-    EXPECT_TRUE(blocked);
-    EXPECT_EQ(2u, q.TakeAll(out));
+    std::thread producer([&] { added = w.q.AddToQueue(item(3), UtlQueue::WAIT_IF_OVERFLOW); });
+    EXPECT_TRUE(tavro_test::eventually([&] { return w.waterMark->waiters() == 1; }));
+    EXPECT_EQ(2u, w.q.TakeAll(out));
     ASSERT_EQ(2u, out.size());
-    EXPECT_EQ(1, *static_cast<int*>(out[0]));
-    EXPECT_EQ(2, *static_cast<int*>(out[1]));
+    EXPECT_EQ(std::make_pair(1, 2), std::make_pair(*static_cast<int*>(out[0]), *static_cast<int*>(out[1])));
     for (void* p : out) delete static_cast<int*>(p);
     const bool in = tavro_test::eventually([&] { return added.load(); });
-    if (!in) SetEvent(toHandle(waterMark)); // fail, not hang
+    if (!in) SetEvent(toHandle(w.waterMark)); // fail, not hang
     producer.join();
     EXPECT_TRUE(in);
-    EXPECT_TRUE(q.WaitNotEmpty(0));
-    EXPECT_EQ(3, take(q));
-    EXPECT_FALSE(q.WaitNotEmpty(0));
+    EXPECT_TRUE(w.q.WaitNotEmpty(0));
+    EXPECT_EQ(3, take(w.q));
+    EXPECT_FALSE(w.q.WaitNotEmpty(0));
 }
 
 TEST(UtlQueueTest, ConsumerWakesWhenAnItemArrivesAndTimesOutOtherwise)
@@ -118,26 +120,19 @@ TEST(UtlQueueTest, ConsumerWakesWhenAnItemArrivesAndTimesOutOtherwise)
     EXPECT_GE(GetTickCount() - start, 19u);
 }
 
-TEST(UtlQueueTest, BadInputIsReportedOnStandardOutput)
+TEST(UtlQueueTest, BadInputIsReportedAndLeftoversAreFreed)
 {
-    UtlQueue q("bad", 2);
-    EXPECT_EQ("bad", q.Name());
     EXPECT_EQ("", UtlQueue(static_cast<const char*>(nullptr), 1).Name());
+    auto* q = new UtlQueue("bad", 8);
     testing::internal::CaptureStdout();
-    EXPECT_FALSE(q.AddToQueue(nullptr, UtlQueue::RETURN_IF_OVERFLOW));
+    EXPECT_FALSE(q->AddToQueue(nullptr, UtlQueue::RETURN_IF_OVERFLOW));
     EXPECT_EQ("  BAD pointer to queue\n", testing::internal::GetCapturedStdout());
     for (bool remove : {true, false}) {
         testing::internal::CaptureStdout();
-        EXPECT_EQ(nullptr, q.GetNext(remove));
+        EXPECT_EQ(nullptr, q->GetNext(remove));
         EXPECT_EQ("  BAD queue state\n  BAD queue pointer\n", testing::internal::GetCapturedStdout());
     }
-    EXPECT_FALSE(q.WaitNotEmpty(0));
-}
-
-TEST(UtlQueueTest, DestructionFreesLeftoverItems)
-{
     // Leak checking (ASan) fails this test if the items survive the queue.
-    auto* q = new UtlQueue("leftovers", 8);
     for (int i = 0; i < 5; ++i) q->AddToQueue(::operator new(64), UtlQueue::RETURN_IF_OVERFLOW);
     delete q;
 }

@@ -7,16 +7,11 @@
 #include <set>
 #include <sstream>
 #include <string>
+#include "TestSupport.h"
+
+using tavro_test::text;
 
 namespace {
-
-template <class T>
-std::string text(const T& code)
-{
-    std::ostringstream os;
-    os << code;
-    return os.str();
-}
 
 std::string unknown(const std::string& type, int value)
 {
@@ -25,17 +20,14 @@ std::string unknown(const std::string& type, int value)
     return os.str();
 }
 
-TEST(UtlStreamers, UnknownValueShowsDecimalAndEightHexDigits)
+TEST(UtlStreamers, UnknownValueShowsDecimalAndHexAndLeavesCallerFormattingAsItWas)
 {
     const std::pair<int, const char*> cases[] = {{13, "UNKNOWN MGR_CLASS[13][0x0000000d]"},
                                                  {-1, "UNKNOWN MGR_CLASS[-1][0xffffffff]"},
                                                  {INT_MIN, "UNKNOWN MGR_CLASS[-2147483648][0x80000000]"},
                                                  {INT_MAX, "UNKNOWN MGR_CLASS[2147483647][0x7fffffff]"}};
     for (const auto& [value, expected] : cases) EXPECT_EQ(unknown("MGR_CLASS", value), expected);
-}
 
-TEST(UtlStreamers, UnknownValueLeavesCallerFormattingAsItWas)
-{
     std::ostringstream os;
     os << std::oct << std::setfill('#') << std::left << std::showbase << std::uppercase << std::showpos;
     const std::ios_base::fmtflags before = os.flags();
@@ -76,18 +68,6 @@ void checkFamily(const char* typeName, std::initializer_list<std::pair<int, cons
     for (int missing : {0, -1, highest + 1}) EXPECT_EQ(text(Family(missing)), unknown(typeName, missing));
 }
 
-TEST(UtlStreamers, EveryCommandFamilyNamesEachOperationOnce)
-{
-#define TAVRO_TEST_ENTRY(name, value) {value, #name},
-#define TAVRO_TEST_FAMILY(TYPE) checkFamily<TYPE>(#TYPE, {TAVRO_##TYPE##_LIST(TAVRO_TEST_ENTRY)});
-    TAVRO_COMMAND_FAMILIES(TAVRO_TEST_FAMILY)
-#undef TAVRO_TEST_FAMILY
-#undef TAVRO_TEST_ENTRY
-    // Families share numbers; the type alone picks the name.
-    EXPECT_EQ(text(GROUP_CMD(1)) + text(EGRESS_CMD(1)) + text(SNMP_CMD(1)), "GROUP_GETEGRESS_GETSNMP_GET");
-    EXPECT_EQ(text(SNMPAGENT_CMD(4)), "SNMPAGENT_DISABLE");
-}
-
 // Every value of the range has its own name with the type's prefix; the
 // values around it are unknown.
 template <class E>
@@ -104,8 +84,17 @@ void checkRange(const char* type, int last)
     for (int missing : {0, -2, last + 1}) EXPECT_EQ(text(static_cast<E>(missing)), unknown(type, missing));
 }
 
-TEST(UtlStreamers, EventTypesAndActionsHaveDistinctNamesOverTheirWholeRange)
+TEST(UtlStreamers, EveryFamilyAndEventRangeNamesEachValueOnce)
 {
+#define TAVRO_TEST_ENTRY(name, value) {value, #name},
+#define TAVRO_TEST_FAMILY(TYPE) checkFamily<TYPE>(#TYPE, {TAVRO_##TYPE##_LIST(TAVRO_TEST_ENTRY)});
+    TAVRO_COMMAND_FAMILIES(TAVRO_TEST_FAMILY)
+#undef TAVRO_TEST_FAMILY
+#undef TAVRO_TEST_ENTRY
+    // Families share numbers; the type alone picks the name.
+    EXPECT_EQ(text(GROUP_CMD(1)) + text(EGRESS_CMD(1)) + text(SNMP_CMD(1)), "GROUP_GETEGRESS_GETSNMP_GET");
+    EXPECT_EQ(text(SNMPAGENT_CMD(4)), "SNMPAGENT_DISABLE");
+
     checkRange<I_EVENT_TYPE>("I_EVENT_TYPE", 86);
     checkRange<I_EVENT_ACTION>("I_EVENT_ACTION", 13);
     EXPECT_EQ(text(I_EVENT_TYPE_PORT_STATISTICS), "I_EVENT_TYPE_PORT_STATISTICS");

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <functional>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "Common/Utility/UtlSysLog.h"
@@ -36,6 +37,8 @@ struct FakeShell {
 
 const c_inaddr LOCAL, LOOPBACK("127.0.0.1"), PEER("10.0.0.5");
 const std::string SSH = "ssh -t -o StrictHostKeyChecking=no corvid@10.0.0.5";
+const std::string CHECKED = "sudo /bin/sh -c \"if [ -f /x/y ]; then chown corvid:corvid /x/y; fi\"";
+
 bool exists(const std::string& path)
 {
     return access(path.c_str(), F_OK) == 0;
@@ -51,11 +54,9 @@ SYSLOG_REC rec(const char* ip, unsigned short port, ALARM_PRIORITY threshold, bo
     return r;
 }
 
-const std::string CHECKED = "sudo /bin/sh -c \"if [ -f /x/y ]; then chown corvid:corvid /x/y; fi\"";
-
 } // namespace
 
-TEST(UtlSystem, BuildsCommandLines)
+TEST(UtlSystem, BuildsCommandLinesAndDecodesWaitStatus)
 {
     const auto fg = FOREGROUND_SYSTEM_CALL, bg = BACKGROUND_SYSTEM_CALL;
     const auto check = CHANGE_OWNER_MODE_CHECK_FILE_EXIST, nocheck = CHANGE_OWNER_MODE_NO_CHECK;
@@ -66,53 +67,44 @@ TEST(UtlSystem, BuildsCommandLines)
     auto chown2 = [](c_inaddr ip, CHANGE_OWNER_MODE m) {
         return [=] { return changeOwnerToCorvid("/x/", "y", ip, m); };
     };
-    const struct {
-        std::function<int()> call;
-        std::string line;
-    } cases[] = {{sys("ls -l", LOCAL, fg), "ls -l"},
-                 {sys("ls -l", LOOPBACK, bg), "ls -l &"},
-                 {sys("ls -l", PEER, fg), SSH + " 'cd /Tessara/Server; ls -l'"},
-                 {sys("ls -l", PEER, bg), SSH + " 'cd /Tessara/Server; ls -l' &"},
-                 // A command with its own quotes goes as it stands, without the cd.
-                 {sys("echo 'hi' > x", PEER, bg), SSH + " echo 'hi' > x &"},
-                 {sys("ls", c_inaddr("127.0.0.2"), fg),
-                  "ssh -t -o StrictHostKeyChecking=no corvid@127.0.0.2 'cd /Tessara/Server; ls'"},
-                 {chown1(PEER, check), SSH + " '" + CHECKED + "'"},
-                 {chown2(PEER, nocheck), SSH + " 'sudo chown corvid:corvid /x/y'"},
-                 // Locally the shell must see the sudo command, not one quoted word.
-                 {chown2(LOCAL, check), CHECKED},
-                 {chown1(LOOPBACK, nocheck), "sudo chown corvid:corvid /x/y"}};
-    for (const auto& c : cases) {
+    const std::pair<std::function<int()>, std::string> cases[] = {
+        {sys("ls -l", LOCAL, fg), "ls -l"},
+        {sys("ls -l", LOOPBACK, bg), "ls -l &"},
+        {sys("ls -l", PEER, fg), SSH + " 'cd /Tessara/Server; ls -l'"},
+        {sys("ls -l", PEER, bg), SSH + " 'cd /Tessara/Server; ls -l' &"},
+        // A command with its own quotes goes as it stands, without the cd.
+        {sys("echo 'hi' > x", PEER, bg), SSH + " echo 'hi' > x &"},
+        {sys("ls", c_inaddr("127.0.0.2"), fg),
+         "ssh -t -o StrictHostKeyChecking=no corvid@127.0.0.2 'cd /Tessara/Server; ls'"},
+        {chown1(PEER, check), SSH + " '" + CHECKED + "'"},
+        {chown2(PEER, nocheck), SSH + " 'sudo chown corvid:corvid /x/y'"},
+        // Locally the shell must see the sudo command, not one quoted word.
+        {chown2(LOCAL, check), CHECKED},
+        {chown1(LOOPBACK, nocheck), "sudo chown corvid:corvid /x/y"}};
+    for (const auto& [call, line] : cases) {
         FakeShell shell;
-        EXPECT_EQ(c.call(), 0);
-        EXPECT_EQ(shell.lines, std::vector<std::string>{c.line});
+        EXPECT_EQ(call(), 0);
+        EXPECT_EQ(shell.lines, std::vector<std::string>{line});
     }
-}
 
-TEST(UtlSystem, DecodesWaitStatusAndTracesByDebugMode)
-{
+    // The wait status decoded, traced by debug mode.
     const std::string always =
         "tag: ipAddr[0.0.0.0]  LOCAL_CALL_IPADDR [127.0.0.1]  remote[false]\n"
         "tag: bRemote[false]\ntag: Executing [cmd]\n";
-    const struct {
-        int status;
-        SYS_CALL_DEBUG_MODE debug;
-        int result;
-        std::string trace;
-    } cases[] = {// Exit codes and signals through a real shell: RunsRealLocalCommands.
-                 {0, SYS_CALL_DEBUG_ON_ERROR, 0, ""},
-                 {3 << 8, SYS_CALL_NO_DEBUG, 3, ""},
-                 {9, SYS_CALL_NO_DEBUG, -1, ""},
-                 // Low bits 0x7F are a stop, not a signal death; -1: no shell ran.
-                 {0x137F, SYS_CALL_DEBUG_ON_ERROR, -1, "tag: ABNORMAL TERMINATION: rc[4991] from [cmd]\n"},
-                 {-1, SYS_CALL_DEBUG_ON_ERROR, -1, "tag: ABNORMAL TERMINATION: rc[-1] from [cmd]\n"},
-                 {1 << 8, SYS_CALL_DEBUG_ALWAYS, 1, always + "tag ERROR: rc[1] from [cmd]\n"}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.status);
-        FakeShell shell(c.status);
+    const std::tuple<int, SYS_CALL_DEBUG_MODE, int, std::string> statuses[] = {
+        // Exit codes and signals through a real shell: RunsRealLocalCommands.
+        {0, SYS_CALL_DEBUG_ON_ERROR, 0, ""},
+        {3 << 8, SYS_CALL_NO_DEBUG, 3, ""},
+        {9, SYS_CALL_NO_DEBUG, -1, ""},
+        // Low bits 0x7F are a stop, not a signal death; -1: no shell ran.
+        {0x137F, SYS_CALL_DEBUG_ON_ERROR, -1, "tag: ABNORMAL TERMINATION: rc[4991] from [cmd]\n"},
+        {-1, SYS_CALL_DEBUG_ON_ERROR, -1, "tag: ABNORMAL TERMINATION: rc[-1] from [cmd]\n"},
+        {1 << 8, SYS_CALL_DEBUG_ALWAYS, 1, always + "tag ERROR: rc[1] from [cmd]\n"}};
+    for (const auto& [status, debug, result, trace] : statuses) {
+        FakeShell shell(status);
         testing::internal::CaptureStdout();
-        EXPECT_EQ(systemCall("cmd", LOCAL, FOREGROUND_SYSTEM_CALL, c.debug, "tag"), c.result);
-        EXPECT_EQ(testing::internal::GetCapturedStdout(), c.trace);
+        EXPECT_EQ(systemCall("cmd", LOCAL, FOREGROUND_SYSTEM_CALL, debug, "tag"), result) << status;
+        EXPECT_EQ(testing::internal::GetCapturedStdout(), trace) << status;
     }
     FakeShell failing(1 << 8);
     testing::internal::CaptureStdout();
@@ -139,24 +131,20 @@ TEST(UtlSystem, RunsRealLocalCommands)
               "t ERROR: rc[1] from [false]\nt: KILLED BY SIGNAL [ 15 ]: rc[15] from [kill -TERM $$]\n");
 }
 
-TEST(UtlSystem, ReplacesTokens)
+TEST(UtlSystem, ReplacesTokensAndSplitsIpSwitchText)
 {
     tokenreplace_t tokens[] = {{"$H", "sw1"}, {"$P", "$P$P"}, {"ab", "b"}, {"", ""}, {"x", "y"}};
-    const struct {
-        std::string in, out;
-        int count;
-    } cases[] = {
+    const std::tuple<std::string, std::string, int> cases[] = {
         {"$H:$H", "sw1:sw1", 2},
         {"port $P", "port $P$P", 1}, // a replacement is not searched again,
         {"aab", "ab", 1},            // nor what it forms with the text before it
         {"x", "x", 0},               // tokens after the empty one are unused
     };
-    for (const auto& c : cases) {
-        std::string line = c.in;
-        EXPECT_EQ(replaceLineToken(line, tokens), c.count) << c.in;
-        EXPECT_EQ(line, c.out) << c.in;
+    for (const auto& [in, out, count] : cases) {
+        std::string line = in;
+        EXPECT_EQ(replaceLineToken(line, tokens), count) << in;
+        EXPECT_EQ(line, out) << in;
     }
-
     tavro_test::ScopedTempDir dir;
     writeFile("in.cfg", "ip=$H\r\n# $H $H\n\nlast $H");
     ASSERT_TRUE(replaceFileToken("in.cfg", "out.cfg", tokens));
@@ -166,10 +154,7 @@ TEST(UtlSystem, ReplacesTokens)
     EXPECT_FALSE(replaceFileToken("missing.cfg", "x.cfg", tokens));
     EXPECT_FALSE(replaceFileToken("in.cfg", "no/dir/x.cfg", tokens));
     EXPECT_FALSE(exists("x.cfg"));
-}
 
-TEST(UtlSystem, SplitsIpSwitchText)
-{
     char out[IP_SWITCH_STR_MAX + 1][16];
     EXPECT_EQ(GetIpSwitchStr("10.0.0.1, 192.168.001.2;bogus,,255.255.255.255", nullptr, out), 2);
     EXPECT_STREQ(out[1], "255.255.255.255");
@@ -181,7 +166,7 @@ TEST(UtlSystem, SplitsIpSwitchText)
     EXPECT_EQ(out[IP_SWITCH_STR_MAX][0], '#') << "nothing written beyond the documented room";
 }
 
-TEST(UtlSysLog, LookupFallbacks)
+TEST(UtlSysLog, WritesTheForwardingConfigurationAndRestarts)
 {
     EXPECT_STREQ(getSysLogPriorityText(ALARM_PRIORITY_AUDIT_TRAIL_ONLY), "info");
     for (int bad : {-1, 9}) {
@@ -189,10 +174,7 @@ TEST(UtlSysLog, LookupFallbacks)
         EXPECT_STREQ(getSysLogFacilityText(bad), "local0");
         EXPECT_EQ(getSysLogFacility(bad), 128);
     }
-}
 
-TEST(UtlSysLog, WritesTheForwardingConfigurationAndRestarts)
-{
     tavro_test::ScopedTempDir dir;
     const std::string cfg = dir.path() + "/Tessara.conf";
     utl_system_internal::setSysLogCfgPaths(cfg, dir.path() + "/");

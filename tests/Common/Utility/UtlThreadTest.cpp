@@ -3,7 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <vector>
+#include <atomic>
 
 #include "Common/OS/Linux/PlatformTestSupport.h"
 
@@ -11,21 +11,17 @@ namespace {
 
 constexpr unsigned P = 1000;
 
-TEST(PacemakerTest, ClockCountsSixHundredMicrosecondStepsTimesSixteen)
+TEST(PacemakerTest, ClockAndStepsSkipOrCatchUp)
 {
-    const struct {
-        long long ticks;
-        unsigned clk;
-    } cases[] = {{0, 0}, {299, 0}, {300, 16}, {899, 16}, {900, 32}, {600000, 16000}};
-    for (const auto& c : cases) EXPECT_EQ(c.clk, pacemakerClock(c.ticks)) << c.ticks;
+    const std::pair<long long, unsigned> clocks[] = {{0, 0},    {299, 0},  {300, 16},
+                                                     {899, 16}, {900, 32}, {600000, 16000}};
+    for (const auto& [ticks, clk] : clocks) EXPECT_EQ(clk, pacemakerClock(ticks)) << ticks;
     // Across the 32-bit wrap the differences stay exact.
     const long long wrap = (1LL << 32) / 16 * 600;
     for (long long t = wrap - 3000; t < wrap + 3000; t += 600)
         EXPECT_EQ(16u, pacemakerClock(t + 600) - pacemakerClock(t)) << t;
-}
 
-TEST(PacemakerTest, SingleSteps)
-{
+    // Single steps; the later rows are the steps of late runs.
     const struct {
         const char* what;
         unsigned now, start, due;
@@ -36,7 +32,15 @@ TEST(PacemakerTest, SingleSteps)
                  {"woke before due", 900, 900, 1000, PACEMAKER_CATCHUP_MODE, 1100, 2000, 0},
                  {"exactly one period late", 2000, 1000, 1000, PACEMAKER_CATCHUP_MODE, 0, 2000, 1000},
                  {"one period late, skip", 2000, 1000, 1000, PACEMAKER_SKIP_MODE, 0, 2000, 1000},
-                 {"late past the wrap", 500, 0xFFFFFF00u, 0xFFFFFF00u, PACEMAKER_CATCHUP_MODE, 244, 0x2E8, 756}};
+                 {"late past the wrap", 500, 0xFFFFFF00u, 0xFFFFFF00u, PACEMAKER_CATCHUP_MODE, 244, 0x2E8, 756},
+                 // 3.5 or 2.3 periods late: the sleep ends on the next period boundary.
+                 {"skip 3.5 periods", 8500, 5000, 5000, PACEMAKER_SKIP_MODE, 500, 9000, 3500},
+                 {"skip 2.3 periods", 7300, 5000, 5000, PACEMAKER_SKIP_MODE, 700, 8000, 2300},
+                 {"after skipping", 8200, 8000, 8000, PACEMAKER_SKIP_MODE, 800, 9000, 200},
+                 // Actions follow back to back until caught up, the last sleeps to the boundary.
+                 {"catch up 3.5 periods", 8500, 5000, 5000, PACEMAKER_CATCHUP_MODE, 0, 6000, 3500},
+                 {"still behind", 8500, 8500, 7000, PACEMAKER_CATCHUP_MODE, 0, 8000, 0},
+                 {"caught up", 8500, 8500, 8000, PACEMAKER_CATCHUP_MODE, 500, 9000, 0}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
         const PacemakerStep s = pacemakerStep(c.now, c.start, c.due, P, c.mode);
@@ -44,36 +48,6 @@ TEST(PacemakerTest, SingleSteps)
         EXPECT_EQ(c.nextDue, s.nextDue);
         EXPECT_EQ(c.took, s.took);
     }
-}
-
-// Runs the pacemaker over actions of the given durations on a fake clock and
-// returns the sleep after each action.
-std::vector<unsigned> simulate(PACEMAKER_MODE mode, const std::vector<unsigned>& durations, unsigned t0 = 5000)
-{
-    std::vector<unsigned> sleeps;
-    unsigned clk = t0, due = t0;
-    for (unsigned d : durations) {
-        const unsigned start = clk;
-        clk += d;
-        const PacemakerStep s = pacemakerStep(clk, start, due, P, mode);
-        sleeps.push_back(s.sleep);
-        clk += s.sleep;
-        due = s.nextDue;
-    }
-    return sleeps;
-}
-
-TEST(PacemakerTest, LateActionIsSkippedOrCaughtUp)
-{
-    const struct {
-        PACEMAKER_MODE mode;
-        std::vector<unsigned> durations, sleeps;
-    } cases[] = {// 3.5 periods: the sleep ends on the next period boundary (t0 + 4P).
-                 {PACEMAKER_SKIP_MODE, {3500, 0, 0}, {500, 1000, 1000}},
-                 {PACEMAKER_SKIP_MODE, {2300, 200}, {700, 800}},
-                 // Three actions follow back to back, the third sleeps to the boundary.
-                 {PACEMAKER_CATCHUP_MODE, {3500, 0, 0, 0, 0}, {0, 0, 0, 500, 1000}}};
-    for (const auto& c : cases) EXPECT_EQ(c.sleeps, simulate(c.mode, c.durations)) << c.mode << "/" << c.durations[0];
 }
 
 class CountingThread : public PeriodicThread {
@@ -102,24 +76,18 @@ private:
     std::atomic<int> count_{0};
 };
 
-TEST(PeriodicThreadTest, NameIsPaddedToFifteenCharacters)
+TEST(PeriodicThreadTest, NameIsPaddedAndActionsRunUntilShutdown)
 {
-    const struct {
-        const char *in, *name, *thread;
-    } cases[] = {{"TenLetters", "TenLetters", "P-TenLetters   "},
-                 {nullptr, "Periodic", "P-Periodic     "},
-                 {"AVeryLongPeriodicName", "AVeryLongPeriodicName", "P-AVeryLongPeri"}};
+    const char* const cases[][3] = {{"TenLetters", "TenLetters", "P-TenLetters   "},
+                                    {nullptr, "Periodic", "P-Periodic     "},
+                                    {"AVeryLongPeriodicName", "AVeryLongPeriodicName", "P-AVeryLongPeri"}};
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        CountingThread t(c.in, PACEMAKER_SKIP_MODE);
-        EXPECT_EQ(c.name, t.Name());
-        EXPECT_STREQ(c.thread, t.GetThreadName());
+        CountingThread t(c[0], PACEMAKER_SKIP_MODE);
+        EXPECT_EQ(c[1], t.Name());
+        EXPECT_STREQ(c[2], t.GetThreadName());
         EXPECT_EQ(0x40000u, t.GetStackSize());
     }
-}
 
-TEST(PeriodicThreadTest, RunsActionsUntilShutdown)
-{
     for (PACEMAKER_MODE mode : {PACEMAKER_CATCHUP_MODE, PACEMAKER_SKIP_MODE}) {
         tavro_test::Events e(2, TRUE);
         auto* t = new CountingThread("count", mode, e.h[0], e.h[1]);

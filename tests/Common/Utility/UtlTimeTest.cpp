@@ -15,7 +15,11 @@
 #include <thread>
 #include <tuple>
 
+#include "TestSupport.h"
+
 // No debug writer runs in this process, so trace lines go straight to stdout.
+
+using tavro_test::text;
 
 namespace {
 
@@ -25,14 +29,6 @@ timeval tv(long s, long us)
     t.tv_sec = s;
     t.tv_usec = us;
     return t;
-}
-
-template <typename T>
-std::string text(const T& v)
-{
-    std::ostringstream os;
-    os << v;
-    return os.str();
 }
 
 // Reads a time stamp (in the local time of the zone given); the trace it wrote.
@@ -53,33 +49,26 @@ void countSignal(int)
     g_signals.fetch_add(1);
 }
 
-} // namespace
-
-TEST(UtlTime, ComparisonOrdersBySecondsThenMicroseconds)
+TEST(UtlTime, ComparisonAndUtcText)
 {
-    const struct {
-        timeval a, b;
-        int order; // sign of a - b
-    } cases[] = {{tv(5, 10), tv(5, 10), 0},     {tv(5, 10), tv(5, 11), -1},
-                 {tv(5, 999999), tv(6, 0), -1}, {tv(6, 0), tv(5, 999999), 1},
-                 {tv(-1, 0), tv(0, 0), -1},     {tv(-1, 500), tv(-1, 100), 1},
-                 {tv(0, -5), tv(0, 0), -1},     {tv(0x7fffffff, 0), tv(-0x7fffffff, 0), 1}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(&c - cases);
-        const int o = c.order; // == != < > <= >=
-        EXPECT_EQ((std::array<bool, 6>{c.a == c.b, c.a != c.b, c.a<c.b, c.a> c.b, c.a <= c.b, c.a >= c.b}),
-                  (std::array<bool, 6>{o == 0, o != 0, o<0, o> 0, o <= 0, o >= 0}));
+    const std::tuple<timeval, timeval, int> cases[] = {
+        // sign of a - b
+        {tv(5, 10), tv(5, 10), 0},     {tv(5, 10), tv(5, 11), -1},
+        {tv(5, 999999), tv(6, 0), -1}, {tv(6, 0), tv(5, 999999), 1},
+        {tv(-1, 0), tv(0, 0), -1},     {tv(-1, 500), tv(-1, 100), 1},
+        {tv(0, -5), tv(0, 0), -1},     {tv(0x7fffffff, 0), tv(-0x7fffffff, 0), 1}};
+    for (const auto& [a, b, o] : cases) {
+        EXPECT_EQ((std::array<bool, 6>{a == b, a != b, a<b, a> b, a <= b, a >= b}),
+                  (std::array<bool, 6>{o == 0, o != 0, o<0, o> 0, o <= 0, o >= 0}))
+            << a.tv_sec << "." << a.tv_usec << " vs " << b.tv_sec << "." << b.tv_usec;
     }
-}
 
-TEST(UtlTime, PrintsUtcPartsAndKeepsStreamState)
-{
     const timeval t = tv(1700000000, 4567); // 2023-11-14 22:13:20 UTC
     itimerspec its{};
     its.it_value.tv_sec = 1;
     its.it_value.tv_nsec = 500;
     its.it_interval.tv_sec = 2;
-    const std::pair<std::string, const char*> cases[] = {
+    const std::pair<std::string, const char*> texts[] = {
         {text(tv(0, 0)), "01/01/1970 00:00:00.000"},
         {text(tv(1700000000, 123999)), "11/14/2023 22:13:20.123"},
         {text(tv(951782400 + 3 * 3600 + 4 * 60 + 5, 7000)), "02/29/2000 03:04:05.007"},
@@ -88,15 +77,14 @@ TEST(UtlTime, PrintsUtcPartsAndKeepsStreamState)
         {text(timeofday(t)), "22:13:20"},
         {text(precisetimeofday(t)), "22:13:20.004567"},
         {text(its), "it_value[1.500] it_interval[2.0]"}};
-    for (const auto& [got, expected] : cases) EXPECT_EQ(got, expected);
-
+    for (const auto& [got, expected] : texts) EXPECT_EQ(got, expected);
     std::ostringstream os;
     os << std::hex << std::setfill('*') << std::left << tv(0, 0) << ' ' << monthDay(tv(0, 0)) << ' ' << std::setw(4)
        << 255;
     EXPECT_EQ(os.str(), "01/01/1970 00:00:00.000 01/01 ff**");
 }
 
-TEST(UtlTime, TextRoundTripsInUtcAndIsReadAsLocalTime)
+TEST(UtlTime, TextIsReadAsLocalTimeAndOnlyAnEarlyEndIsReported)
 {
     timeval v{};
     EXPECT_EQ(parse(text(tv(1700000000, 123000)) + "\n", v), "");
@@ -109,15 +97,10 @@ TEST(UtlTime, TextRoundTripsInUtcAndIsReadAsLocalTime)
     // Printed in UTC, read back as wall-clock time five hours behind it.
     parse(text(tv(1700000000, 0)), v, "EST5");
     EXPECT_EQ(v, tv(1700000000 + 5 * 3600, 0));
-}
 
-TEST(UtlTime, BadOrShortLinesLeaveZeroAndOnlyAnEarlyEndIsReported)
-{
+    // Bad or short lines leave zero.
     const std::string early = "operator>>: Failed to read [";
-    const struct {
-        const char* line;
-        std::string trace;
-    } cases[] = {
+    const std::pair<const char*, std::string> cases[] = {
         {"13/01/2020 00:00:00.000", ""},
         {"00/01/2020 00:00:00.000", ""},
         {"01/00/2020 00:00:00.000", ""},
@@ -133,15 +116,13 @@ TEST(UtlTime, BadOrShortLinesLeaveZeroAndOnlyAnEarlyEndIsReported)
         {"11/14", early + "YEAR] timestamp element at position[2] and ending with delimiter[ ]\n"},
         {"11/14/2023 22:13", early + "SEC] timestamp element at position[5] and ending with delimiter[.]\n"},
         {"11/14/2023 22:13:20.", early + "USEC] timestamp element at position[6] and ending with delimiter[\n]\n"}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.line);
-        timeval v{};
-        EXPECT_EQ(parse(c.line, v), c.trace);
-        EXPECT_EQ(v, tv(0, 0));
+    for (const auto& [line, trace] : cases) {
+        EXPECT_EQ(parse(line, v), trace) << line;
+        EXPECT_EQ(v, tv(0, 0)) << line;
     }
 }
 
-TEST(UtlTime, GmtimeConvertsAndRejectsNullAndUptimeIsKnown)
+TEST(UtlTime, GmtimeUptimeAndMicrosleepTrace)
 {
     tm out{};
     const long t = 1700000000;
@@ -152,14 +133,10 @@ TEST(UtlTime, GmtimeConvertsAndRejectsNullAndUptimeIsKnown)
     EXPECT_EQ(out.tm_mday, 0) << "cleared";
     EXPECT_EQ(GMTIME(&t, nullptr), nullptr);
     EXPECT_GT(get_uptime(), 0);
-}
 
-TEST(UtlTime, MicrosleepZeroReturnsAtOnceAndTraceShowsTheTicks)
-{
     const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(microsleep(0), 0);
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(100));
-
     testing::internal::CaptureStdout();
     EXPECT_EQ(microsleep2(1000, false), 0);
     EXPECT_EQ(microsleep2(1000, true), 0);
@@ -177,11 +154,9 @@ TEST(UtlTime, MicrosleepResumesAfterSignals)
 {
     struct sigaction sa {};
     struct sigaction old {};
-    sa.sa_handler = countSignal;
+    sa.sa_handler = countSignal; // no SA_RESTART: nanosleep must see EINTR
     sigemptyset(&sa.sa_mask);
-    sa.sa_flags = 0; // no SA_RESTART: nanosleep must see EINTR
     ASSERT_EQ(sigaction(SIGUSR2, &sa, &old), 0);
-
     std::atomic<bool> done{false};
     std::atomic<int> rc{-2};
     std::chrono::steady_clock::duration slept{};
@@ -202,3 +177,5 @@ TEST(UtlTime, MicrosleepResumesAfterSignals)
     EXPECT_GE(slept, std::chrono::milliseconds(200));
     EXPECT_GE(g_signals.load(), 2);
 }
+
+} // namespace

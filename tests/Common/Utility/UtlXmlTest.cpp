@@ -6,7 +6,7 @@
 #include <random>
 #include <sstream>
 #include <string>
-#include <utility>
+#include <tuple>
 #include <vector>
 
 #include "Common/Utility/UtlXmlGuard.h"
@@ -34,12 +34,6 @@ std::string fromString(const std::string& xml, const char* root = "Config")
     return xmlError([&] { UtlXml::loadDOMFromString(doc, xml.c_str(), root); });
 }
 
-std::string fromFile(const char* path, const char* root = "Config")
-{
-    TiXmlDocument doc;
-    return xmlError([&] { UtlXml::loadDOMFromFile(doc, path, root); });
-}
-
 std::string nested(unsigned depth)
 {
     std::string open, close;
@@ -47,20 +41,14 @@ std::string nested(unsigned depth)
     return open + close;
 }
 
-// Element nesting of the tree TinyXML built, walked without recursion. TinyXML
-// links every element it started, even when parsing then failed, so this is
-// the number of Element::Parse frames it had on the stack at once.
-unsigned treeDepth(const TiXmlNode* doc)
+// Element nesting of the tree TinyXML built. TinyXML links every element it
+// started, even when parsing then failed, so this is the number of
+// Element::Parse frames it had on the stack at once.
+unsigned treeDepth(const TiXmlNode* node)
 {
     unsigned deepest = 0;
-    std::vector<std::pair<const TiXmlNode*, unsigned>> todo{{doc, 0}};
-    while (!todo.empty()) {
-        auto [node, depth] = todo.back();
-        todo.pop_back();
-        deepest = std::max(deepest, depth);
-        for (const TiXmlNode* c = node->FirstChild(); c; c = c->NextSibling())
-            todo.emplace_back(c, depth + (c->ToElement() ? 1 : 0));
-    }
+    for (const TiXmlNode* c = node->FirstChild(); c; c = c->NextSibling())
+        deepest = std::max(deepest, treeDepth(c) + (c->ToElement() ? 1 : 0));
     return deepest;
 }
 
@@ -68,21 +56,18 @@ const std::string STRING_FAILED = "loadDOMFromString: Failed to load XML string 
 
 } // namespace
 
-TEST(UtlXml, LoadsStringsAndReportsEachFailure)
+TEST(UtlXml, LoadsStringsAndFilesAndReportsEachFailure)
 {
     const std::string sixty(60, 'x');
-    const struct {
-        std::string xml;
-        const char* root;
-        std::string error;
-    } cases[] = {{"<?xml version=\"1.0\"?><Config/>", "Config", ""},
-                 {"<Config/>", nullptr, ""},
-                 {"", "Config", STRING_FAILED + "]."},
-                 {"<Config><a>", "Config", STRING_FAILED + "<Config><a>]."},
-                 {"<Config>" + sixty + "</Conf>", "Config", STRING_FAILED + "<Config>" + sixty.substr(0, 42) + "]."},
-                 {"<!-- no element -->", "Config", "getRootElement: Missing XML root."},
-                 {"<config/>", "Config", "getRootElement: XML root is not an Config element."}};
-    for (const auto& c : cases) EXPECT_EQ(fromString(c.xml, c.root), c.error) << c.xml;
+    const std::tuple<std::string, const char*, std::string> cases[] = {
+        {"<?xml version=\"1.0\"?><Config/>", "Config", ""},
+        {"<Config/>", nullptr, ""},
+        {"", "Config", STRING_FAILED + "]."},
+        {"<Config><a>", "Config", STRING_FAILED + "<Config><a>]."},
+        {"<Config>" + sixty + "</Conf>", "Config", STRING_FAILED + "<Config>" + sixty.substr(0, 42) + "]."},
+        {"<!-- no element -->", "Config", "getRootElement: Missing XML root."},
+        {"<config/>", "Config", "getRootElement: XML root is not an Config element."}};
+    for (const auto& [xml, root, error] : cases) EXPECT_EQ(fromString(xml, root), error) << xml;
     TiXmlDocument doc;
     EXPECT_EQ(xmlError([&] { UtlXml::loadDOMFromString(doc, nullptr, "Config"); }), STRING_FAILED + "].");
 
@@ -92,27 +77,25 @@ TEST(UtlXml, LoadsStringsAndReportsEachFailure)
     EXPECT_EQ(UtlXml::getFirstChildElement(nullptr, "Port"), nullptr);
     root = UtlXml::loadDOMFromString(doc, "<Other/>", "Other");
     EXPECT_EQ(root, doc.LastChild()) << "a second load replaces the document";
-}
 
-TEST(UtlXml, LoadsFiles)
-{
     tavro_test::ScopedTempDir dir;
     writeFile("good.xml", "<?xml version=\"1.0\"?>\r\n<Config>\r\n  <Item>a\rb</Item>\r\n</Config>\r\n");
     writeFile("bad.xml", "<Config><Item></Config>");
     writeFile("empty.xml", "");
     writeFile("deep.xml", "<?xml version=\"1.0\"?>" + nested(100000));
 
-    TiXmlDocument doc;
-    TiXmlElement* root = UtlXml::loadDOMFromFile(doc, "good.xml", "Config");
+    root = UtlXml::loadDOMFromFile(doc, "good.xml", "Config");
     EXPECT_STREQ(doc.Value(), "good.xml");
     EXPECT_STREQ(root->FirstChildElement("Item")->GetText(), "a b") << "line ends normalised as TinyXML does";
 
     testing::internal::CaptureStdout();
     for (const char* path : {"bad.xml", "empty.xml", "missing.xml", ".", "deep.xml"})
-        EXPECT_EQ(fromFile(path), std::string("loadDOMFromFile: Failed to load file[") + path + "].");
+        EXPECT_EQ(xmlError([&] { UtlXml::loadDOMFromFile(doc, path, "Config"); }),
+                  std::string("loadDOMFromFile: Failed to load file[") + path + "].");
     EXPECT_EQ(testing::internal::GetCapturedStdout(),
               "loadDOMFromFile: XML nesting or attribute count beyond limits in [deep.xml]\n");
-    EXPECT_EQ(fromFile("good.xml", "Other"), "getRootElement: XML root is not an Other element.");
+    EXPECT_EQ(xmlError([&] { UtlXml::loadDOMFromFile(doc, "good.xml", "Other"); }),
+              "getRootElement: XML root is not an Other element.");
 }
 
 TEST(UtlXml, HostileStringsFailCleanly)
@@ -127,20 +110,12 @@ TEST(UtlXml, HostileStringsFailCleanly)
     // 100000 levels would overflow the stack inside TinyXML; they are refused.
     const std::string deep = nested(100000), tooDeep = nested(MAX_XML_DEPTH + 1);
     const std::string wide = withAttributes(MAX_XML_ATTRIBUTES + 1);
-    const struct {
-        std::string xml, error;
-        bool traced;
-    } cases[] = {{deep, STRING_FAILED + deep.substr(0, 50) + "].", true},
-                 {tooDeep, STRING_FAILED + tooDeep.substr(0, 50) + "].", true},
-                 {nested(MAX_XML_DEPTH), "", false},
-                 {wide, STRING_FAILED + wide.substr(0, 50) + "].", true},
-                 {withAttributes(MAX_XML_ATTRIBUTES), "", false}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(&c - cases);
+    for (const std::string& xml : {deep, tooDeep, wide, nested(MAX_XML_DEPTH), withAttributes(MAX_XML_ATTRIBUTES)}) {
+        const bool refused = xml == deep || xml == tooDeep || xml == wide;
         testing::internal::CaptureStdout();
-        EXPECT_EQ(fromString(c.xml, "a"), c.error);
+        EXPECT_EQ(fromString(xml, "a"), refused ? STRING_FAILED + xml.substr(0, 50) + "]." : "");
         EXPECT_EQ(testing::internal::GetCapturedStdout(),
-                  c.traced ? "loadDOMFromString: XML nesting or attribute count beyond limits\n" : "");
+                  refused ? "loadDOMFromString: XML nesting or attribute count beyond limits\n" : "");
     }
 
     const std::string big(4 << 20, 'v');
@@ -157,39 +132,36 @@ TEST(UtlXml, HostileStringsFailCleanly)
 
 TEST(UtlXml, LoadPortNum)
 {
-    const struct {
-        const char* value; // nullptr: attribute missing
-        unsigned char swId;
-        PORT_NUM expected; // INVALID_PORT_NUM: must throw
-    } cases[] = {{"1.2.3", 0, PORT_NUM(0x00000102u)},
-                 {"1.2.3", 5, PORT_NUM(0x05000102u)},
-                 {" 8.12.255 ", 0, PORT_NUM(0x00070BFEu)},
-                 {"ALL", 5, PORT_NUM::ALL_PORT_NUMS},
-                 {"9.1.1", 0, PORT_NUM()},
-                 {"1.13.1", 0, PORT_NUM()},
-                 {"1.x.3", 0, PORT_NUM()},
-                 {"", 0, PORT_NUM()},
-                 {nullptr, 0, PORT_NUM()}};
+    // A null value: the attribute is missing; an invalid port number: must throw.
+    const std::tuple<const char*, unsigned char, PORT_NUM> cases[] = {{"1.2.3", 0, PORT_NUM(0x00000102u)},
+                                                                      {"1.2.3", 5, PORT_NUM(0x05000102u)},
+                                                                      {" 8.12.255 ", 0, PORT_NUM(0x00070BFEu)},
+                                                                      {"ALL", 5, PORT_NUM::ALL_PORT_NUMS},
+                                                                      {"9.1.1", 0, PORT_NUM()},
+                                                                      {"1.13.1", 0, PORT_NUM()},
+                                                                      {"1.x.3", 0, PORT_NUM()},
+                                                                      {"", 0, PORT_NUM()},
+                                                                      {nullptr, 0, PORT_NUM()}};
     const std::string prefix = "loadPortNum: Invalid XML file.  A port number element[Port] ";
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.value ? c.value : "(missing)");
+    for (const auto& [value, swId, expected] : cases) {
+        SCOPED_TRACE(value ? value : "(missing)");
         TiXmlElement elem("Port");
-        if (c.value) elem.SetAttribute("num", c.value);
+        if (value) elem.SetAttribute("num", value);
         PORT_NUM port;
         bool valid = false;
-        const std::string error = xmlError([&] { valid = UtlXml::loadPortNum(&elem, "num", port, c.swId); });
-        if (c.expected != PORT_NUM::INVALID_PORT_NUM) {
+        const unsigned char sw = swId;
+        const std::string error = xmlError([&] { valid = UtlXml::loadPortNum(&elem, "num", port, sw); });
+        if (expected != PORT_NUM::INVALID_PORT_NUM) {
             EXPECT_TRUE(valid && error.empty());
-            EXPECT_EQ(port, c.expected);
-        } else if (c.value) {
-            EXPECT_EQ(error, prefix + "has an invalid attribute[num] value[" + c.value + "].");
+            EXPECT_EQ(port, expected);
         } else {
-            EXPECT_EQ(error, prefix + "is missing the attribute[num].");
+            EXPECT_EQ(error, prefix + (value ? "has an invalid attribute[num] value[" + std::string(value) + "]."
+                                             : "is missing the attribute[num]."));
         }
     }
 }
 
-TEST(UtlXml, LinksNewNodes)
+TEST(UtlXml, LinksNewNodesAndThrowsAndLogsItsTexts)
 {
     TiXmlDocument doc;
     UtlXml::linkNewDeclaration(&doc, "1.0", "UTF-8", "");
@@ -205,10 +177,7 @@ TEST(UtlXml, LinksNewNodes)
               "<?xml-stylesheet type=\"text/xsl\" href=\"view.xsl?a=1&amp;b=&quot;2&quot;\"?>"
               "<!-- generated --><Root><Name>a&lt;b</Name></Root>");
     EXPECT_EQ(UtlXml::linkNewElement(nullptr, "Orphan"), nullptr) << "freed, not leaked (ASan)";
-}
 
-TEST(UtlXml, ExceptionsTextsAndLogging)
-{
     EXPECT_EQ(xmlError([] { UtlXml::AssertValidNode(nullptr, "TiXmlComment"); }),
               "UtlXml Error: Failed to allocate TiXmlComment TiXmlElement.");
     EXPECT_EQ(xmlError([] { UtlXml::throwUtlXmlException("fn", std::string("as string")); }), "fn: as string");
@@ -235,7 +204,6 @@ TEST(UtlXml, ExceptionsTextsAndLogging)
 // whenever TinyXML accepts a document of known encoding.
 TEST(UtlXmlGuard, NeverUnderestimatesRandomDocuments)
 {
-    // Fragments, separated by '|'.
     std::vector<std::string> fragments;
     std::istringstream pieces(
         "<a>|<a x='1'>|<b y=\"&#x41;\">|</a>|</b>|<c/>|text| |\x0A|<!-- </a> -->|"
