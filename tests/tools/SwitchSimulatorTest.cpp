@@ -189,7 +189,7 @@ TEST_F(SwitchSimulatorTest, StatusPerCodeRefusedStatsRequestsAndStopWithClientsC
     EXPECT_TRUE(sim.openConnections().empty());
 }
 
-TEST_F(SwitchSimulatorTest, DropsEveryNthAnswerAndDelaysInOrder)
+TEST_F(SwitchSimulatorTest, DropsEveryNthAnswer)
 {
     switchsim::Options o;
     o.faults.dropEvery = 2;
@@ -198,12 +198,6 @@ TEST_F(SwitchSimulatorTest, DropsEveryNthAnswerAndDelaysInOrder)
     for (std::uint32_t seq = 1; seq <= 5; ++seq) cl.send(frame(false, kCmd, 10002, seq, 1, 25));
     for (std::uint32_t seq : {1u, 3u, 5u}) EXPECT_EQ(frame(false, kRsp, 10002, seq, 0, 1), cl.readFrame(false));
     EXPECT_EQ(2u, sim.counters().answersDropped);
-
-    sim.setFaults({false, 30, 0, 0});
-    const auto t0 = std::chrono::steady_clock::now();
-    for (std::uint32_t seq = 6; seq <= 8; ++seq) cl.send(frame(false, kCmd, 10002, seq, 1, 25));
-    for (std::uint32_t seq = 6; seq <= 8; ++seq) EXPECT_EQ(frame(false, kRsp, 10002, seq, 0, 1), cl.readFrame(false));
-    EXPECT_GE(std::chrono::steady_clock::now() - t0, 30ms);
 }
 
 TEST_F(SwitchSimulatorTest, ClosesAfterNFramesAndOnABadHeader)
@@ -226,27 +220,6 @@ TEST_F(SwitchSimulatorTest, ClosesAfterNFramesAndOnABadHeader)
     EXPECT_TRUE(bad.seesClose());
     EXPECT_TRUE(sim.waitFor([&] { return sim.counters().badHeaders == 1; }, 5s));
     EXPECT_EQ(2u, sim.counters().framesReceived);
-}
-
-TEST_F(SwitchSimulatorTest, HeartbeatGoesInTheClientsOrderAndItsAnswerIsMatched)
-{
-    for (bool rev : {false, true}) {
-        SCOPED_TRACE(rev);
-        switchsim::Options o;
-        o.heartbeatMs = 5;
-        start(o);
-        Client cl(sim.snmpPort());
-        cl.send(linkTest(rev));
-        const Bytes hb = cl.readFrame(rev);
-        ASSERT_EQ(40u, hb.size());
-        const auto seq = std::uint32_t(word(hb, 20, 4, rev));
-        EXPECT_EQ(frame(rev, kCmd, 40010, seq, 1, 1), hb);
-        cl.send(frame(rev, kRsp, 40010, seq + 1000, 0, 25)); // answers nothing
-        cl.send(frame(rev, kRsp, 40010, seq, 0, 25));
-        EXPECT_TRUE(sim.waitFor([&] { return sim.counters().answered >= 1; }, 5s));
-        EXPECT_EQ(1u, sim.counters().unexpectedResponses);
-        sim.stop();
-    }
 }
 
 } // namespace
