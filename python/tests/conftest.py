@@ -52,9 +52,9 @@ class Simulator:
                 return None
             time.sleep(0.02)
 
-    def expect(self, pattern: str, since: int = 0, timeout: float = WAIT_S):
-        m = self.wait_for(pattern, since, timeout)
-        assert m, f"no simulator line matching {pattern!r} within {timeout} s:\n{self.transcript()[-3000:]}"
+    def expect(self, pattern: str, since: int = 0):
+        m = self.wait_for(pattern, since)
+        assert m, f"no simulator line matching {pattern!r}:\n{self.transcript()[-3000:]}"
         return m
 
     def stop(self) -> None:

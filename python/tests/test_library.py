@@ -72,10 +72,10 @@ def test_closing_a_switch_keeps_handlers_another_one_replaced():
     from tavro.switch import _handlers
 
     def first(c, p):
-        return None
+        pass
 
     def second(c, p):
-        return None
+        pass
 
     a, b = tavro.Switch(), tavro.Switch()
     a.register_handler(tavro.Command.CMD_TEST_18, first)
