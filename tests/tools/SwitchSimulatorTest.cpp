@@ -222,4 +222,14 @@ TEST_F(SwitchSimulatorTest, ClosesAfterNFramesAndOnABadHeader)
     EXPECT_EQ(2u, sim.counters().framesReceived);
 }
 
+// The capture itself is read back by tshark in the dissector's tests.
+TEST_F(SwitchSimulatorTest, AnUnwritableCaptureFileIsReported)
+{
+    switchsim::Options o;
+    o.pcap = "/nonexistent-dir/x.pcap";
+    std::string error;
+    EXPECT_FALSE(sim.start(o, &error));
+    EXPECT_NE(error.find("/nonexistent-dir/x.pcap"), std::string::npos) << error;
+}
+
 } // namespace
