@@ -21,12 +21,13 @@ WAIT_S = 20.0  # bound on every wait for the simulator
 class Simulator:
     """A running tavro-switchsim; its transcript (one flushed line per event) goes to a file."""
 
-    def __init__(self, *args: str) -> None:
-        program = os.environ.get("TAVRO_SWITCHSIM")
-        if not program:
+    def __init__(self, *args: str, command: list[str] | None = None) -> None:
+        """command: the simulator program with any emulator before it; by default TAVRO_SWITCHSIM."""
+        if not command and not os.environ.get("TAVRO_SWITCHSIM"):
             pytest.skip("TAVRO_SWITCHSIM does not name the simulator (run through ctest)")
         self.log = tempfile.NamedTemporaryFile("w+", prefix="switchsim-", suffix=".log")
-        self.proc = subprocess.Popen([program, *args], stdout=self.log, stderr=subprocess.STDOUT)
+        self.proc = subprocess.Popen([*(command or [os.environ["TAVRO_SWITCHSIM"]]), *args], stdout=self.log,
+                                     stderr=subprocess.STDOUT)
         if not self.wait_for(r"^tavro-switchsim: listening on", allow_exit=True):
             self.stop()
             pytest.fail("the simulator did not start:\n" + self.transcript())
