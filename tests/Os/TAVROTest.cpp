@@ -240,12 +240,7 @@ TEST_F(Api, CommandWithoutResponse)
         const void* data;
         unsigned size;
         std::size_t bytes; // 0: refused by the router
-    } cases[] = {
-        // clang-format off
-        {data.data(), 5, 45}, {data.data(), 0, 40}, {nullptr, 0, 40}, {data.data(), MAX_TCP_MSG_SIZE, 0},
-        {data.data(), 0xFFFFFFFFu, 0},
-        // clang-format on
-    };
+    } cases[] = {{data.data(), 5, 45}, {nullptr, 0, 40}, {data.data(), 0xFFFFFFFFu, 0}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.size);
         const std::size_t before = sw.sentCount();
