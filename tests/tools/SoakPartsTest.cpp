@@ -119,25 +119,6 @@ TEST(SoakPhaseCheck, TheSwitchsCountsAndTheHandledOnesMustAgree)
     }
 }
 
-TEST(SoakLedger, CountsEachSequenceNumberOncePerSimulatorRun)
-{
-    soak::SwitchLedger ledger;
-    const std::uint64_t before = soak::violations().count();
-    ledger.record(CMD_HEARTBEAT, 1);
-    ledger.record(CMD_HEARTBEAT, 2);
-    ledger.record(CMD_DEVICE_STATE_UPDATE, 2); // the same command again
-    EXPECT_EQ(soak::violations().count() - before, 1u);
-    const soak::LedgerTally first = ledger.rotate();
-    EXPECT_EQ(first.handled, 2u);
-    EXPECT_EQ(first.duplicates, 1u);
-    // A new simulator numbers from 1 again.
-    ledger.record(CMD_HEARTBEAT, 1);
-    EXPECT_EQ(soak::violations().count() - before, 1u);
-    EXPECT_EQ(ledger.rotate().handled, 1u);
-    EXPECT_EQ(ledger.total().handled, 3u);
-    EXPECT_EQ(ledger.total().duplicates, 1u);
-}
-
 // Long runs also delay past the time-out and combine faults.
 TEST(SoakSchedule, EveryRunCoversTheWholeTimeAndEveryFault)
 {
@@ -239,13 +220,6 @@ TEST(SoakResources, GrowthCountsOnlyOnceWarmAndPastTheSlack)
     EXPECT_EQ(w.first().threads, 12u);
     EXPECT_EQ(w.peakThreads(), 40u);
     EXPECT_EQ(w.last().descriptors, 5u);
-}
-
-TEST(SoakResources, SamplesThisProcess)
-{
-    soak::ResourceSample s;
-    ASSERT_TRUE(soak::sampleResources(s));
-    EXPECT_TRUE(s.rssBytes > 0 && s.threads >= 1 && s.descriptors >= 3) << "standard input, output and error";
 }
 
 // A stand-in for the simulator: prints the start line and, on SIGTERM, the
