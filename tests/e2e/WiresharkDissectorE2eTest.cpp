@@ -223,10 +223,7 @@ protected:
             } fields[] = {
                 {"order", p.order, orderText(f.order)},
                 {"manager", p.manager, std::to_string(f.manager)},
-                {"msgtype", p.msgtype, hex(f.msgType)},
                 {"cmd", p.cmd, std::to_string(f.cmdCode)},
-                {"seq", p.seq, std::to_string(f.seqNbr)},
-                {"status", p.stat, std::to_string(f.msgStat)},
                 {"src", p.src, std::to_string(f.srcAddr)},
                 {"apperr", p.apperr, std::to_string(std::int32_t(f.appError))},
                 {"appsize", p.appsize, std::to_string(f.appSize)},
@@ -314,8 +311,24 @@ TEST_F(Dissector, LibraryTrafficAndItsRawStatisticsDecodeAsTheSimulatorSawThem)
 
 // A plain client: a link test and a frame in one write, a frame in the other
 // byte order over three writes, then one with a flag and a size that disagree.
-TEST_F(Dissector, PackedSplitAndFlaggedFramesFromAPlainClient)
+// Then headers the library refuses, each on a connection of its own (the
+// simulator closes on them): flagged, and whatever followed in the segment
+// goes too.
+TEST_F(Dissector, PackedSplitFlaggedAndRefusedFramesFromPlainClients)
 {
+    const struct {
+        std::uint32_t marker, size;
+        std::size_t bytes;
+        const char *info, *filter, *message;
+    } refused[] = {
+        {0x21444142, 28, 40, "Bad marker 0x42414421", "tavro.bad_marker", // "BAD!" as bytes
+         "Not a frame start: marker 0x42414421 (40 bytes dropped)"},
+        {lp::kMarker, 0, 20, "Bad size 0", "tavro.bad_size", "Size 0: the application header is missing"},
+        {lp::kMarker, 0x7FFFFFFF, 40, "Bad size 2147483647", "tavro.bad_size",
+         "Size 2147483647 exceeds the library's 2559936-byte receive buffer"},
+        {lp::kMarker, 20, 32, "Short frame", "tavro.short_frame",
+         "Size 20 leaves no room for the 28-byte application header"},
+    };
     startSim(false, 0);
     lp::Peer client;
     ASSERT_TRUE(client.connectTo(kPcePort));
@@ -347,11 +360,20 @@ TEST_F(Dissector, PackedSplitAndFlaggedFramesFromAPlainClient)
     flagged.sizeOverride = 0x80000000u | 29;
     flagged.appSizeOverride = 2;
     write(flagged.encode(lp::Order::Big));
+    for (const auto& c : refused) {
+        lp::Peer other;
+        ASSERT_TRUE(other.connectTo(kPcePort));
+        lp::Bytes b;
+        for (std::uint32_t w : {c.marker, 1u, c.size}) lp::putWord(b, w, lp::Order::Little);
+        b.resize(c.bytes, 0xEE);
+        ASSERT_TRUE(other.write(b));
+        ASSERT_TRUE(other.seesClose()) << c.info;
+    }
     sim.stop();
 
     const std::vector<Pdu> pdus = decode();
-    ASSERT_EQ(pdus.size(), 5u) << "link test, three commands and an answer";
-    expectFramesMatchTheSimulator(pdus);
+    ASSERT_EQ(pdus.size(), 5u + std::size(refused)) << "link test, three commands, an answer, refused headers";
+    expectFramesMatchTheSimulator(std::vector<Pdu>(pdus.begin(), pdus.begin() + 5));
     // Two frames of one packet share it and its info line.
     EXPECT_EQ(pdus[0].packet, pdus[1].packet);
     EXPECT_EQ(pdus[1].order, "big-endian");
@@ -367,43 +389,13 @@ TEST_F(Dissector, PackedSplitAndFlaggedFramesFromAPlainClient)
     EXPECT_NE(tree.find("Payload: 0506070809"), std::string::npos);
     EXPECT_NE(tree.find("Payload size 2, but the frame carries 1 bytes"), std::string::npos);
     EXPECT_EQ(tree.find("Lua Error"), std::string::npos);
-}
-
-// Headers the library refuses, each on a connection of its own (the simulator
-// closes on them): flagged, and whatever followed in the segment goes too.
-TEST_F(Dissector, RefusedHeadersAreFlaggedAsErrors)
-{
-    const struct {
-        std::uint32_t marker, size;
-        std::size_t bytes;
-        const char *info, *filter, *message;
-    } cases[] = {
-        {0x21444142, 28, 40, "Bad marker 0x42414421", "tavro.bad_marker", // "BAD!" as bytes
-         "Not a frame start: marker 0x42414421 (40 bytes dropped)"},
-        {lp::kMarker, 0, 20, "Bad size 0", "tavro.bad_size", "Size 0: the application header is missing"},
-        {lp::kMarker, 0x7FFFFFFF, 40, "Bad size 2147483647", "tavro.bad_size",
-         "Size 2147483647 exceeds the library's 2559936-byte receive buffer"},
-        {lp::kMarker, 20, 32, "Short frame", "tavro.short_frame",
-         "Size 20 leaves no room for the 28-byte application header"},
-    };
-    startSim(false, 0);
-    for (const auto& c : cases) {
-        lp::Peer client;
-        ASSERT_TRUE(client.connectTo(kPcePort));
-        lp::Bytes b;
-        for (std::uint32_t w : {c.marker, 1u, c.size}) lp::putWord(b, w, lp::Order::Little);
-        b.resize(c.bytes, 0xEE);
-        ASSERT_TRUE(client.write(b));
-        ASSERT_TRUE(client.seesClose()) << c.info;
-    }
-    sim.stop();
-
-    const auto got = lines(tshark("-r " + pcap + " -Y tavro -T fields -e _ws.col.Info -e _ws.expert.message"));
-    ASSERT_EQ(got.size(), std::size(cases));
+    const auto got = lines(tshark("-r " + pcap + " -Y 'tavro.bad_marker || tavro.bad_size || tavro.short_frame'" +
+                                  " -T fields -e _ws.col.Info -e _ws.expert.message"));
+    ASSERT_EQ(got.size(), std::size(refused));
     for (std::size_t i = 0; i < got.size(); ++i) {
-        EXPECT_EQ(got[i], std::string(cases[i].info) + '\t' + cases[i].message);
-        EXPECT_EQ(lines(tshark("-r " + pcap + " -Y " + cases[i].filter)).size(),
-                  std::string(cases[i].filter) == "tavro.bad_size" ? 2u : 1u);
+        EXPECT_EQ(got[i], std::string(refused[i].info) + '\t' + refused[i].message);
+        EXPECT_EQ(lines(tshark("-r " + pcap + " -Y " + refused[i].filter)).size(),
+                  std::string(refused[i].filter) == "tavro.bad_size" ? 2u : 1u);
     }
 }
 
