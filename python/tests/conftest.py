@@ -1,9 +1,5 @@
-"""Shared fixtures: the switch simulator as a child process.
-
-TAVRO_SWITCHSIM names the tavro-switchsim program (ctest sets it). The
-simulator listens on the switch's fixed ports, so only one test module at a
-time may run one (ctest's RESOURCE_LOCK tavro_service_ports).
-"""
+"""The switch simulator as a child process, on the switch's fixed ports: one
+test module at a time may run one (ctest's RESOURCE_LOCK tavro_service_ports)."""
 from __future__ import annotations
 
 import os
