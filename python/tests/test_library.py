@@ -22,10 +22,6 @@ def run(tmp_path, code, env=None, timeout=60):
                           capture_output=True, text=True, timeout=timeout)
 
 
-def test_version_of_the_loaded_library_is_the_package_version():
-    assert ".".join(map(str, tavro.library_version())) == tavro.__version__
-
-
 @pytest.mark.parametrize("env, code, message", [
     ({"TAVRO_LIBRARY": "/nonexistent/libTAVRO.so"}, "tavro.library_version()",
      "cannot load libTAVRO.so; tried /nonexistent/libTAVRO.so"),
@@ -72,10 +68,10 @@ def test_closing_a_switch_keeps_handlers_another_one_replaced():
     from tavro.switch import _handlers
 
     def first(c, p):
-        return None
+        pass
 
     def second(c, p):
-        return None
+        pass
 
     a, b = tavro.Switch(), tavro.Switch()
     a.register_handler(tavro.Command.CMD_TEST_18, first)

@@ -1,6 +1,6 @@
 #pragma once
 
-// A switch stand-in behind a real route: records every frame the router
+// A session stand-in behind a real route: records every frame the router
 // hands it and, if told to, answers through the tracker as a session would.
 #include <pthread.h>
 
@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "Common/OS/OsThread.h"
 #include "Cr/CrDBCmd.h"
 #include "Cr/CrDBTracker.h"
 #include "Cr/CrOrvMsg.h"
@@ -36,17 +37,33 @@ struct Frame {
     }
 };
 
+// A session thread that only counts how often it is told to stop.
+class CountingThread : public OsThread {
+public:
+    CountingThread() : OsThread("fake", 0x20000) {}
+    BOOL SignalShutdown() override
+    {
+        ++signals;
+        return TRUE;
+    }
+    std::atomic<int> signals{0};
+};
+
 class FakeSwitch : public IRouteTableEntry {
 public:
     // Called on the sender's thread after the frame was recorded.
     using Reply = std::function<void(FakeSwitch&, const Frame&)>;
 
-    explicit FakeSwitch(int id) : id(id) {}
+    explicit FakeSwitch(int id, bool active = true) : id(id), active(active) { setWorkerThread(&thread); }
 
     int GetClientId() override { return id; }
-    bool ActiveMgmt() override { return true; }
+    bool ActiveMgmt() override { return active.load(); }
+    SWITCH_CTL* GetSwitchCtl() override { return describe ? &ctl : nullptr; }
     bool TcpSend(TCP_BD* chain) override
     {
+        ++sends;
+        lastChain = chain;
+        if (chain == nullptr) return sendResult;
         Frame f;
         for (TCP_BD* bd = chain; bd != nullptr; bd = bd->pNextBD) {
             if (++f.pieces == 3) f.payloadPiece = bd->pBuf;
@@ -95,10 +112,19 @@ public:
         std::unique_lock<std::mutex> g(lock);
         return arrived.wait_for(g, std::chrono::seconds(30), [&] { return frames.size() >= n; });
     }
+    // Makes the calling thread the session's own thread.
+    void ownedByThisThread() { setMyThread(pthread_self()); }
+    int signals() const { return thread.signals.load(); }
 
     const int id;
+    std::atomic<bool> active;
     std::atomic<bool> sendResult{true};
+    std::atomic<int> sends{0};
+    std::atomic<TCP_BD*> lastChain{nullptr};
     Reply reply;
+    CountingThread thread;
+    SWITCH_CTL ctl;
+    bool describe = false;
 
 private:
     std::mutex lock;
@@ -113,7 +139,7 @@ public:
     Routed(RouteTable& table, FakeSwitch& sw, const char* ip = nullptr)
         : table(table), ip(c_inaddr(ip ? std::string(ip) : "10.0.0." + std::to_string(sw.id))), id(sw.id)
     {
-        sw.setMyThread(pthread_self());
+        sw.ownedByThisThread();
         table.AddRoute(this->ip, id, &sw);
     }
     ~Routed() { table.DeleteRoute(ip, id, nullptr); }
@@ -124,5 +150,11 @@ public:
     const c_inaddr ip;
     const int id;
 };
+
+// Address word of dotted text, as GetIpMgmt takes it.
+inline int ipWord(const char* dotted)
+{
+    return static_cast<int>(c_inaddr(dotted).s_addr);
+}
 
 } // namespace fake_switch

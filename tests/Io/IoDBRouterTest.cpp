@@ -30,8 +30,7 @@ SlaveAddr addrs(const std::vector<int>& list)
 struct RouterTest : testing::Test {
     void SetUp() override
     {
-        UDBControl::ResetStaticsForTest();
-        tavro_internal::resetRouteTableSeams();
+        TearDown();
         tavro_internal::routeTableSeams().maxDrainWaits = 0;
     }
     void TearDown() override
@@ -182,17 +181,16 @@ TEST_F(RouterTest, PayloadPieceIsLinkedOnlyWithSizeAndDataAndHeadersFollowTheOrd
 TEST_F(RouterTest, ClientAddressSendsEveryDestinationThroughThatRoute)
 {
     FakeSwitch swA(1), swB(2);
-    Routed ra(swi, swA, "10.0.0.1"), rb(swi, swB, "10.0.0.2");
-    CrCmd cmd;
-    cmd.SetCmdCode(CMD_CONN_PORT);
-    cmd.SetMsgAddr(addrs({1, 2, 3}));
-    cmd.SetClient(int(c_inaddr("10.0.0.2").s_addr));
-    EXPECT_EQ(router.SendCmd(&cmd), 0);
-    EXPECT_EQ(swA.sentCount(), 0u);
-    EXPECT_EQ(swB.sentCount(), 3u);
-    // Without a client, each number finds its own switch; 3 has none.
-    cmd.SetClient(0);
-    EXPECT_EQ(router.SendCmd(&cmd), 0);
+    Routed ra(swi, swA), rb(swi, swB);
+    for (int client : {int(c_inaddr("10.0.0.2").s_addr), 0}) {
+        // Without a client, each number finds its own switch; 3 has none.
+        EXPECT_EQ(send(false,
+                       [&](Message& m) {
+                           m.SetMsgAddr(addrs({1, 2, 3}));
+                           static_cast<CrCmd&>(m).SetClient(client);
+                       }),
+                  0);
+    }
     EXPECT_EQ(swA.sentCount(), 1u);
     EXPECT_EQ(swB.sentCount(), 4u);
 }

@@ -9,13 +9,13 @@
 #include <vector>
 
 #include "Io/IoDBRouter.h"
-#include "Io/RouteTestSupport.h"
+#include "Io/FakeSwitch.h"
 
 #if defined(__SANITIZE_ADDRESS__)
 #include <sanitizer/lsan_interface.h>
 #endif
 
-using namespace route_test;
+using namespace fake_switch;
 
 namespace {
 
@@ -38,7 +38,7 @@ std::string traced(F f)
 
 struct Routes : testing::Test {
     RouteTable swi{TCP_CLIENT}, api{TCP_SERVER}, poll{TCP_POLL};
-    std::deque<FakeEntry> entries;
+    std::deque<FakeSwitch> entries;
 
     void SetUp() override
     {
@@ -58,7 +58,7 @@ struct Routes : testing::Test {
         tavro_internal::routeTableSeams().maxDrainWaits = 0;
         for (bool again = true; again;) {
             again = false;
-            for (FakeEntry& e : entries)
+            for (FakeSwitch& e : entries)
                 if (NET_SOCKET* r = e.getNetSocket()) {
                     RouteTable& t = r->type == TCP_SERVER ? api : r->type == TCP_POLL ? poll : swi;
                     e.ownedByThisThread();
@@ -67,7 +67,7 @@ struct Routes : testing::Test {
         }
         tavro_internal::resetRouteTableSeams();
     }
-    FakeEntry& make(int id, bool active = true) { return entries.emplace_back(id, active); }
+    FakeSwitch& make(int id, bool active = true) { return entries.emplace_back(id, active); }
 };
 
 } // namespace
@@ -80,12 +80,12 @@ TEST_F(Routes, LogLinesOfAddingAndRemovingPerTable)
                                  "R723",      "R732", "R732s", "R721_R", "OPTICAL", "HYBRID", "OTHER_VENDOR"};
     for (int m = 0; m < SW_MODEL_NUM_MODELS; ++m) EXPECT_STREQ(switchModelName(m), names[m]) << m;
     for (int m : {-1, 14, 1000}) EXPECT_STREQ(switchModelName(m), "UNDEFINED");
-    FakeEntry& plain = make(3);
-    FakeEntry& r700 = make(4);
-    FakeEntry& later = make(5);
-    FakeEntry& client = make(7);
-    FakeEntry& poller = make(8);
-    FakeEntry& again = make(5);
+    FakeSwitch& plain = make(3);
+    FakeSwitch& r700 = make(4);
+    FakeSwitch& later = make(5);
+    FakeSwitch& client = make(7);
+    FakeSwitch& poller = make(8);
+    FakeSwitch& again = make(5);
     r700.describe = later.describe = true;
     r700.ctl.swiType = SW_TYPE_R700;
     r700.ctl.swiModel = SW_MODEL_R723;
@@ -108,7 +108,7 @@ TEST_F(Routes, LogLinesOfAddingAndRemovingPerTable)
 
     // Own removals by address, by number (logged with the number), from the
     // API table, and an own route replaced by a duplicate add.
-    for (FakeEntry& e : entries) e.ownedByThisThread();
+    for (FakeSwitch& e : entries) e.ownedByThisThread();
     EXPECT_EQ(traced([&] {
                   EXPECT_EQ(swi.DeleteRoute(kIp, 3, plain.getNetSocket()), 1);
                   EXPECT_EQ(swi.DeleteRoute(4), 1);
@@ -125,7 +125,7 @@ TEST_F(Routes, LogLinesOfAddingAndRemovingPerTable)
               " ROUT: R700 switch [192.0.2.30] removed from Switch routing table\n"
               " ROUT: for [N5xx] switch ID[5], Model[UNDEFINED] added to routing table with IP[192.0.2.30] and "
               "IP[0.0.0.0]\n");
-    for (FakeEntry* e : {&plain, &r700, &client, &later}) EXPECT_EQ(e->signals(), 1);
+    for (FakeSwitch* e : {&plain, &r700, &client, &later}) EXPECT_EQ(e->signals(), 1);
     EXPECT_TRUE(g_sleeps.empty()); // no uses to wait for
     EXPECT_EQ(swi.RouteCount(), 1u);
     EXPECT_EQ(swi.GetIpMgmt(ipWord("192.0.2.30")), again.getNetSocket());
@@ -133,10 +133,15 @@ TEST_F(Routes, LogLinesOfAddingAndRemovingPerTable)
     EXPECT_EQ(plain.signals(), 1);
 }
 
-TEST_F(Routes, LookupsCountUsesAndDoneGivesThemBack)
+TEST_F(Routes, LookupsCountUsesAndSkipInactiveManagersAndRoutesWithoutEntry)
 {
-    FakeEntry& e = make(3);
-    traced([&] { swi.AddRoute(kIp, 3, &e, kIp2); });
+    FakeSwitch& standby = make(3, false);
+    FakeSwitch& e = make(3);
+    traced([&] {
+        swi.AddRoute(kOther, 3, &standby);
+        swi.AddRoute(kIp, 3, &e, kIp2);
+        swi.AddRoute(c_inaddr("192.0.2.12"), 3, nullptr);
+    });
     NET_SOCKET* r = e.getNetSocket();
     EXPECT_EQ(swi.GetIoMgmt(3), r);
     EXPECT_EQ(swi.GetIpMgmt(kIpWord), r);
@@ -152,28 +157,17 @@ TEST_F(Routes, LookupsCountUsesAndDoneGivesThemBack)
     EXPECT_EQ(swi.GetClientIp(3).toString(), "192.0.2.10");
     EXPECT_EQ(swi.GetClientIp(9).toString(), "0.0.0.0");
     EXPECT_EQ(swi.UseCount(r), 0); // GetClientIp gave its use back
-}
 
-TEST_F(Routes, LookupByNumberSkipsInactiveManagersAndRoutesWithoutEntry)
-{
-    FakeEntry& standby = make(3, false);
-    FakeEntry& active = make(3);
-    traced([&] {
-        swi.AddRoute(kIp, 3, &standby);
-        swi.AddRoute(kOther, 3, &active);
-        swi.AddRoute(kIp2, 3, nullptr);
-    });
-    EXPECT_EQ(swi.GetIoMgmt(3), active.getNetSocket());
-    active.active = false;
+    e.active = false;
     EXPECT_EQ(swi.GetIoMgmt(3), nullptr);
     standby.active = true;
     EXPECT_EQ(swi.GetIoMgmt(3), standby.getNetSocket());
     // Without an entry a route is found by address only, and never removed
     // or condemned: nothing could ever free it.
-    NET_SOCKET* bare = swi.GetIpMgmt(ipWord("192.0.2.11"));
+    NET_SOCKET* bare = swi.GetIpMgmt(ipWord("192.0.2.12"));
     ASSERT_NE(bare, nullptr);
-    EXPECT_EQ(swi.DeleteRoute(kIp2, 3, nullptr), 0);
-    EXPECT_EQ(swi.GetIpMgmt(ipWord("192.0.2.11")), bare);
+    EXPECT_EQ(swi.DeleteRoute(c_inaddr("192.0.2.12"), 3, nullptr), 0);
+    EXPECT_EQ(swi.GetIpMgmt(ipWord("192.0.2.12")), bare);
 #if defined(__SANITIZE_ADDRESS__)
     __lsan_ignore_object(bare);
 #endif
@@ -181,8 +175,8 @@ TEST_F(Routes, LookupByNumberSkipsInactiveManagersAndRoutesWithoutEntry)
 
 TEST_F(Routes, ForeignRemovalCondemnsAndSignalsOnce)
 {
-    FakeEntry& e = make(3);
-    FakeEntry& other = make(4);
+    FakeSwitch& e = make(3);
+    FakeSwitch& other = make(4);
     traced([&] {
         swi.AddRoute(kIp, 3, &e);
         swi.AddRoute(kOther, 4, &other);
@@ -205,9 +199,9 @@ TEST_F(Routes, ForeignRemovalCondemnsAndSignalsOnce)
     EXPECT_TRUE(r->markDelete);
     EXPECT_TRUE(r->doneShutdown);
     EXPECT_EQ(swi.GetIoMgmt(3), nullptr);
-    EXPECT_EQ(swi.GetIpMgmt(kIpWord), nullptr);
     EXPECT_EQ(swi.UseCount(r), 0); // a hidden route counts no use
     EXPECT_EQ(swi.RouteCount(), 2u);
+
     // The session's own thread frees it on the way out, without a second signal.
     e.ownedByThisThread();
     traced([&] { EXPECT_EQ(swi.DeleteRoute(kIp, 3, r), 1); });
@@ -217,8 +211,8 @@ TEST_F(Routes, ForeignRemovalCondemnsAndSignalsOnce)
 
 TEST_F(Routes, OwnRemovalWaitsForUsesToDrainAtMost300Seconds)
 {
-    FakeEntry& e = make(3);
-    FakeEntry& stuck = make(4);
+    FakeSwitch& e = make(3);
+    FakeSwitch& stuck = make(4);
     traced([&] {
         swi.AddRoute(kIp, 3, &e);
         swi.AddRoute(kOther, 4, &stuck);
@@ -252,8 +246,8 @@ TEST_F(Routes, OwnRemovalWaitsForUsesToDrainAtMost300Seconds)
 
 TEST_F(Routes, CondemnedRouteHidesALaterLiveOneUntilFreed)
 {
-    FakeEntry& old = make(3);
-    FakeEntry& fresh = make(3);
+    FakeSwitch& old = make(3);
+    FakeSwitch& fresh = make(3);
     traced([&] {
         swi.AddRoute(kIp, 3, &old);
         swi.AddRoute(kIp, 3, &fresh); // old is another thread's: condemned
@@ -276,9 +270,9 @@ TEST_F(Routes, CondemnedRouteHidesALaterLiveOneUntilFreed)
 
 TEST_F(Routes, HandlesPickTheTableSendAndGiveTheUseBack)
 {
-    FakeEntry& s = make(3);
-    FakeEntry& a = make(3);
-    FakeEntry& p = make(3);
+    FakeSwitch& s = make(3);
+    FakeSwitch& a = make(3);
+    FakeSwitch& p = make(3);
     traced([&] {
         swi.AddRoute(kIp, 3, &s);
         api.AddRoute(kIp, 3, &a);
@@ -287,7 +281,7 @@ TEST_F(Routes, HandlesPickTheTableSendAndGiveTheUseBack)
     IoRouter router(&api, &swi, &poll);
     const struct {
         TCP_TYPE type;
-        FakeEntry* expected;
+        FakeSwitch* expected;
         RouteTable* table;
     } cases[] = {{TCP_SERVER, &a, &api},
                  {TCP_POLL, &p, &poll},

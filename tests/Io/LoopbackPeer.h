@@ -13,6 +13,8 @@
 #include <cstring>
 #include <vector>
 
+#include "support/PlainSocketIo.h"
+
 namespace loopback_peer {
 
 using Bytes = std::vector<std::uint8_t>;
@@ -32,20 +34,15 @@ inline Order orderOf(bool reversed)
     return (hostOrder() == Order::Big) != reversed ? Order::Big : Order::Little;
 }
 
-inline unsigned shiftOf(unsigned i, Order o, unsigned width)
-{
-    return o == Order::Big ? 8 * (width - 1 - i) : 8 * i;
-}
-
 inline void putWord(Bytes& out, std::uint64_t v, Order o, unsigned width = 4)
 {
-    for (unsigned i = 0; i < width; ++i) out.push_back(std::uint8_t(v >> shiftOf(i, o, width)));
+    for (unsigned i = 0; i < width; ++i) out.push_back(std::uint8_t(v >> 8 * (o == Order::Big ? width - 1 - i : i)));
 }
 
 inline std::uint64_t getWord(const std::uint8_t* p, Order o, unsigned width = 4)
 {
     std::uint64_t v = 0;
-    for (unsigned i = 0; i < width; ++i) v |= std::uint64_t(p[i]) << shiftOf(i, o, width);
+    for (unsigned i = 0; i < width; ++i) v |= std::uint64_t(p[i]) << 8 * (o == Order::Big ? width - 1 - i : i);
     return v;
 }
 
@@ -163,15 +160,7 @@ public:
         f.insert(f.end(), body.begin(), body.end());
         return f;
     }
-    bool write(const Bytes& b)
-    {
-        for (std::size_t off = 0; off < b.size();) {
-            const ssize_t w = ::send(cfd, b.data() + off, b.size() - off, MSG_NOSIGNAL);
-            if (w <= 0) return false;
-            off += std::size_t(w);
-        }
-        return true;
-    }
+    bool write(const Bytes& b) { return writeAll(cfd, b.data(), b.size()); }
     // True once the other end closed (EOF within 30 s).
     bool seesClose()
     {

@@ -1,21 +1,18 @@
-// The library as an application sees it: only the installed headers and
-// libTAVRO.so, against the switch simulator on both service ports. Each test
-// is a process of its own under ctest and pays the first connect's 2 s once.
+// The request call as an application sees it: only the installed headers and
+// libTAVRO.so, against the switch simulator. Handlers, raw statistics and
+// the session's byte orders are tested against the library's own objects and
+// through the Python binding, which loads the same libTAVRO.so.
 #include <TAVRO/TAVRO.h>
 #include <TAVRO/TAVRORequest.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <mutex>
 #include <string>
-#include <thread>
-#include <vector>
+#include <tuple>
 
 #include "SwitchSimulator.h"
 
@@ -25,10 +22,6 @@ using switchsim::SimFrame;
 using switchsim::SwitchSimulator;
 
 namespace {
-
-constexpr auto kWait = std::chrono::seconds(30);
-constexpr std::uint32_t kCmd = 0x434D443A;   // "CMD:"
-constexpr std::uint32_t kSnmpAgentAddr = 25; // the source address of everything this service sends
 
 class World : public testing::Environment {
 public:
@@ -57,150 +50,6 @@ public:
 
 World* const g_world = static_cast<World*>(testing::AddGlobalTestEnvironment(new World));
 
-SwitchSimulator& sim()
-{
-    return g_world->sim;
-}
-
-std::mutex g_handlerLock;
-std::vector<Bytes> g_handled;
-
-void answeringHandler(COMMAND_CODE, const void* data, uint32_t size, CrRsp* rsp)
-{
-    const auto* p = static_cast<const std::uint8_t*>(data);
-    {
-        std::lock_guard<std::mutex> g(g_handlerLock);
-        g_handled.emplace_back(p, p + size);
-    }
-    const std::uint8_t answer[2] = {0x0A, 0x0B};
-    I_TAVRO_SetResponseStatus(rsp, RSP_BUSY);
-    I_TAVRO_SetResponseData(rsp, answer, sizeof answer);
-}
-
-class SwitchApi : public testing::Test {
-protected:
-    static void SetUpTestSuite()
-    {
-        // Handlers are registered before traffic starts: the table is not locked.
-        ASSERT_EQ(I_TAVRO_RegisterCommandHandler(CMD_CONN_PORT, answeringHandler), I_SUCCESS);
-        ASSERT_EQ(I_SwitchConnect(SW_SERVICE_SNMP), I_SUCCESS);
-        ASSERT_EQ(I_SwitchIsConnected(), I_SUCCESS);
-        // Connected is not enough: the link test header may still be in flight.
-        ASSERT_TRUE(sim().waitFor(
-            [] {
-                const std::vector<std::uint64_t> open = sim().openConnections();
-                return !open.empty() && sim().receivedBytes(open.back()).size() >= 12;
-            },
-            kWait));
-    }
-    static void TearDownTestSuite() { I_SwitchDisconnect(); }
-    void TearDown() override
-    {
-        sim().setResponder(nullptr);
-        sim().setFaults({});
-    }
-
-    static std::uint64_t conn() { return sim().openConnections().back(); }
-    static std::vector<SimFrame> where(const std::function<bool(const SimFrame&)>& p)
-    {
-        std::vector<SimFrame> out;
-        for (const SimFrame& f : sim().receivedFrames())
-            if (f.conn == conn() && p(f)) out.push_back(f);
-        return out;
-    }
-    static std::vector<SimFrame> received(std::uint32_t code)
-    {
-        return where([=](const SimFrame& f) { return f.isCommand() && f.cmdCode == code; });
-    }
-    static std::vector<SimFrame> answersTo(std::uint32_t seq)
-    {
-        return where([=](const SimFrame& f) { return !f.isCommand() && f.seqNbr == seq; });
-    }
-};
-
-TEST_F(SwitchApi, LinkTestThenACommandFrameByteForByte)
-{
-    const Bytes start = sim().receivedBytes(conn());
-    std::uint32_t link[3];
-    std::memcpy(link, start.data(), sizeof link);
-    EXPECT_EQ(link[0], 0x5453543Au); // "TST:" "LINK" 12, in the sender's order
-    EXPECT_EQ(link[1], 0x4C494E4Bu);
-    EXPECT_EQ(link[2], 12u);
-
-    const std::uint8_t payload[3] = {0xDE, 0xAD, 0xBE};
-    ASSERT_EQ(I_TAVRO_SendCommandNoResponse(CMD_CONN_PORT, payload, 3), I_SUCCESS);
-    ASSERT_TRUE(sim().waitFor([] { return !received(CMD_CONN_PORT).empty(); }, kWait));
-    const SimFrame got = received(CMD_CONN_PORT).front();
-    OutFrame expected;
-    expected.manager = 1; // CMD_CONN_PORT / 10000
-    expected.msgType = kCmd;
-    expected.cmdCode = CMD_CONN_PORT;
-    expected.seqNbr = got.seqNbr;
-    expected.msgStat = 0; // no response wanted
-    expected.srcAddr = kSnmpAgentAddr;
-    expected.payload.assign(payload, payload + 3);
-    EXPECT_NE(got.seqNbr, 0u);
-    EXPECT_EQ(got.wire, expected.encode());
-}
-
-TEST_F(SwitchApi, HandlersAnswerExactlyWhenAskedInEitherByteOrder)
-{
-    for (bool reverse : {false, true}) {
-        SCOPED_TRACE(reverse ? "reversed" : "same order");
-        switchsim::Faults f;
-        f.reverse = reverse;
-        sim().setFaults(f);
-        {
-            std::lock_guard<std::mutex> g(g_handlerLock);
-            g_handled.clear();
-        }
-        const std::uint32_t quiet = sim().sendCommand(conn(), CMD_CONN_PORT, {1, 2, 3}, false);
-        const std::uint32_t asked = sim().sendCommand(conn(), CMD_CONN_PORT, {4, 5}, true);
-        const std::uint32_t unhandled = sim().sendCommand(conn(), CMD_DISC_PORT, {6}, true);
-        // A later answered command: everything before it has been handled.
-        const std::uint32_t after = sim().sendCommand(conn(), CMD_CONN_PORT, {}, true);
-        ASSERT_TRUE(sim().waitFor([&] { return !answersTo(after).empty(); }, kWait));
-        {
-            std::lock_guard<std::mutex> g(g_handlerLock);
-            EXPECT_EQ(g_handled, (std::vector<Bytes>{{1, 2, 3}, {4, 5}, {}}));
-        }
-        EXPECT_TRUE(answersTo(quiet).empty());
-        EXPECT_TRUE(answersTo(unhandled).empty());
-        const std::vector<SimFrame> rsp = answersTo(asked);
-        ASSERT_EQ(rsp.size(), 1u);
-        EXPECT_EQ(
-            std::make_tuple(rsp[0].cmdCode, rsp[0].msgStat, rsp[0].srcAddr, rsp[0].payload),
-            std::make_tuple(std::uint32_t(CMD_CONN_PORT), std::uint32_t(RSP_BUSY), kSnmpAgentAddr, Bytes{0x0A, 0x0B}));
-    }
-}
-
-// How a reply is cut or refused is tested against the library's own fake
-// switch; here the simulator's block for slot 3 reaches the application whole.
-TEST_F(SwitchApi, RawStatsAreTheBlockTheSwitchSent)
-{
-    void* block = I_GetRawStats(3);
-    ASSERT_NE(block, nullptr);
-    std::uint16_t head[2] = {0, 0};
-    std::memcpy(head, block, sizeof head);
-    EXPECT_EQ(head[0], 8); // entries
-    EXPECT_EQ(head[1], 3); // slot
-    std::free(block);
-    const std::vector<SimFrame> asked = received(CMD_GET_BLADE_RAW_STATS);
-    ASSERT_FALSE(asked.empty());
-    EXPECT_TRUE(asked.back().wantsResponse());
-}
-
-// The switch echoes every CMD_CONN_PORT payload back, reversed, with error
-// code -1234 beside the status it was told to give.
-bool echoReversed(SwitchSimulator& s, const SimFrame& f)
-{
-    if (f.cmdCode != CMD_CONN_PORT) return false;
-    OutFrame r = s.defaultResponse(f);
-    r.payload.assign(f.payload.rbegin(), f.payload.rend());
-    r.appError = std::uint32_t(-1234);
-    return s.send(f.conn, r);
-}
-
 struct Answer {
     I_STATUS result;
     RSP_STATUS status;
@@ -208,12 +57,12 @@ struct Answer {
     Bytes payload;
 };
 
-Answer request(COMMAND_CODE code, const Bytes& payload, unsigned timeoutMs)
+Answer request(COMMAND_CODE code, const Bytes& payload)
 {
     TAVRO_RESPONSE rsp;
     std::memset(&rsp, 0xA5, sizeof rsp);
     Answer a;
-    a.result = I_TAVRO_SendCommandWithResponse(code, payload.data(), unsigned(payload.size()), timeoutMs, &rsp);
+    a.result = I_TAVRO_SendCommandWithResponse(code, payload.data(), unsigned(payload.size()), 0, &rsp);
     a.status = rsp.status;
     a.error = rsp.errorCode;
     const auto* d = static_cast<const std::uint8_t*>(rsp.data);
@@ -224,8 +73,9 @@ Answer request(COMMAND_CODE code, const Bytes& payload, unsigned timeoutMs)
     return a;
 }
 
-TEST(Request, RefusesBadArgumentsAndReportsNoConnectionWithoutSending)
+TEST(Request, RefusesBadArgumentsReportsNoConnectionAndAnswersInBothOrders)
 {
+    SwitchSimulator& sim = g_world->sim;
     TAVRO_RESPONSE rsp;
     const std::uint8_t byte = 1;
     EXPECT_EQ(I_TAVRO_SendCommandWithResponse(CMD_CONN_PORT, nullptr, 0, 0, nullptr), I_ERR_INVALID_PARAMETER);
@@ -233,64 +83,35 @@ TEST(Request, RefusesBadArgumentsAndReportsNoConnectionWithoutSending)
     EXPECT_EQ(I_TAVRO_SendCommandWithResponse(CMD_CONN_PORT, &byte, 2559936, 0, &rsp), I_ERR_INVALID_PARAMETER);
     EXPECT_EQ(I_TAVRO_SendCommandWithResponse(CMD_CONN_PORT, &byte, 1, 0x80000000u, &rsp), I_ERR_INVALID_PARAMETER);
     EXPECT_EQ(rsp.data, nullptr);
-    const std::uint64_t frames = sim().counters().framesReceived;
     ASSERT_EQ(I_SwitchIsConnected(), I_ERR_NO_CONNECTION);
     EXPECT_EQ(I_TAVRO_SendCommandWithResponse(CMD_CONN_PORT, &byte, 1, 0, &rsp), I_ERR_NO_CONNECTION);
-    EXPECT_EQ(sim().counters().framesReceived, frames);
     I_TAVRO_FreeResponse(nullptr);
-}
 
-TEST(Request, AnswersInBothOrdersTimeOutsAndEightCallers)
-{
     ASSERT_EQ(I_SwitchConnect(SW_SERVICE_PCE), I_SUCCESS);
-    sim().setResponder(echoReversed);
-
-    // Status, error code and payload come back as the switch sent them,
-    // whichever byte order it speaks; a code told to fail fails alone.
-    sim().setStatus(CMD_DISC_PORT, RSP_INV_CMD);
+    EXPECT_EQ(sim.counters().framesReceived, 0u) << "nothing was sent before";
+    // The switch echoes CMD_CONN_PORT payloads reversed, with error code
+    // -1234; a code told to fail fails alone, whichever order the switch speaks.
+    sim.setResponder([](SwitchSimulator& s, const SimFrame& f) {
+        if (f.cmdCode != CMD_CONN_PORT) return false;
+        OutFrame r = s.defaultResponse(f);
+        r.payload.assign(f.payload.rbegin(), f.payload.rend());
+        r.appError = std::uint32_t(-1234);
+        return s.send(f.conn, r);
+    });
+    sim.setStatus(CMD_DISC_PORT, RSP_INV_CMD);
     for (bool reverse : {false, true}) {
         SCOPED_TRACE(reverse ? "reversed" : "same order");
         switchsim::Faults f;
         f.reverse = reverse;
-        sim().setFaults(f);
-        const Answer echo = request(CMD_CONN_PORT, {1, 2, 3, 4, 5}, 0);
-        EXPECT_EQ(echo.result, I_SUCCESS);
-        EXPECT_EQ(echo.status, RSP_OK);
-        EXPECT_EQ(echo.error, I_STATUS(-1234));
-        EXPECT_EQ(echo.payload, (Bytes{5, 4, 3, 2, 1}));
-        const Answer refused = request(CMD_DISC_PORT, {}, 0);
+        sim.setFaults(f);
+        const Answer echo = request(CMD_CONN_PORT, {1, 2, 3, 4, 5});
+        EXPECT_EQ(std::make_tuple(echo.result, echo.status, echo.error, echo.payload),
+                  std::make_tuple(I_SUCCESS, RSP_OK, I_STATUS(-1234), Bytes{5, 4, 3, 2, 1}));
+        const Answer refused = request(CMD_DISC_PORT, {});
         EXPECT_EQ(std::make_tuple(refused.result, refused.status, refused.payload),
                   std::make_tuple(I_SUCCESS, RSP_INV_CMD, Bytes{}));
     }
-
-    // An answer later than the caller's time-out: the tracker's RSP_TIME_OUT.
-    switchsim::Faults slow;
-    slow.delayMs = 600;
-    sim().setFaults(slow);
-    const std::uint64_t sent = sim().counters().framesSent;
-    const Answer late = request(CMD_DISC_PORT, {9}, 150);
-    EXPECT_EQ(std::make_tuple(late.result, late.status, late.error, late.payload),
-              std::make_tuple(I_SUCCESS, RSP_TIME_OUT, I_SUCCESS, Bytes{}));
-    sim().setFaults({});
-    ASSERT_TRUE(sim().waitFor([sent] { return sim().counters().framesSent > sent; }, kWait));
-
-    // Eight callers at once each get the echo of their own command.
-    std::atomic<int> wrong{0};
-    std::vector<std::thread> callers;
-    for (int t = 0; t < 8; ++t) {
-        callers.emplace_back([&wrong, t] {
-            for (int round = 0; round < 25; ++round) {
-                const Answer a = request(CMD_CONN_PORT, {std::uint8_t(t), std::uint8_t(round)}, 0);
-                if (a.result != I_SUCCESS || a.status != RSP_OK ||
-                    a.payload != Bytes{std::uint8_t(round), std::uint8_t(t)})
-                    ++wrong;
-            }
-        });
-    }
-    for (std::thread& c : callers) c.join();
-    EXPECT_EQ(wrong.load(), 0);
-    sim().setResponder(nullptr);
-    sim().clearStatus(CMD_DISC_PORT);
+    sim.setResponder(nullptr);
 }
 
 } // namespace

@@ -72,13 +72,11 @@ TEST(ProcessExit, ReturningFromMainWhileTheLibraryRunsIsClean)
     ::close(go[0]);
     switchsim::SwitchSimulator sim;
     switchsim::Options o;
-    o.snmpPort = 58991;
     o.pcePort = -1;
     o.heartbeatMs = 20; // switch commands keep coming until the very end
     std::string error;
-    const bool started = sim.start(o, &error);
-    EXPECT_TRUE(started) << error;
-    if (!started) ::kill(pid, SIGKILL);
+    EXPECT_TRUE(sim.start(o, &error)) << error;
+    // Without a switch the child fails on its own.
     ASSERT_EQ(::write(go[1], "g", 1), 1);
     ::close(go[1]);
 
@@ -98,9 +96,7 @@ TEST(ProcessExit, ReturningFromMainWhileTheLibraryRunsIsClean)
     EXPECT_THAT(err, Not(HasSubstr("Sanitizer")));
     EXPECT_THAT(err, Not(HasSubstr("runtime error")));
     // It really worked with the switch before it ended.
-    EXPECT_GE(seen.linkTests, 1u);
-    EXPECT_GE(seen.framesReceived, 2u);
-    EXPECT_GE(seen.answered, 1u);
+    EXPECT_TRUE(seen.linkTests >= 1 && seen.framesReceived >= 2 && seen.answered >= 1);
 }
 
 } // namespace

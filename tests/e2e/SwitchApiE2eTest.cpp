@@ -1,9 +1,6 @@
 // The library end to end against the switch simulator on the SNMP service
 // port, where a test needs the library's seams (quick reconnects, short
-// time-outs) or its command objects; what an application sees alone is
-// tested in tests/api. One library and one connection serve every test of a
-// process; a test that drops the connection leaves the next one to make it
-// again. Under ctest each test is a process of
+// time-outs) or its command objects. Under ctest each test is a process of
 // its own that pays the real first-connect wait, so the tests are few and wide.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -104,32 +101,12 @@ protected:
         I_TAVRO_SendCommandNoResponse(CMD_CONN_INIT, nullptr, 0);
         ASSERT_TRUE(sim().waitFor([&] { return received(CMD_CONN_INIT).size() > before; }, kWait));
     }
-    static OutFrame reply(const SimFrame& f, const switchsim::Bytes& payload)
-    {
-        OutFrame r = sim().defaultResponse(f);
-        r.payload = payload;
-        return r;
-    }
-    // A CMD_CONN_PORT command; no response wanted when timeoutMs < 0.
-    static std::unique_ptr<CrCmd> command(std::initializer_list<int> to, int timeoutMs,
-                                          const switchsim::Bytes& data = {})
-    {
-        std::unique_ptr<CrCmd> cmd(new CrCmd);
-        cmd->SetCmdCode(CMD_CONN_PORT);
-        for (int a : to) cmd->SetMsgAddr(a);
-        cmd->SetRspReq(timeoutMs >= 0);
-        cmd->SetRspTimer(timeoutMs);
-        if (!data.empty()) cmd->SetData(data.data(), int(data.size()));
-        return cmd;
-    }
 };
 
-// The tracker's time-outs and orphans are tested against the fake switch;
-// here the real session carries many callers' answers out of order.
+// Eight callers at once, answers going back a batch of eight at a time,
+// shuffled: each caller gets the echo of its own command.
 TEST_F(E2e, EightConcurrentCallers)
 {
-    // Eight callers at once, answers going back a batch of eight at a time,
-    // shuffled: each caller gets the echo of its own command.
     constexpr int kThreads = 8, kRounds = 6;
     std::mutex batchLock;
     std::vector<SimFrame> batch;
@@ -144,7 +121,11 @@ TEST_F(E2e, EightConcurrentCallers)
             ready.swap(batch);
             std::shuffle(ready.begin(), ready.end(), shuffle);
         }
-        for (const SimFrame& c : ready) s.send(c.conn, reply(c, c.payload));
+        for (const SimFrame& c : ready) {
+            OutFrame echo = s.defaultResponse(c);
+            echo.payload = c.payload;
+            s.send(c.conn, echo);
+        }
         return true;
     });
     std::atomic<int> mismatches{0};
@@ -153,11 +134,16 @@ TEST_F(E2e, EightConcurrentCallers)
         callers.emplace_back([&, t] {
             for (int round = 0; round < kRounds; ++round) {
                 const switchsim::Bytes mine = {std::uint8_t(t), std::uint8_t(round)};
-                std::unique_ptr<CrCmd> own = command({1}, 60000, mine);
-                own->Dispatch();
-                CrRsp* rsp = own->WaitForRsp() && own->GetRspCount() == 1 ? own->GetFirstRsp() : nullptr;
+                CrCmd own;
+                own.SetCmdCode(CMD_CONN_PORT);
+                own.SetMsgAddr(1);
+                own.SetRspReq(true);
+                own.SetRspTimer(60000);
+                own.SetData(mine.data(), 2);
+                own.Dispatch();
+                CrRsp* rsp = own.WaitForRsp() && own.GetRspCount() == 1 ? own.GetFirstRsp() : nullptr;
                 const auto* d = rsp ? static_cast<const std::uint8_t*>(rsp->GetData()) : nullptr;
-                if (rsp == nullptr || rsp->GetRspStat() != RSP_OK || rsp->GetSeqNbr() != own->GetSeqNbr() ||
+                if (rsp == nullptr || rsp->GetRspStat() != RSP_OK || rsp->GetSeqNbr() != own.GetSeqNbr() ||
                     rsp->GetSize() != 2 || d == nullptr || switchsim::Bytes(d, d + 2) != mine)
                     ++mismatches;
             }

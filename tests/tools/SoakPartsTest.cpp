@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <set>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "Cr/CrDBCmd.h"
@@ -118,25 +119,6 @@ TEST(SoakPhaseCheck, TheSwitchsCountsAndTheHandledOnesMustAgree)
     }
 }
 
-TEST(SoakLedger, CountsEachSequenceNumberOncePerSimulatorRun)
-{
-    soak::SwitchLedger ledger;
-    const std::uint64_t before = soak::violations().count();
-    ledger.record(CMD_HEARTBEAT, 1);
-    ledger.record(CMD_HEARTBEAT, 2);
-    ledger.record(CMD_DEVICE_STATE_UPDATE, 2); // the same command again
-    EXPECT_EQ(soak::violations().count() - before, 1u);
-    const soak::LedgerTally first = ledger.rotate();
-    EXPECT_EQ(first.handled, 2u);
-    EXPECT_EQ(first.duplicates, 1u);
-    // A new simulator numbers from 1 again.
-    ledger.record(CMD_HEARTBEAT, 1);
-    EXPECT_EQ(soak::violations().count() - before, 1u);
-    EXPECT_EQ(ledger.rotate().handled, 1u);
-    EXPECT_EQ(ledger.total().handled, 3u);
-    EXPECT_EQ(ledger.total().duplicates, 1u);
-}
-
 // Long runs also delay past the time-out and combine faults.
 TEST(SoakSchedule, EveryRunCoversTheWholeTimeAndEveryFault)
 {
@@ -240,15 +222,6 @@ TEST(SoakResources, GrowthCountsOnlyOnceWarmAndPastTheSlack)
     EXPECT_EQ(w.last().descriptors, 5u);
 }
 
-TEST(SoakResources, SamplesThisProcess)
-{
-    soak::ResourceSample s;
-    ASSERT_TRUE(soak::sampleResources(s));
-    EXPECT_GT(s.rssBytes, 0u);
-    EXPECT_GE(s.threads, 1u);
-    EXPECT_GE(s.descriptors, 3u); // standard input, output and error
-}
-
 // A stand-in for the simulator: prints the start line and, on SIGTERM, the
 // line and exit status given.
 std::vector<std::string> fakeSim(const std::string& onTerm, int status = 0, bool listen = true)
@@ -263,55 +236,45 @@ const char kStopLine[] =
     "tavro-switchsim: stopped; connections=1 received=2 sent=3 dropped=0 answered=4 unanswered=0 commands=4 "
     "unexpected=0";
 
-TEST(SoakSwitchProcess, StopsAFrozenChildAndReadsItsCounters)
+TEST(SoakSwitchProcess, StopsAFrozenChildAndReportsEveryUncleanEnd)
 {
-    soak::SwitchProcess p("/bin/sh");
+    soak::SwitchProcess frozen("/bin/sh");
     std::string error;
-    ASSERT_TRUE(p.start(fakeSim(kStopLine), 5000, &error)) << error;
-    EXPECT_TRUE(p.freeze());
+    ASSERT_TRUE(frozen.start(fakeSim(kStopLine), 5000, &error)) << error;
+    EXPECT_TRUE(frozen.freeze());
     // A stopped child handles SIGTERM only once it is resumed.
     soak::SwitchCounters c;
-    ASSERT_TRUE(p.stop(5000, &c, &error)) << error;
-    EXPECT_EQ(c.answered, 4u);
-    EXPECT_EQ(c.commands, 4u);
-    EXPECT_FALSE(p.running());
-}
+    ASSERT_TRUE(frozen.stop(5000, &c, &error)) << error;
+    EXPECT_EQ(std::make_tuple(c.answered, c.commands, frozen.running()), std::make_tuple(4u, 4u, false));
 
-TEST(SoakSwitchProcess, ReportsEveryUncleanEnd)
-{
-    struct Case {
-        const char* name;
+    const struct {
+        const char* program;
         std::vector<std::string> args;
+        unsigned startMs;
         const char* error;
-    };
-    const Case cases[] = {
-        {"a failed exit status", fakeSim(kStopLine, 66), "the simulator ended with exit status 66"},
-        {"no counters line", fakeSim("bye"), "the simulator ended without its counters line"},
-        {"SIGTERM ignored",
+    } cases[] = {
+        {"/bin/sh", fakeSim(kStopLine, 66), 5000, "the simulator ended with exit status 66"},
+        {"/bin/sh", fakeSim("bye"), 5000, "the simulator ended without its counters line"},
+        {"/bin/sh",
          {"-c", "trap '' TERM; echo 'tavro-switchsim: listening on x'; while :; do sleep 0.02; done"},
+         5000,
          "the simulator did not end within 300 ms; killed"},
+        {"/bin/sh", fakeSim(kStopLine, 0, false), 200, "did not start listening within 200 ms; killed"},
+        {"/nonexistent/tavro-switchsim", {}, 2000, "ended with exit status 127 before it listened"},
     };
-    for (const Case& c : cases) {
-        soak::SwitchProcess p("/bin/sh");
-        std::string error;
-        ASSERT_TRUE(p.start(c.args, 5000, &error)) << c.name << ": " << error;
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.error);
+        soak::SwitchProcess p(c.program);
         error.clear();
-        EXPECT_FALSE(p.stop(300, nullptr, &error)) << c.name;
-        EXPECT_EQ(error, c.error) << c.name;
-        EXPECT_FALSE(p.running()) << c.name;
+        if (p.start(c.args, c.startMs, &error)) {
+            error.clear();
+            EXPECT_FALSE(p.stop(300, nullptr, &error));
+            EXPECT_EQ(error, c.error);
+        } else {
+            EXPECT_NE(error.find(c.error), std::string::npos) << error;
+        }
+        EXPECT_FALSE(p.running());
     }
-}
-
-TEST(SoakSwitchProcess, GivesUpOnAChildThatNeverListens)
-{
-    soak::SwitchProcess p("/bin/sh");
-    std::string error;
-    EXPECT_FALSE(p.start(fakeSim(kStopLine, 0, false), 200, &error));
-    EXPECT_NE(error.find("did not start listening within 200 ms; killed"), std::string::npos) << error;
-    EXPECT_FALSE(p.running());
-    soak::SwitchProcess missing("/nonexistent/tavro-switchsim");
-    EXPECT_FALSE(missing.start({}, 2000, &error));
-    EXPECT_NE(error.find("ended with exit status 127 before it listened"), std::string::npos) << error;
 }
 
 } // namespace

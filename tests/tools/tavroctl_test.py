@@ -5,13 +5,15 @@ The simulator holds the switch's service ports of this host while it runs.
 """
 import json
 import os
-import re
 import signal
 import subprocess
 import sys
 import tempfile
 import time
 import unittest
+
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "python", "tests"))
+import conftest  # noqa: E402
 
 TAVROCTL, SWITCHSIM, *EMULATOR = sys.argv[1:] if len(sys.argv) > 2 else (None, None)
 del sys.argv[1:]
@@ -30,33 +32,9 @@ def tavroctl(*args, timeout=180):
                           capture_output=True, text=True, timeout=timeout)
 
 
-class Simulator:
-    """tavro-switchsim as a child process; its transcript goes to a file."""
-
-    def __init__(self, *options):
-        self.log = tempfile.NamedTemporaryFile("w+", prefix="switchsim-", suffix=".log")
-        self.proc = subprocess.Popen([*EMULATOR, SWITCHSIM, "--heartbeat-ms", "0", *options],
-                                     stdout=self.log, stderr=subprocess.STDOUT)
-        self.wait_for(r"listening on")
-
-    def transcript(self):
-        with open(self.log.name) as f:
-            return f.read()
-
-    def wait_for(self, pattern, timeout=30):
-        deadline = time.monotonic() + timeout
-        while time.monotonic() < deadline:
-            if re.search(pattern, self.transcript()):
-                return
-            if self.proc.poll() is not None:
-                raise AssertionError("simulator ended:\n" + self.transcript())
-            time.sleep(0.05)
-        raise AssertionError(f"no {pattern!r} in the simulator's transcript:\n" + self.transcript())
-
-    def stop(self):
-        self.proc.send_signal(signal.SIGINT)
-        self.proc.wait(timeout=30)
-        self.log.close()
+def Simulator(*options):
+    """tavro-switchsim as a child process, as the binding's tests run it."""
+    return conftest.Simulator("--heartbeat-ms", "0", *options, command=[*EMULATOR, SWITCHSIM])
 
 
 class Offline(unittest.TestCase):
@@ -145,7 +123,7 @@ class Online(unittest.TestCase):
     def test_send_reaches_the_switch_without_an_answer(self):
         r = tavroctl("send", "CONN_MON", "de:ad:be:ef")
         self.assertEqual((r.returncode, r.stdout), (OK, "sent CMD_CONN_MON (10011), 4 payload bytes\n"), r.stderr)
-        self.sim.wait_for(r"<< #\d+ CMD: CMD_CONN_MON seq=\d+ CMD_WITHOUT_RSP .* payload=4 ")
+        self.sim.expect(r"<< #\d+ CMD: CMD_CONN_MON seq=\d+ CMD_WITHOUT_RSP .* payload=4 ")
         self.assertNotRegex(self.sim.transcript(), r">> #\d+ RSP: CMD_CONN_MON")
 
     def test_stats_as_table_and_json_read_the_same_in_either_order(self):
@@ -194,8 +172,9 @@ class Listening(unittest.TestCase):
             proc = subprocess.Popen([*EMULATOR, TAVROCTL, "--workdir", WORKDIR, "listen",
                                      "CMD_DEVICE_STATE_UPDATE", "--answer", "RSP_BUSY"],
                                     stdout=out, stderr=subprocess.PIPE, text=True)
-            sim.wait_for(r"<< #\d+ RSP: CMD_DEVICE_STATE_UPDATE seq=\d+ RSP_BUSY(.|\n)*"
-                         r"<< #\d+ RSP: CMD_DEVICE_STATE_UPDATE seq=\d+ RSP_BUSY")
+            answered = r"<< #\d+ RSP: CMD_DEVICE_STATE_UPDATE seq=\d+ RSP_BUSY"
+            sim.expect(answered)
+            sim.expect(answered, since=sim.mark())
             proc.send_signal(signal.SIGINT)
             self.assertEqual(proc.wait(timeout=30), OK)
             out.seek(0)
