@@ -2,7 +2,6 @@
 // system calls replaced where a fault has to be injected.
 #include <atomic>
 #include <cerrno>
-#include <cstring>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -18,12 +17,12 @@ namespace {
 
 constexpr unsigned kBuf = 16384;
 
-// --- recv/send/FIONREAD replacements ---------------------------------------
-
 std::atomic<int> g_failures{0};
-std::atomic<int> g_failErrno{EINTR}; // 0: the call "sends" nothing instead
+std::atomic<int> g_failErrno{EINTR}; // 0: the send "sends" nothing instead
 std::vector<size_t> g_recvLens;
 std::vector<unsigned> g_sleeps;
+std::atomic<int> g_availCalls{0};
+std::atomic<unsigned> g_recvCalls{0};
 
 // Fails while failures are due, otherwise records the length asked for.
 ssize_t fakeRecv(int fd, void* buf, size_t len, int flags)
@@ -37,7 +36,7 @@ ssize_t fakeRecv(int fd, void* buf, size_t len, int flags)
     return ::recv(fd, buf, len, flags);
 }
 
-std::atomic<unsigned> g_recvCalls{0};
+// Four interrupts before every single byte.
 ssize_t interleavedRecv(int fd, void* buf, size_t len, int flags)
 {
     if (++g_recvCalls % 5 != 0) {
@@ -45,6 +44,14 @@ ssize_t interleavedRecv(int fd, void* buf, size_t len, int flags)
         return -1;
     }
     return ::recv(fd, buf, len < 1 ? len : 1, flags);
+}
+
+// Stops the program after the first recv into a body buffer.
+ssize_t terminatingRecv(int fd, void* buf, size_t len, int flags)
+{
+    const ssize_t n = ::recv(fd, buf, len, flags);
+    if (len > OsSocket::READ_AHEAD_SIZE) OsSocket::setProgramTerminating(true);
+    return n;
 }
 
 ssize_t failingSend(int fd, const void* buf, size_t len, int flags)
@@ -63,17 +70,10 @@ ssize_t shortSend(int fd, const void* buf, size_t len, int flags)
     return ::send(fd, buf, len < 7 ? len : 7, flags | MSG_NOSIGNAL);
 }
 
-void recordSleep(unsigned ms)
-{
-    g_sleeps.push_back(ms);
-}
-
-std::atomic<int> g_availCalls{0};
 int countingAvail(int fd, int* n)
 {
-    const int rc = ::ioctl(fd, FIONREAD, n);
     ++g_availCalls;
-    return rc;
+    return ::ioctl(fd, FIONREAD, n);
 }
 
 int failingAvail(int, int* n)
@@ -98,21 +98,7 @@ void failSend(int n, int err)
     socketSeams().sendFn = failingSend;
 }
 
-// Waits (bounded) until the reader has sampled FIONREAD count times, i.e.
-// purged that often.
-bool waitPurges(int count)
-{
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (g_availCalls.load() < count)
-        if (std::chrono::steady_clock::now() > end)
-            return false;
-        else
-            std::this_thread::sleep_for(std::chrono::microseconds(50));
-    return true;
-}
-
-template <typename T>
-std::string str(const T& v)
+std::string str(const Hex8& v)
 {
     std::ostringstream os;
     os << v;
@@ -135,7 +121,9 @@ struct SocketFixture : testing::Test {
     {
         open();
         g_sleeps.clear();
-        socketSeams().sleepMs = recordSleep;
+        socketSeams().sleepMs = [](unsigned ms) { g_sleeps.push_back(ms); };
+        g_availCalls = 0;
+        socketSeams().availFn = countingAvail;
     }
     // A fresh connection on every call, so that tables can loop over it.
     void open()
@@ -161,6 +149,10 @@ struct SocketFixture : testing::Test {
     {
         return sock->GetOrvMessage(&ctl, reinterpret_cast<ORV_APP_MSG*>(body.data()), maxSize);
     }
+    bool getInto(std::vector<char>& buf)
+    {
+        return sock->GetOrvMessage(&ctl, reinterpret_cast<ORV_APP_MSG*>(buf.data()), unsigned(buf.size()));
+    }
     // The allocating reader; the body is checked against f and freed.
     bool getAlloc(const FrameSpec* f = nullptr)
     {
@@ -171,6 +163,11 @@ struct SocketFixture : testing::Test {
         delete[] reinterpret_cast<char*>(app);
         return true;
     }
+    void bigSendBuffer()
+    {
+        const int big = 1 << 20;
+        ASSERT_EQ(::setsockopt(fds.b, SOL_SOCKET, SO_SNDBUF, &big, sizeof big), 0);
+    }
 };
 using ReaderFixture = SocketFixture;
 using WriterFixture = SocketFixture;
@@ -179,9 +176,9 @@ using WriterFixture = SocketFixture;
 
 // --- well-formed frames -----------------------------------------------------
 
-// Frames in both byte orders, read into host order; all that waits is taken
-// by a single recv.
-TEST_F(ReaderFixture, FramesInBothByteOrdersShareOneRecv)
+// Frames in both byte orders, read into host order; all that waits, link
+// test headers included, is taken by a single recv and nothing is purged.
+TEST_F(ReaderFixture, FramesInBothByteOrdersAndLinkTestsShareOneRecv)
 {
     std::vector<FrameSpec> frames = {
         {Order::Big, kMarker, 1, 10002, 7, 0, 1},     {Order::Little, kMarker, 2, 10003, 8, 0, 2},
@@ -189,23 +186,25 @@ TEST_F(ReaderFixture, FramesInBothByteOrdersShareOneRecv)
         {Order::Big, kMarker, 4, 40010, 11, 2048, 5}, {Order::Little, kMarker, 5, 40010, 12, 2049, 6}};
     for (std::uint32_t i = 0; i < 300; ++i)
         frames.push_back({(i % 2) ? Order::Big : Order::Little, kMarker, 1, 10002, i, i % 7, i});
-    std::string stream;
+    std::string stream = linkTestHeader(Order::Big) + linkTestHeader(Order::Little);
     for (const auto& f : frames) stream += buildFrame(f);
     ASSERT_LT(stream.size(), OsSocket::READ_AHEAD_SIZE);
     ASSERT_TRUE(writeAll(fds.b, stream));
     failRecv(0);
+    TraceCapture cap;
     for (const auto& f : frames) {
         SCOPED_TRACE(f.seqNbr);
         ASSERT_TRUE(get());
         expectFrame(ctl, body.data(), f);
     }
+    EXPECT_EQ(cap.text(), "ReadCtlMsgCommon: IP[0.0.0.0] Test msg\nReadCtlMsgCommon: IP[0.0.0.0] Test msg\n");
     EXPECT_EQ(g_recvLens.size(), 1u);
+    EXPECT_EQ(g_availCalls.load(), 0);
     EXPECT_FALSE(sock->ReadReady()); // nothing held back
 }
 
 // The reader asks for the header, then for the body in pieces of at most
-// 2048 bytes (the CONNECT bit traces each request); a frame that is all
-// waiting still costs a single recv.
+// 2048 bytes (the CONNECT bit traces each request).
 TEST_F(ReaderFixture, BodyIsRequestedInPiecesOf2048)
 {
     const std::vector<std::pair<std::uint32_t, std::vector<unsigned>>> cases = {
@@ -231,11 +230,13 @@ TEST_F(ReaderFixture, BodyIsRequestedInPiecesOf2048)
 }
 
 // A body larger than the read-ahead is received straight into the caller's
-// buffer, as much of it as waits, never past the body's end.
-TEST_F(ReaderFixture, LargeBodyIsReceivedInPlace)
+// buffer, as much of it as waits, never past the body's end. When the
+// program stops between two pieces, the bytes already received for the rest
+// of the body are kept: the next read continues the stream where the kernel
+// would have.
+TEST_F(ReaderFixture, LargeBodyIsReceivedInPlaceAndAnUnfinishedOneKeepsItsRest)
 {
-    const int big = 1 << 20;
-    ASSERT_EQ(::setsockopt(fds.b, SOL_SOCKET, SO_SNDBUF, &big, sizeof big), 0);
+    bigSendBuffer();
     FrameSpec f, next;
     f.payload = 200000;
     next.payload = 5;
@@ -244,13 +245,32 @@ TEST_F(ReaderFixture, LargeBodyIsReceivedInPlace)
     ASSERT_TRUE(writeAll(fds.b, frame + buildFrame(next)));
     failRecv(0);
     std::vector<char> buf(frame.size());
-    ASSERT_TRUE(sock->GetOrvMessage(&ctl, reinterpret_cast<ORV_APP_MSG*>(buf.data()), frame.size()));
+    ASSERT_TRUE(getInto(buf));
     expectFrame(ctl, buf.data(), f);
     ASSERT_TRUE(get());
     expectFrame(ctl, body.data(), next);
     const std::vector<size_t> want = {OsSocket::READ_AHEAD_SIZE, frame.size() - OsSocket::READ_AHEAD_SIZE,
                                       OsSocket::READ_AHEAD_SIZE};
     EXPECT_EQ(g_recvLens, want);
+
+    ASSERT_TRUE(writeAll(fds.b, frame));
+    ASSERT_EQ(waiting(sock->GetSocket()), static_cast<int>(frame.size()));
+    socketSeams().recvFn = terminatingRecv;
+    EXPECT_FALSE(getInto(buf));
+    OsSocket::setProgramTerminating(false);
+    failRecv(0);
+    EXPECT_EQ(waiting(sock->GetSocket()), 0);
+    const int held = sock->waitForAllData(1);
+    ASSERT_GT(held, static_cast<int>(OsSocket::READ_AHEAD_SIZE));
+    EXPECT_TRUE(sock->ReadReady());
+    std::string rest(static_cast<std::size_t>(held), '\0');
+    unsigned got = 0;
+    EXPECT_EQ(sock->readAllData(&rest[0], static_cast<unsigned>(held), &got), held);
+    EXPECT_TRUE(rest == frame.substr(frame.size() - static_cast<std::size_t>(held))) << "stream cut";
+    EXPECT_TRUE(g_recvLens.empty());
+    ASSERT_TRUE(writeAll(fds.b, buildFrame(next)));
+    ASSERT_TRUE(get());
+    expectFrame(ctl, body.data(), next);
 }
 
 // The same when the body trickles in after its headers: the reader keeps
@@ -269,7 +289,7 @@ TEST_F(ReaderFixture, LargeBodyArrivingInPiecesAfterItsHeaders)
         }
     });
     std::vector<char> buf(frame.size());
-    const bool ok = sock->GetOrvMessage(&ctl, reinterpret_cast<ORV_APP_MSG*>(buf.data()), unsigned(frame.size()));
+    const bool ok = getInto(buf);
     writer.join();
     ASSERT_TRUE(ok);
     expectFrame(ctl, buf.data(), f);
@@ -290,27 +310,11 @@ TEST_F(ReaderFixture, ByteHeldAheadIsReadWithoutWaiting)
         sock->Read(&c, 1, &got);
         done = true;
     });
-    for (int i = 0; i < 10000 && !done; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    const bool inTime = done.load();
+    const bool inTime = tavro_test::eventually([&] { return done.load(); });
     if (!inTime) sock->SignalShutdown(); // let a stuck reader go
     reader.join();
     EXPECT_TRUE(inTime);
     EXPECT_EQ(std::make_pair(c, got), std::make_pair('Z', 1u));
-}
-
-TEST_F(ReaderFixture, LinkTestHeadersAreSkippedWithoutPurging)
-{
-    g_availCalls = 0;
-    socketSeams().availFn = countingAvail;
-    FrameSpec f;
-    f.payload = 40;
-    ASSERT_TRUE(writeAll(fds.b, linkTestHeader(Order::Big) + linkTestHeader(Order::Little) + buildFrame(f)));
-    TraceCapture cap;
-    ASSERT_TRUE(get());
-    const std::string out = cap.text();
-    expectFrame(ctl, body.data(), f);
-    EXPECT_EQ(countOf(out, "ReadCtlMsgCommon: IP[0.0.0.0] Test msg\n"), 2u) << out;
-    EXPECT_EQ(g_availCalls.load(), 0);
 }
 
 // The allocating reader sizes the body exactly, and gives a body shorter
@@ -320,7 +324,7 @@ TEST_F(ReaderFixture, AllocatingReaderSizesTheBody)
     FrameSpec f, shortBody;
     f.order = otherOrder();
     f.payload = 3000;
-    shortBody.sizeOverride = 5; // fewer bytes than an application header
+    shortBody.sizeOverride = 5;
     ASSERT_TRUE(writeAll(fds.b, buildFrame(f) + buildFrame(shortBody).substr(0, 12 + 5)));
     ASSERT_TRUE(getAlloc(&f));
     ORV_APP_MSG* app = nullptr;
@@ -341,9 +345,6 @@ TEST_F(ReaderFixture, BadHeadersArePurgedAndTheNextFrameIsRead)
     badMarker.marker = 0x58585858; // "XXXX"
     badMarker.payload = 16;
     otherMarker.marker = 0x01020304;
-    const std::string missing =
-        "ReadCtlMsgCommon: IP[0.0.0.0] Missing ORV_MSG_MARKER in ORV_CTL_MSG.  Expected "
-        "[0x4D53473A] bytes.  Received [0x58585858] bytes.\n";
     const std::string zeroSize = "ReadCtlMsgCommon: IP[0.0.0.0] ORV_APP_MSG size (as provided in ORV_CTL_MSG) is 0.\n";
     const struct {
         const char* name;
@@ -351,7 +352,10 @@ TEST_F(ReaderFixture, BadHeadersArePurgedAndTheNextFrameIsRead)
         std::string message; // expected trace line
         unsigned maxSize;    // 0: the allocating reader
     } cases[] = {
-        {"wrong marker", buildFrame(badMarker), missing, kBuf},
+        {"wrong marker", buildFrame(badMarker),
+         "ReadCtlMsgCommon: IP[0.0.0.0] Missing ORV_MSG_MARKER in ORV_CTL_MSG.  Expected [0x4D53473A] bytes.  "
+         "Received [0x58585858] bytes.\n",
+         kBuf},
         {"size zero with stale bytes", buildFrame(zero) + std::string(37, 'j'), zeroSize, kBuf},
         {"size zero alone", buildFrame(zero).substr(0, 12), zeroSize, kBuf},
         {"larger than the buffer", buildFrame(oversize),
@@ -363,14 +367,13 @@ TEST_F(ReaderFixture, BadHeadersArePurgedAndTheNextFrameIsRead)
         SCOPED_TRACE(c.name);
         open();
         g_availCalls = 0;
-        socketSeams().availFn = countingAvail;
         FrameSpec good;
         good.payload = 30;
         good.tag = 9;
         std::thread peer([&] {
             writeAll(fds.b, c.bad);
             // The good frame must arrive after the purge sampled the input.
-            if (waitPurges(1)) writeAll(fds.b, buildFrame(good));
+            if (tavro_test::eventually([] { return g_availCalls.load() > 0; })) writeAll(fds.b, buildFrame(good));
             // A reader that lost its place fails at the end instead of waiting.
             fds.closeB();
         });
@@ -388,50 +391,6 @@ TEST_F(ReaderFixture, BadHeadersArePurgedAndTheNextFrameIsRead)
     }
 }
 
-// Stops the program after the first recv into a body buffer.
-ssize_t terminatingRecv(int fd, void* buf, size_t len, int flags)
-{
-    const ssize_t n = ::recv(fd, buf, len, flags);
-    if (len > OsSocket::READ_AHEAD_SIZE) OsSocket::setProgramTerminating(true);
-    return n;
-}
-
-// A frame left unfinished (here: the program stops between two pieces)
-// must not lose the bytes already received for the rest of its body: the
-// next read continues the stream exactly where the kernel would have.
-TEST_F(ReaderFixture, UnfinishedBodyKeepsItsRestForTheNextRead)
-{
-    const int big = 1 << 20;
-    ASSERT_EQ(::setsockopt(fds.b, SOL_SOCKET, SO_SNDBUF, &big, sizeof big), 0);
-    FrameSpec f, next;
-    f.payload = 200000;
-    next.payload = 9;
-    next.tag = 4;
-    const std::string frame = buildFrame(f);
-    ASSERT_TRUE(writeAll(fds.b, frame));
-    ASSERT_EQ(waiting(sock->GetSocket()), static_cast<int>(frame.size()));
-    socketSeams().recvFn = terminatingRecv;
-    std::vector<char> buf(frame.size());
-    EXPECT_FALSE(sock->GetOrvMessage(&ctl, reinterpret_cast<ORV_APP_MSG*>(buf.data()), frame.size()));
-    OsSocket::setProgramTerminating(false);
-    failRecv(0);
-
-    // Everything was received; more than a read-ahead's worth is held.
-    EXPECT_EQ(waiting(sock->GetSocket()), 0);
-    const int held = sock->waitForAllData(1);
-    ASSERT_GT(held, static_cast<int>(OsSocket::READ_AHEAD_SIZE));
-    EXPECT_TRUE(sock->ReadReady());
-    std::string rest(static_cast<std::size_t>(held), '\0');
-    unsigned got = 0;
-    EXPECT_EQ(sock->readAllData(&rest[0], static_cast<unsigned>(held), &got), held);
-    EXPECT_TRUE(rest == frame.substr(frame.size() - static_cast<std::size_t>(held))) << "stream cut";
-    EXPECT_TRUE(g_recvLens.empty());
-
-    ASSERT_TRUE(writeAll(fds.b, buildFrame(next)));
-    ASSERT_TRUE(get());
-    expectFrame(ctl, body.data(), next);
-}
-
 TEST_F(ReaderFixture, NewDescriptorDropsBytesHeldForTheOldOne)
 {
     FrameSpec first, stale, fresh;
@@ -443,7 +402,6 @@ TEST_F(ReaderFixture, NewDescriptorDropsBytesHeldForTheOldOne)
     ASSERT_TRUE(get());
     expectFrame(ctl, body.data(), first);
     ASSERT_TRUE(sock->ReadReady()); // the second frame is held
-
     FdPair other;
     unixPair(other);
     sock->SetSocket(other.a);
@@ -454,7 +412,7 @@ TEST_F(ReaderFixture, NewDescriptorDropsBytesHeldForTheOldOne)
     expectFrame(ctl, body.data(), fresh);
 }
 
-// --- the peer goes away ------------------------------------------------------
+// --- the peer goes away, shutdown, bad arguments -------------------------------
 
 TEST_F(ReaderFixture, PeerClosingEndsTheReadWithoutAFrame)
 {
@@ -513,7 +471,7 @@ TEST_F(ReaderFixture, BadArgumentsAreRefused)
     EXPECT_FALSE(unprepared.Read(&c, 1, &got));
 }
 
-// --- interrupted reads -------------------------------------------------------
+// --- interrupted and failed reads, purging -------------------------------------
 
 // Four interrupts are retried after a pause each; the fifth in a row fails
 // the read, with a message only under the INTERRUPT bit.
@@ -559,34 +517,22 @@ TEST_F(ReaderFixture, FiveInterruptsInARowFailTheRead)
         // Sticky: nothing more is read until a purge clears the flag.
         EXPECT_FALSE(sock->Read(buf, sizeof buf, &got));
     }
-}
-
-// Four interrupts before every single byte: never five in a row.
-TEST_F(ReaderFixture, InterruptCountRestartsAfterEveryByte)
-{
+    // Four interrupts before every single byte: never five in a row.
+    open();
     FrameSpec f;
     f.payload = 3;
     ASSERT_TRUE(writeAll(fds.b, buildFrame(f)));
+    g_recvCalls = 0;
     socketSeams().recvFn = interleavedRecv;
+    g_sleeps.clear();
     ASSERT_TRUE(get());
     expectFrame(ctl, body.data(), f);
     EXPECT_EQ(g_sleeps.size(), 4u * (12 + 28 + 3));
 }
 
-TEST_F(ReaderFixture, OtherRecvErrorsFailAtOnceWithTheirText)
-{
-    ASSERT_TRUE(writeAll(fds.b, "x"));
-    failRecv(1, ECONNRESET);
-    TraceCapture cap;
-    char c;
-    unsigned got = 0;
-    EXPECT_FALSE(sock->Read(&c, 1, &got));
-    EXPECT_EQ(cap.text(), errText("readAllData: recv() failed.  IP[0.0.0.0] errNum[", ECONNRESET));
-    EXPECT_EQ(sock->GetLastError(), ECONNRESET);
-    EXPECT_TRUE(g_sleeps.empty());
-}
-
-TEST_F(ReaderFixture, PurgeDiscardsEverythingWaitingAndClearsTheStickyError)
+// Other recv errors fail at once; a purge discards everything waiting and
+// clears the sticky error.
+TEST_F(ReaderFixture, RecvErrorsAndPurge)
 {
     // Some bytes already taken ahead by a read, more still in the kernel.
     ASSERT_TRUE(writeAll(fds.b, std::string(100, 'h')));
@@ -603,10 +549,12 @@ TEST_F(ReaderFixture, PurgeDiscardsEverythingWaitingAndClearsTheStickyError)
 
     ASSERT_TRUE(writeAll(fds.b, std::string(3000, 'p')));
     ASSERT_TRUE(sock->ReadReady());
-    failRecv(1, EIO);
+    failRecv(1, ECONNRESET);
     TraceCapture cap;
     EXPECT_FALSE(sock->Read(c, 1, &got));
-    cap.text();
+    EXPECT_EQ(cap.text(), errText("readAllData: recv() failed.  IP[0.0.0.0] errNum[", ECONNRESET));
+    EXPECT_EQ(sock->GetLastError(), ECONNRESET);
+    EXPECT_TRUE(g_sleeps.empty());
     EXPECT_TRUE(sock->HasError());
     EXPECT_TRUE(sock->PurgeMessage());
     EXPECT_FALSE(sock->HasError());
@@ -672,7 +620,6 @@ TEST_F(ReaderFixture, TraceBitsReportTheWaitAndDumpHeaderAndFirstPiece)
                   "readAllData: IP[0.0.0.0] nRequestedBytes[1]\n");
     }
     FrameSpec f;
-    f.order = Order::Big;
     f.payload = 50;
     ASSERT_TRUE(writeAll(fds.b, buildFrame(f)));
     socketTraceFeature().SetMask(SOCK_TRACE_RAW);
@@ -685,23 +632,10 @@ TEST_F(ReaderFixture, TraceBitsReportTheWaitAndDumpHeaderAndFirstPiece)
 
 // --- the writer --------------------------------------------------------------
 
-TEST_F(WriterFixture, ChainIsSentInOrder)
-{
-    char a[] = "header12byte";
-    char b[] = "app-header-of-twenty-eight!";
-    char c[] = "payload";
-    TCP_BD bd3{c, 7, nullptr};
-    TCP_BD bd2{b, 28, &bd3};
-    TCP_BD bd1{a, 12, &bd2};
-    ASSERT_TRUE(sock->SendBD(&bd1));
-    EXPECT_EQ(received(47), std::string(a, 12) + std::string(b, 28) + std::string(c, 7));
-    EXPECT_EQ(sock->MsgSent(), 3u);
-}
-
+// More pieces than one gathered write takes, empty ones among them, and more
+// bytes than the socket holds: partial writes must resume mid-piece.
 TEST_F(WriterFixture, LongChainLargerThanTheSocketBufferArrivesWholeAndInOrder)
 {
-    // More pieces than one gathered write takes, empty ones among them, and
-    // more bytes than the socket holds: partial writes must resume mid-piece.
     std::vector<std::string> pieces;
     std::vector<TCP_BD> chain(40);
     std::string expected;
@@ -786,9 +720,9 @@ TEST_F(WriterFixture, InterruptedAndZeroByteSendsAreRetried)
     {
         TraceCapture cap;
         ASSERT_TRUE(sock->Send(data, sizeof data));
-        const std::string out = cap.text();
-        EXPECT_EQ(countOf(out, "SendBD: Retrying send that returned sockerr[4] (interrupt or try again) on Socket["),
-                  12u);
+        EXPECT_EQ(
+            countOf(cap.text(), "SendBD: Retrying send that returned sockerr[4] (interrupt or try again) on Socket["),
+            12u);
     }
     EXPECT_TRUE(g_sleeps.empty());
     EXPECT_EQ(received(12), std::string(data, 12));
@@ -799,8 +733,7 @@ TEST_F(WriterFixture, InterruptedAndZeroByteSendsAreRetried)
     const unsigned before = sock->MsgSent();
     TraceCapture cap;
     ASSERT_TRUE(sock->SendBD(&bd));
-    const std::string out = cap.text();
-    EXPECT_EQ(countOf(out, "SendBD: Zero bytes[0] sent on Socket["), 3u) << out;
+    EXPECT_EQ(countOf(cap.text(), "SendBD: Zero bytes[0] sent on Socket["), 3u);
     EXPECT_EQ(received(5), std::string(data, 5));
     EXPECT_EQ(sock->MsgSent() - before, 4u);
 }
@@ -838,15 +771,24 @@ TEST_F(WriterFixture, SendTraceBitsDescribeEachStep)
     EXPECT_EQ(received(4), "MSG:");
 }
 
+// The send mutex holds a whole chain back; the chain then goes out in order,
+// one count per piece.
 TEST_F(WriterFixture, SendMutexIsHeldForTheWholeChain)
 {
+    char a[] = "header12byte";
+    char b[] = "app-header-of-twenty-eight!";
+    char c[] = "payload";
+    TCP_BD bd3{c, 7, nullptr};
+    TCP_BD bd2{b, 28, &bd3};
+    TCP_BD bd1{a, 12, &bd2};
     ASSERT_TRUE(sock->LockSendMutex());
     std::atomic<bool> sent{false};
-    std::thread other([&] { sent = sock->Send("abc", 3); });
+    std::thread other([&] { sent = sock->SendBD(&bd1); });
     std::this_thread::sleep_for(std::chrono::milliseconds(30));
     EXPECT_EQ(waiting(fds.b), 0); // blocked on the mutex
     sock->ReleaseSendMutex();
     other.join();
     EXPECT_TRUE(sent.load());
-    EXPECT_EQ(received(3), "abc");
+    EXPECT_EQ(received(47), std::string(a, 12) + std::string(b, 28) + std::string(c, 7));
+    EXPECT_EQ(sock->MsgSent(), 3u);
 }

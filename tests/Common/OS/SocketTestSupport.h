@@ -2,23 +2,19 @@
 
 // Helpers for socket tests: connected descriptor pairs, frames built from
 // explicit bytes in a chosen byte order, trace capture and seam control.
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <cstdint>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "Common/OS/OsSocket.h"
 #include "Common/OS/OsSocketDebug.h"
+#include "Common/OS/Linux/PlatformTestSupport.h"
 #include "support/PlainSocketIo.h"
 
 namespace sock_test {
@@ -143,20 +139,6 @@ inline int waiting(int fd)
     return n;
 }
 
-// Waits (bounded) until nothing is left unread on fd: the reader took it.
-inline bool waitDrained(int fd, int ms = 10000)
-{
-    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
-    for (unsigned spins = 0; waiting(fd) > 0; ++spins) {
-        if (std::chrono::steady_clock::now() > end) return false;
-        if (spins < 200)
-            std::this_thread::yield();
-        else
-            std::this_thread::sleep_for(std::chrono::microseconds(50));
-    }
-    return true;
-}
-
 // Two connected blocking descriptors.
 struct FdPair {
     int a = -1;
@@ -179,26 +161,6 @@ inline void unixPair(FdPair& p)
     ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
     p.a = sv[0];
     p.b = sv[1];
-}
-
-inline void tcpPair(FdPair& p)
-{
-    const int l = ::socket(AF_INET, SOCK_STREAM, 0);
-    ASSERT_GE(l, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ASSERT_EQ(::bind(l, reinterpret_cast<sockaddr*>(&a), sizeof a), 0);
-    ASSERT_EQ(::listen(l, 4), 0);
-    socklen_t len = sizeof a;
-    ASSERT_EQ(::getsockname(l, reinterpret_cast<sockaddr*>(&a), &len), 0);
-    const int c = ::socket(AF_INET, SOCK_STREAM, 0);
-    ASSERT_EQ(::connect(c, reinterpret_cast<sockaddr*>(&a), sizeof a), 0);
-    const int s = ::accept(l, nullptr, nullptr);
-    ::close(l);
-    ASSERT_GE(s, 0);
-    p.a = s;
-    p.b = c;
 }
 
 // Captures what the socket layer writes to the debug trace (standard output
