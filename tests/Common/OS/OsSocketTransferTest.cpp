@@ -3,7 +3,6 @@
 #include <atomic>
 #include <cerrno>
 #include <memory>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -70,14 +69,12 @@ ssize_t shortSend(int fd, const void* buf, size_t len, int flags)
     return ::send(fd, buf, len < 7 ? len : 7, flags | MSG_NOSIGNAL);
 }
 
-int countingAvail(int fd, int* n)
+// Counts FIONREAD samples; fails with g_failErrno while g_availFails is set.
+std::atomic<bool> g_availFails{false};
+int fakeAvail(int fd, int* n)
 {
     ++g_availCalls;
-    return ::ioctl(fd, FIONREAD, n);
-}
-
-int failingAvail(int, int* n)
-{
+    if (!g_availFails) return ::ioctl(fd, FIONREAD, n);
     *n = 0;
     errno = g_failErrno.load();
     return -1;
@@ -98,13 +95,6 @@ void failSend(int n, int err)
     socketSeams().sendFn = failingSend;
 }
 
-std::string str(const Hex8& v)
-{
-    std::ostringstream os;
-    os << v;
-    return os.str();
-}
-
 std::string errText(const char* head, int err, const char* tail = "\n")
 {
     return head + std::to_string(err) + "] " + gai_strerror(err) + tail;
@@ -123,7 +113,8 @@ struct SocketFixture : testing::Test {
         g_sleeps.clear();
         socketSeams().sleepMs = [](unsigned ms) { g_sleeps.push_back(ms); };
         g_availCalls = 0;
-        socketSeams().availFn = countingAvail;
+        g_availFails = false;
+        socketSeams().availFn = fakeAvail;
     }
     // A fresh connection on every call, so that tables can loop over it.
     void open()
@@ -174,8 +165,6 @@ using WriterFixture = SocketFixture;
 
 } // namespace
 
-// --- well-formed frames -----------------------------------------------------
-
 // Frames in both byte orders, read into host order; all that waits, link
 // test headers included, is taken by a single recv and nothing is purged.
 TEST_F(ReaderFixture, FramesInBothByteOrdersAndLinkTestsShareOneRecv)
@@ -212,9 +201,7 @@ TEST_F(ReaderFixture, BodyIsRequestedInPiecesOf2048)
     for (const auto& [payload, requests] : cases) {
         SCOPED_TRACE(payload);
         open();
-        FrameSpec f;
-        f.order = hostOrder();
-        f.payload = payload;
+        const FrameSpec f = spec(payload, 0, hostOrder());
         ASSERT_TRUE(writeAll(fds.b, buildFrame(f)));
         failRecv(0);
         socketTraceFeature().SetMask(SOCK_TRACE_CONNECT);
@@ -234,13 +221,10 @@ TEST_F(ReaderFixture, BodyIsRequestedInPiecesOf2048)
 // program stops between two pieces, the bytes already received for the rest
 // of the body are kept: the next read continues the stream where the kernel
 // would have.
-TEST_F(ReaderFixture, LargeBodyIsReceivedInPlaceAndAnUnfinishedOneKeepsItsRest)
+TEST_F(ReaderFixture, LargeBodiesAreReceivedInPlace)
 {
     bigSendBuffer();
-    FrameSpec f, next;
-    f.payload = 200000;
-    next.payload = 5;
-    next.tag = 3;
+    const FrameSpec f = spec(200000), next = spec(5, 3);
     const std::string frame = buildFrame(f);
     ASSERT_TRUE(writeAll(fds.b, frame + buildFrame(next)));
     failRecv(0);
@@ -271,38 +255,41 @@ TEST_F(ReaderFixture, LargeBodyIsReceivedInPlaceAndAnUnfinishedOneKeepsItsRest)
     ASSERT_TRUE(writeAll(fds.b, buildFrame(next)));
     ASSERT_TRUE(get());
     expectFrame(ctl, body.data(), next);
-}
 
-// The same when the body trickles in after its headers: the reader keeps
-// asking for the rest until the body is whole.
-TEST_F(ReaderFixture, LargeBodyArrivingInPiecesAfterItsHeaders)
-{
-    FrameSpec f;
-    f.payload = 3 * OsSocket::READ_AHEAD_SIZE + 123;
-    f.order = Order::Little;
-    const std::string frame = buildFrame(f);
-    ASSERT_TRUE(writeAll(fds.b, frame.substr(0, 40 + 10)));
+    // A body trickling in after its headers: the reader asks for the rest
+    // until the body is whole.
+    const FrameSpec trickled = spec(3 * OsSocket::READ_AHEAD_SIZE + 123, 0, Order::Little);
+    const std::string third = buildFrame(trickled);
+    ASSERT_TRUE(writeAll(fds.b, third.substr(0, 40 + 10)));
     std::thread writer([&] {
-        for (std::size_t at = 50; at < frame.size(); at += 5000) {
+        for (std::size_t at = 50; at < third.size(); at += 5000) {
             std::this_thread::yield();
-            writeAll(fds.b, frame.substr(at, 5000));
+            writeAll(fds.b, third.substr(at, 5000));
         }
     });
-    std::vector<char> buf(frame.size());
     const bool ok = getInto(buf);
     writer.join();
     ASSERT_TRUE(ok);
-    expectFrame(ctl, buf.data(), f);
+    expectFrame(ctl, buf.data(), trickled);
 }
 
-// A byte held ahead is ready at once: Read must not wait for the kernel
-// to report more (here nothing more ever comes).
-TEST_F(ReaderFixture, ByteHeldAheadIsReadWithoutWaiting)
+// The allocating reader sizes the body exactly, and gives a body shorter
+// than an application header a whole, zero-filled header. A byte held ahead
+// after them is ready at once: Read must not wait for the kernel to report
+// more (here nothing more ever comes).
+TEST_F(ReaderFixture, AllocatingReaderSizesTheBodyAndHeldBytesNeedNoWait)
 {
-    FrameSpec f;
-    f.payload = 3;
-    ASSERT_TRUE(writeAll(fds.b, buildFrame(f) + "Z"));
-    ASSERT_TRUE(get());
+    const FrameSpec f = spec(3000, 0, otherOrder());
+    FrameSpec shortBody;
+    shortBody.sizeOverride = 5;
+    ASSERT_TRUE(writeAll(fds.b, buildFrame(f) + buildFrame(shortBody).substr(0, 12 + 5) + "Z"));
+    ASSERT_TRUE(getAlloc(&f));
+    ORV_APP_MSG* app = nullptr;
+    ASSERT_TRUE(sock->GetOrvMessageWithAppMsgMemAlloc(&ctl, app));
+    ASSERT_NE(app, nullptr);
+    EXPECT_EQ(ctl.getSize(), 5u);
+    EXPECT_EQ(app->getAppSize(), 0u); // zero-filled beyond the five bytes read
+    delete[] reinterpret_cast<char*>(app);
     char c = 0;
     unsigned got = 0;
     std::atomic<bool> done{false};
@@ -317,33 +304,11 @@ TEST_F(ReaderFixture, ByteHeldAheadIsReadWithoutWaiting)
     EXPECT_EQ(std::make_pair(c, got), std::make_pair('Z', 1u));
 }
 
-// The allocating reader sizes the body exactly, and gives a body shorter
-// than an application header a whole, zero-filled header.
-TEST_F(ReaderFixture, AllocatingReaderSizesTheBody)
-{
-    FrameSpec f, shortBody;
-    f.order = otherOrder();
-    f.payload = 3000;
-    shortBody.sizeOverride = 5;
-    ASSERT_TRUE(writeAll(fds.b, buildFrame(f) + buildFrame(shortBody).substr(0, 12 + 5)));
-    ASSERT_TRUE(getAlloc(&f));
-    ORV_APP_MSG* app = nullptr;
-    ASSERT_TRUE(sock->GetOrvMessageWithAppMsgMemAlloc(&ctl, app));
-    ASSERT_NE(app, nullptr);
-    EXPECT_EQ(ctl.getSize(), 5u);
-    EXPECT_EQ(app->getAppSize(), 0u); // zero-filled beyond the five bytes read
-    delete[] reinterpret_cast<char*>(app);
-}
-
-// --- bad headers: message, purge, and the next frame still arrives ----------
-
 TEST_F(ReaderFixture, BadHeadersArePurgedAndTheNextFrameIsRead)
 {
-    FrameSpec oversize, zero, badMarker, otherMarker;
-    oversize.payload = 200;
+    FrameSpec zero, badMarker = spec(16), otherMarker;
     zero.sizeOverride = 0;
     badMarker.marker = 0x58585858; // "XXXX"
-    badMarker.payload = 16;
     otherMarker.marker = 0x01020304;
     const std::string zeroSize = "ReadCtlMsgCommon: IP[0.0.0.0] ORV_APP_MSG size (as provided in ORV_CTL_MSG) is 0.\n";
     const struct {
@@ -358,7 +323,7 @@ TEST_F(ReaderFixture, BadHeadersArePurgedAndTheNextFrameIsRead)
          kBuf},
         {"size zero with stale bytes", buildFrame(zero) + std::string(37, 'j'), zeroSize, kBuf},
         {"size zero alone", buildFrame(zero).substr(0, 12), zeroSize, kBuf},
-        {"larger than the buffer", buildFrame(oversize),
+        {"larger than the buffer", buildFrame(spec(200)),
          "ReadCtlMsg: IP[0.0.0.0] ORV_CTL_MSG size [228] (as provided in ORV_CTL_MSG) is larger than expected "
          "size[100]\n",
          100},
@@ -367,9 +332,7 @@ TEST_F(ReaderFixture, BadHeadersArePurgedAndTheNextFrameIsRead)
         SCOPED_TRACE(c.name);
         open();
         g_availCalls = 0;
-        FrameSpec good;
-        good.payload = 30;
-        good.tag = 9;
+        const FrameSpec good = spec(30, 9);
         std::thread peer([&] {
             writeAll(fds.b, c.bad);
             // The good frame must arrive after the purge sampled the input.
@@ -393,11 +356,9 @@ TEST_F(ReaderFixture, BadHeadersArePurgedAndTheNextFrameIsRead)
 
 TEST_F(ReaderFixture, NewDescriptorDropsBytesHeldForTheOldOne)
 {
-    FrameSpec first, stale, fresh;
-    first.tag = 1;
-    stale.tag = stale.seqNbr = 2;
-    fresh.tag = fresh.seqNbr = 3;
-    fresh.payload = 12;
+    FrameSpec first = spec(0, 1), stale = spec(0, 2), fresh = spec(12, 3);
+    stale.seqNbr = 2;
+    fresh.seqNbr = 3;
     ASSERT_TRUE(writeAll(fds.b, buildFrame(first) + buildFrame(stale)));
     ASSERT_TRUE(get());
     expectFrame(ctl, body.data(), first);
@@ -412,13 +373,11 @@ TEST_F(ReaderFixture, NewDescriptorDropsBytesHeldForTheOldOne)
     expectFrame(ctl, body.data(), fresh);
 }
 
-// --- the peer goes away, shutdown, bad arguments -------------------------------
-
-TEST_F(ReaderFixture, PeerClosingEndsTheReadWithoutAFrame)
+// The peer closing, a shutdown or the program's end stop the read without a
+// frame, and so do bad arguments.
+TEST_F(ReaderFixture, ReadEndsWithoutAFrame)
 {
-    FrameSpec f;
-    f.payload = 3000;
-    const std::string frame = buildFrame(f);
+    const std::string frame = buildFrame(spec(3000));
     for (std::size_t sent : {0, 5, 12 + 2100}) { // between frames, in the header, in the body
         SCOPED_TRACE(sent);
         open();
@@ -434,10 +393,7 @@ TEST_F(ReaderFixture, PeerClosingEndsTheReadWithoutAFrame)
                                  : "ReadAppMsg: IP[0.0.0.0] Reading ORV_APP_MSG failed. Wanted [980] bytes.  "
                                    "Read [52] bytes.\n");
     }
-}
-
-TEST_F(ReaderFixture, ShutdownOrProgramEndWhileWaitingEndsTheRead)
-{
+    open();
     TraceCapture cap;
     std::thread stopper([&] {
         std::this_thread::sleep_for(std::chrono::milliseconds(30));
@@ -455,10 +411,6 @@ TEST_F(ReaderFixture, ShutdownOrProgramEndWhileWaitingEndsTheRead)
     EXPECT_FALSE(get());
     cap2.text();
     EXPECT_TRUE(sock->Shuttingdown());
-}
-
-TEST_F(ReaderFixture, BadArgumentsAreRefused)
-{
     EXPECT_FALSE(sock->GetOrvMessage(nullptr, reinterpret_cast<ORV_APP_MSG*>(body.data()), kBuf));
     EXPECT_FALSE(sock->GetOrvMessage(&ctl, nullptr, kBuf));
     EXPECT_FALSE(get(27)); // cannot even hold the application header
@@ -471,8 +423,6 @@ TEST_F(ReaderFixture, BadArgumentsAreRefused)
     EXPECT_FALSE(unprepared.Read(&c, 1, &got));
 }
 
-// --- interrupted and failed reads, purging -------------------------------------
-
 // Four interrupts are retried after a pause each; the fifth in a row fails
 // the read, with a message only under the INTERRUPT bit.
 TEST_F(ReaderFixture, FiveInterruptsInARowFailTheRead)
@@ -480,8 +430,7 @@ TEST_F(ReaderFixture, FiveInterruptsInARowFailTheRead)
     for (int err : {EINTR, EAGAIN}) {
         SCOPED_TRACE(err);
         open();
-        FrameSpec f;
-        f.payload = 10;
+        const FrameSpec f = spec(10);
         ASSERT_TRUE(writeAll(fds.b, buildFrame(f)));
         g_sleeps.clear();
         failRecv(4, err);
@@ -519,8 +468,7 @@ TEST_F(ReaderFixture, FiveInterruptsInARowFailTheRead)
     }
     // Four interrupts before every single byte: never five in a row.
     open();
-    FrameSpec f;
-    f.payload = 3;
+    const FrameSpec f = spec(3);
     ASSERT_TRUE(writeAll(fds.b, buildFrame(f)));
     g_recvCalls = 0;
     socketSeams().recvFn = interleavedRecv;
@@ -583,7 +531,7 @@ TEST_F(ReaderFixture, ReadReadyAndWaitForAllDataReportWhatWaits)
 
     // An interrupted FIONREAD is tolerated (always traced); other failures
     // are errors, traced under the INTERRUPT bit.
-    socketSeams().availFn = failingAvail;
+    g_availFails = true;
     g_failErrno = EINTR;
     {
         TraceCapture cap;
@@ -619,9 +567,7 @@ TEST_F(ReaderFixture, TraceBitsReportTheWaitAndDumpHeaderAndFirstPiece)
                   "waitForReadySocket: IP[0.0.0.0] nReadySockets[1] Shuttingdown()[false] bSockErr[false]\n"
                   "readAllData: IP[0.0.0.0] nRequestedBytes[1]\n");
     }
-    FrameSpec f;
-    f.payload = 50;
-    ASSERT_TRUE(writeAll(fds.b, buildFrame(f)));
+    ASSERT_TRUE(writeAll(fds.b, buildFrame(spec(50))));
     socketTraceFeature().SetMask(SOCK_TRACE_RAW);
     TraceCapture cap;
     ASSERT_TRUE(get());
@@ -629,8 +575,6 @@ TEST_F(ReaderFixture, TraceBitsReportTheWaitAndDumpHeaderAndFirstPiece)
     EXPECT_EQ(countOf(out, "ReadCtlMsgCommon: raw[12] bytes\n  0000  4D 53 47 3A 00 00 00 01 00 00 00 4E"), 1u) << out;
     EXPECT_EQ(countOf(out, "ReadAppMsg: raw[32] bytes\n  0000  43 4D 44 3A"), 1u) << out;
 }
-
-// --- the writer --------------------------------------------------------------
 
 // More pieces than one gathered write takes, empty ones among them, and more
 // bytes than the socket holds: partial writes must resume mid-piece.
@@ -702,7 +646,8 @@ TEST_F(WriterFixture, FiveWouldBlocksAreRetriedTheSixthFails)
     EXPECT_EQ(sock->GetLastError(), EAGAIN);
     EXPECT_TRUE(sock->HasError());
     EXPECT_TRUE(sock->Shuttingdown());
-    const std::string failed = "SendBD: IP[0.0.0.0] pBD[" + str(hex8(&bd)) + "] FAILED TO send nBytes[40] errNum[";
+    const std::string failed =
+        "SendBD: IP[0.0.0.0] pBD[" + testing::PrintToString(hex8(&bd)) + "] FAILED TO send nBytes[40] errNum[";
     EXPECT_EQ(countOf(out, errText(failed.c_str(), EAGAIN)), 1u) << out;
     EXPECT_EQ(countOf(out, "SendBD: Error sending nBytesToSend[40]"), 6u) << out;
     // Sticky: the next send fails without trying.
@@ -763,11 +708,11 @@ TEST_F(WriterFixture, SendTraceBitsDescribeEachStep)
     socketTraceFeature().SetMask(SOCK_TRACE_SEND_BD | SOCK_TRACE_SEND_CALL);
     TraceCapture cap;
     ASSERT_TRUE(sock->SendBD(&bd));
-    EXPECT_EQ(cap.text(), "SendBD: Sending nBytes[4] of data at [" + str(hex8(data)) + "]\n" +
+    EXPECT_EQ(cap.text(), "SendBD: Sending nBytes[4] of data at [" + testing::PrintToString(hex8(data)) + "]\n" +
                               onSocket("SendBD: Sending nBytesToSend[4] on Socket[") +
                               onSocket("SendBD: Sent nBytesSent[4] on Socket[") +
                               "SendBD: raw[4] bytes\n  0000  4D 53 47 3A" + std::string(12 * 3, ' ') + "  MSG:\n" +
-                              "SendBD: IP[0.0.0.0] pBD[" + str(hex8(&bd)) + "] Sent nBytes[4]\n");
+                              "SendBD: IP[0.0.0.0] pBD[" + testing::PrintToString(hex8(&bd)) + "] Sent nBytes[4]\n");
     EXPECT_EQ(received(4), "MSG:");
 }
 

@@ -65,6 +65,15 @@ struct FrameSpec {
     long long sizeOverride = -1;
 };
 
+inline FrameSpec spec(std::uint32_t payload, std::uint32_t tag = 0, Order order = Order::Big)
+{
+    FrameSpec f;
+    f.order = order;
+    f.payload = payload;
+    f.tag = tag;
+    return f;
+}
+
 // Control header, application header and payload as they travel.
 inline std::string buildFrame(const FrameSpec& f)
 {
