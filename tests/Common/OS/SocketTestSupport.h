@@ -12,9 +12,9 @@
 #include <string>
 #include <vector>
 
+#include "Common/OS/Linux/PlatformTestSupport.h"
 #include "Common/OS/OsSocket.h"
 #include "Common/OS/OsSocketDebug.h"
-#include "Common/OS/Linux/PlatformTestSupport.h"
 #include "support/PlainSocketIo.h"
 
 namespace sock_test {
@@ -27,24 +27,13 @@ inline Order hostOrder()
     const std::uint16_t one = 1;
     return *reinterpret_cast<const unsigned char*>(&one) == 0 ? Order::Big : Order::Little;
 }
-inline Order otherOrder()
-{
-    return hostOrder() == Order::Big ? Order::Little : Order::Big;
-}
 
 inline void putWord(std::string& s, std::uint32_t w, Order o)
 {
-    const unsigned char b[4] = {static_cast<unsigned char>(w >> 24), static_cast<unsigned char>(w >> 16),
-                                static_cast<unsigned char>(w >> 8), static_cast<unsigned char>(w)};
-    if (o == Order::Big)
-        s.append(reinterpret_cast<const char*>(b), 4);
-    else
-        for (int i = 3; i >= 0; --i) s.push_back(static_cast<char>(b[i]));
+    for (int i = 0; i < 4; ++i) s.push_back(static_cast<char>(w >> (o == Order::Big ? 24 - 8 * i : 8 * i)));
 }
 
 constexpr std::uint32_t kMarker = 0x4D53473A; // "MSG:"
-constexpr std::uint32_t kTest = 0x5453543A;   // "TST:"
-constexpr std::uint32_t kLink = 0x4C494E4B;   // "LINK"
 constexpr std::uint32_t kCmd = 0x434D443A;    // "CMD:"
 
 // Payload byte i of a frame tagged tag.
@@ -79,26 +68,10 @@ inline std::string buildFrame(const FrameSpec& f)
 {
     std::string s;
     const std::uint32_t size = f.sizeOverride >= 0 ? static_cast<std::uint32_t>(f.sizeOverride) : 28 + f.payload;
-    putWord(s, f.marker, f.order);
-    putWord(s, f.manager, f.order);
-    putWord(s, size, f.order);
-    putWord(s, kCmd, f.order);
-    putWord(s, f.cmdCode, f.order);
-    putWord(s, f.seqNbr, f.order);
-    putWord(s, 1, f.order);  // msgStat
-    putWord(s, 25, f.order); // srcAddr
-    putWord(s, 0, f.order);  // appError
-    putWord(s, f.payload, f.order);
+    // msgStat 1, srcAddr 25, appError 0
+    for (std::uint32_t w : {f.marker, f.manager, size, kCmd, f.cmdCode, f.seqNbr, 1u, 25u, 0u, f.payload})
+        putWord(s, w, f.order);
     for (std::uint32_t i = 0; i < f.payload; ++i) s.push_back(payloadByte(f.tag, i));
-    return s;
-}
-
-inline std::string linkTestHeader(Order o)
-{
-    std::string s;
-    putWord(s, kTest, o);
-    putWord(s, kLink, o);
-    putWord(s, 12, o);
     return s;
 }
 
@@ -126,19 +99,6 @@ using ::writeAll;
 inline bool writeAll(int fd, const std::string& s)
 {
     return writeAll(fd, s.data(), s.size());
-}
-
-inline bool readAll(int fd, void* data, std::size_t n)
-{
-    char* p = static_cast<char*>(data);
-    while (n > 0) {
-        const ssize_t k = ::recv(fd, p, n, 0);
-        if (k < 0 && errno == EINTR) continue;
-        if (k <= 0) return false;
-        p += k;
-        n -= static_cast<std::size_t>(k);
-    }
-    return true;
 }
 
 inline int waiting(int fd)
