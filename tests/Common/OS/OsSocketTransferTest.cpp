@@ -408,11 +408,6 @@ TEST_F(ReaderFixture, ReadEndsWithoutAFrame)
               "ReadCtlMsgCommon: IP[0.0.0.0] Short ORV_CTL_MSG.  Expected [12] bytes.  Received [0] bytes.\n");
 
     open();
-    OsSocket::setProgramTerminating(true);
-    TraceCapture cap2;
-    EXPECT_FALSE(get());
-    cap2.text();
-    EXPECT_TRUE(sock->Shuttingdown());
     EXPECT_FALSE(sock->GetOrvMessage(nullptr, reinterpret_cast<ORV_APP_MSG*>(body.data()), kBuf));
     EXPECT_FALSE(sock->GetOrvMessage(&ctl, nullptr, kBuf));
     EXPECT_FALSE(get(27)); // cannot even hold the application header
@@ -423,6 +418,11 @@ TEST_F(ReaderFixture, ReadEndsWithoutAFrame)
     EXPECT_FALSE(sock->Read(&c, 0, &got));
     OsSocket unprepared;
     EXPECT_FALSE(unprepared.Read(&c, 1, &got));
+    OsSocket::setProgramTerminating(true);
+    TraceCapture cap2;
+    EXPECT_FALSE(get());
+    cap2.text();
+    EXPECT_TRUE(sock->Shuttingdown());
 }
 
 // Four interrupts are retried after a pause each; the fifth in a row fails

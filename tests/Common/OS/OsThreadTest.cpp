@@ -80,7 +80,9 @@ TEST(OsThreadTest, StartedThreadRunsUntilShutdownDeletesItselfAndIsNamed)
     EXPECT_STREQ("", named.GetThreadName());
 }
 
-TEST(OsThreadTest, RunExecutesInTheCallingThreadAfterSetup)
+// Run executes in the calling thread after Setup; only destroying a running
+// object is reported.
+TEST(OsThreadTest, RunInlineAndDestruction)
 {
     WorkerState s;
     OsThreadTestWorker t(s, "inline", 0);
@@ -89,10 +91,10 @@ TEST(OsThreadTest, RunExecutesInTheCallingThreadAfterSetup)
     EXPECT_EQ(&x, t.Run(&x));
     EXPECT_TRUE(s.setUp);
     EXPECT_TRUE(s.terminating);
-}
+    testing::internal::CaptureStdout();
+    delete new OsThreadTestWorker(s);
+    EXPECT_EQ("", testing::internal::GetCapturedStdout());
 
-TEST(OsThreadTest, DestroyingARunningObjectIsReported)
-{
     struct Running : OsThread {
         Running() : OsThread("running", 0) { bThreadTerminating = false; }
     };
@@ -100,10 +102,6 @@ TEST(OsThreadTest, DestroyingARunningObjectIsReported)
     delete new Running;
     EXPECT_THAT(testing::internal::GetCapturedStdout(),
                 testing::HasSubstr("~OsThread: CALLED OUTSIDE OF EXECUTION THREAD FOR APP TYPE["));
-    WorkerState s;
-    testing::internal::CaptureStdout();
-    delete new OsThreadTestWorker(s);
-    EXPECT_EQ("", testing::internal::GetCapturedStdout());
 }
 
 TEST(OsThreadTest, PriorityCallsReportFailureAsTrue)
