@@ -136,9 +136,7 @@ TEST_F(SocketFixture, ClientPreparationSetsEveryOptionAndTracesItWithItsBit)
     for (bool on : {true, false}) {
         socketTraceFeature().SetMask(on ? SOCK_TRACE_OPTIONS | SOCK_TRACE_CONNECT : 0);
         OsSocket s("sw", loopback(1), TCP_CLIENT, 3);
-        TraceCapture cap;
-        ASSERT_TRUE(s.PrepareSocket());
-        const std::string out = cap.text();
+        const std::string out = traced([&] { EXPECT_TRUE(s.PrepareSocket()); });
         const std::string fd = std::to_string(s.GetSocket());
         std::string want;
         for (const char* line :
@@ -176,9 +174,8 @@ TEST_F(SocketFixture, ClientPreparationSetsEveryOptionAndTracesItWithItsBit)
 
     OsSocket noKeepAlive("sw", loopback(1), TCP_CLIENT, 3);
     noKeepAlive.SetKeepAlive(false);
-    TraceCapture cap;
-    ASSERT_TRUE(noKeepAlive.PrepareSocket());
-    EXPECT_EQ(cap.text(), "setKeepAliveOptions: PrepareTCPSocket(): SOCKET DOES NOT HAVE KEEPALIVE ENABLED.\n");
+    EXPECT_EQ(traced([&] { EXPECT_TRUE(noKeepAlive.PrepareSocket()); }),
+              "setKeepAliveOptions: PrepareTCPSocket(): SOCKET DOES NOT HAVE KEEPALIVE ENABLED.\n");
     EXPECT_EQ(intOption(noKeepAlive.GetSocket(), SOL_SOCKET, SO_KEEPALIVE), 0);
 }
 
@@ -204,9 +201,7 @@ TEST_F(SocketFixture, OptionFailuresAreAlwaysTraced)
 
     OsSocket udp("", loopback(0), UDP_SERVICE, 0);
     ASSERT_TRUE(udp.PrepareSocket());
-    TraceCapture cap2;
-    EXPECT_TRUE(udp.setTxTimeoutOption(udp.GetSocket(), "Tester"));
-    EXPECT_EQ(cap2.text(), "");
+    EXPECT_EQ(traced([&] { EXPECT_TRUE(udp.setTxTimeoutOption(udp.GetSocket(), "Tester")); }), "");
     EXPECT_TRUE(udp.setRxTimeoutOption(udp.GetSocket()));
 }
 
@@ -214,9 +209,7 @@ TEST_F(SocketFixture, BusyPortIsRetriedEveryFourSecondsForTwentyMinutes)
 {
     PortHolder holder;
     OsSocket server("", loopback(holder.port), TCP_SERVER, 0);
-    TraceCapture cap;
-    EXPECT_FALSE(server.PrepareSocket());
-    const std::string out = cap.text();
+    const std::string out = traced([&] { EXPECT_FALSE(server.PrepareSocket()); });
     EXPECT_TRUE(server.HasError());
     EXPECT_EQ(server.GetTcpState(), TCP_NOT_INIT);
     EXPECT_EQ(g_sleeps, std::vector<unsigned>(300, 4000));
@@ -236,9 +229,7 @@ TEST_F(SocketFixture, BindRetriesEndOnSuccessTerminationOrAFatalError)
     g_releaseAfterKills = 3;
     OsSocket::setApplicationName("SnmpAgent");
     OsSocket server("", loopback(holder.port), TCP_SERVER, 0);
-    TraceCapture cap;
-    EXPECT_TRUE(server.PrepareSocket());
-    cap.text();
+    traced([&] { EXPECT_TRUE(server.PrepareSocket()); });
     EXPECT_EQ(g_shell, std::vector<std::string>(3, "./KillOutstandingApp.sh SnmpAgent"));
     EXPECT_FALSE(server.HasError());
     EXPECT_EQ(server.GetTcpState(), TCP_INITIALIZED);
@@ -248,18 +239,14 @@ TEST_F(SocketFixture, BindRetriesEndOnSuccessTerminationOrAFatalError)
     g_shell.clear();
     g_terminateOnSleep = true;
     OsSocket stopped("", loopback(busy.port), TCP_SERVER, 0);
-    TraceCapture cap2;
-    EXPECT_FALSE(stopped.PrepareSocket());
-    cap2.text();
+    traced([&] { EXPECT_FALSE(stopped.PrepareSocket()); });
     EXPECT_EQ(g_sleeps.size(), 1u);
     EXPECT_TRUE(g_shell.empty());
 
     OsSocket::setProgramTerminating(false);
     g_sleeps.clear();
     OsSocket fatal("", c_sockaddr(AF_INET, c_inaddr("192.0.2.1"), htons(5000)), TCP_SERVER, 0);
-    TraceCapture cap3;
-    EXPECT_FALSE(fatal.PrepareSocket());
-    const std::string out = cap3.text();
+    const std::string out = traced([&] { EXPECT_FALSE(fatal.PrepareSocket()); });
     EXPECT_EQ(countOf(out, "PrepareTcpServerSocket: Fatal bind error [" + std::to_string(EADDRNOTAVAIL) + "]"), 1u)
         << out;
     EXPECT_TRUE(g_sleeps.empty());
@@ -350,10 +337,7 @@ TEST_F(SocketFixture, FailedConnections)
     PortHolder bound(false);
     OsSocket client("sw", loopback(bound.port), TCP_CLIENT, 3);
     ASSERT_TRUE(client.PrepareSocket());
-    socketTraceFeature().SetMask(SOCK_TRACE_CONNECT);
-    TraceCapture cap;
-    EXPECT_FALSE(client.Connect());
-    const std::string out = cap.text();
+    const std::string out = traced([&] { EXPECT_FALSE(client.Connect()); }, SOCK_TRACE_CONNECT);
     EXPECT_TRUE(client.HasError());
     EXPECT_EQ(client.GetLastError(), ECONNREFUSED);
     EXPECT_EQ(out, "Connect Socket[" + std::to_string(client.GetSocket()) +
@@ -381,9 +365,7 @@ TEST_F(SocketFixture, ShutdownAcceptCloseAndPrepareAgain)
     ASSERT_TRUE(server.PrepareSocket());
     server.SignalShutdown();
     {
-        TraceCapture cap;
-        EXPECT_EQ(server.Accept(), nullptr);
-        EXPECT_EQ(cap.text(),
+        EXPECT_EQ(traced([&] { EXPECT_EQ(server.Accept(), nullptr); }),
                   "Accept: Remote clientSocket[" + std::to_string(server.GetSocket()) + "] is shutting down!\n");
     }
     const std::size_t open = countOpenFds();
@@ -398,9 +380,7 @@ TEST_F(SocketFixture, ShutdownAcceptCloseAndPrepareAgain)
     EXPECT_TRUE(OsSocket::isProgramTerminating());
     OsSocket other("", loopback(0), TCP_SERVER, 0);
     EXPECT_TRUE(other.Shuttingdown());
-    TraceCapture cap;
-    EXPECT_EQ(other.Accept(), nullptr);
-    EXPECT_EQ(cap.text(), "Accept: Program is terminating!\n");
+    EXPECT_EQ(traced([&] { EXPECT_EQ(other.Accept(), nullptr); }), "Accept: Program is terminating!\n");
 }
 
 TEST_F(SocketFixture, CloseWakesABlockedReader)
@@ -452,9 +432,7 @@ TEST_F(SocketFixture, DatagramsTravelBetweenUdpSockets)
     EXPECT_EQ(std::string(buf, 8), "datagram");
     EXPECT_EQ(from.hostPort(), boundPort(a.GetSocket()));
     b.Close();
-    TraceCapture cap;
-    EXPECT_EQ(b.ReceiveFrom(buf, sizeof buf, nullptr), -1);
-    EXPECT_EQ(cap.text(),
+    EXPECT_EQ(traced([&] { EXPECT_EQ(b.ReceiveFrom(buf, sizeof buf, nullptr), -1); }),
               "ReceiveFrom: Socket[-1] errNum[" + std::to_string(EBADF) + "] " + gai_strerror(EBADF) + "\n");
 }
 

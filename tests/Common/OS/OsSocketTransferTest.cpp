@@ -206,10 +206,7 @@ TEST_F(ReaderFixture, BodyIsRequestedInPiecesOf2048)
         const FrameSpec f = spec(payload, 0, hostOrder());
         ASSERT_TRUE(writeAll(fds.b, buildFrame(f)));
         failRecv(0);
-        socketTraceFeature().SetMask(SOCK_TRACE_CONNECT);
-        TraceCapture cap;
-        ASSERT_TRUE(get());
-        const std::string out = cap.text();
+        const std::string out = traced([&] { EXPECT_TRUE(get()); }, SOCK_TRACE_CONNECT);
         expectFrame(ctl, body.data(), f);
         std::string want;
         for (unsigned n : requests) want += "readAllData: IP[0.0.0.0] nRequestedBytes[" + std::to_string(n) + "]\n";
@@ -385,9 +382,7 @@ TEST_F(ReaderFixture, ReadEndsWithoutAFrame)
         open();
         ASSERT_TRUE(writeAll(fds.b, frame.data(), sent));
         fds.closeB();
-        TraceCapture cap;
-        EXPECT_FALSE(get());
-        const std::string out = cap.text();
+        const std::string out = traced([&] { EXPECT_FALSE(get()); });
         EXPECT_TRUE(sock->HasError());
         EXPECT_TRUE(sock->Shuttingdown());
         EXPECT_EQ(sock->GetLastError(), 0);
@@ -419,9 +414,7 @@ TEST_F(ReaderFixture, ReadEndsWithoutAFrame)
     OsSocket unprepared;
     EXPECT_FALSE(unprepared.Read(&c, 1, &got));
     OsSocket::setProgramTerminating(true);
-    TraceCapture cap2;
-    EXPECT_FALSE(get());
-    cap2.text();
+    traced([&] { EXPECT_FALSE(get()); });
     EXPECT_TRUE(sock->Shuttingdown());
 }
 
@@ -437,9 +430,7 @@ TEST_F(ReaderFixture, FiveInterruptsInARowFailTheRead)
         g_sleeps.clear();
         failRecv(4, err);
         {
-            TraceCapture cap;
-            ASSERT_TRUE(get());
-            EXPECT_EQ(cap.text(), ""); // interrupt messages need their trace bit
+            EXPECT_EQ(traced([&] { EXPECT_TRUE(get()); }), ""); // interrupt messages need their trace bit
         }
         expectFrame(ctl, body.data(), f);
         EXPECT_EQ(g_sleeps.size(), 4u);
@@ -500,9 +491,8 @@ TEST_F(ReaderFixture, RecvErrorsAndPurge)
     ASSERT_TRUE(writeAll(fds.b, std::string(3000, 'p')));
     ASSERT_TRUE(sock->ReadReady());
     failRecv(1, ECONNRESET);
-    TraceCapture cap;
-    EXPECT_FALSE(sock->Read(c, 1, &got));
-    EXPECT_EQ(cap.text(), errText("readAllData: recv() failed.  IP[0.0.0.0] errNum[", ECONNRESET));
+    EXPECT_EQ(traced([&] { EXPECT_FALSE(sock->Read(c, 1, &got)); }),
+              errText("readAllData: recv() failed.  IP[0.0.0.0] errNum[", ECONNRESET));
     EXPECT_EQ(sock->GetLastError(), ECONNRESET);
     EXPECT_TRUE(g_sleeps.empty());
     EXPECT_TRUE(sock->HasError());
@@ -536,9 +526,7 @@ TEST_F(ReaderFixture, ReadReadyAndWaitForAllDataReportWhatWaits)
     g_availFails = true;
     g_failErrno = EINTR;
     {
-        TraceCapture cap;
-        EXPECT_EQ(sock->waitForAllData(1), 0);
-        EXPECT_EQ(cap.text(),
+        EXPECT_EQ(traced([&] { EXPECT_EQ(sock->waitForAllData(1), 0); }),
                   errText("waitForAllData: errNum[", 4, "] is INTERRUPT_ERROR[4] or TRY_AGAIN_ERROR[11]\n"));
         EXPECT_FALSE(sock->HasError());
     }
@@ -570,10 +558,7 @@ TEST_F(ReaderFixture, TraceBitsReportTheWaitAndDumpHeaderAndFirstPiece)
                   "readAllData: IP[0.0.0.0] nRequestedBytes[1]\n");
     }
     ASSERT_TRUE(writeAll(fds.b, buildFrame(spec(50))));
-    socketTraceFeature().SetMask(SOCK_TRACE_RAW);
-    TraceCapture cap;
-    ASSERT_TRUE(get());
-    const std::string out = cap.text();
+    const std::string out = traced([&] { EXPECT_TRUE(get()); }, SOCK_TRACE_RAW);
     EXPECT_EQ(countOf(out, "ReadCtlMsgCommon: raw[12] bytes\n  0000  4D 53 47 3A 00 00 00 01 00 00 00 4E"), 1u) << out;
     EXPECT_EQ(countOf(out, "ReadAppMsg: raw[32] bytes\n  0000  43 4D 44 3A"), 1u) << out;
 }
@@ -631,19 +616,14 @@ TEST_F(WriterFixture, FiveWouldBlocksAreRetriedTheSixthFails)
     TCP_BD bd{data, 40, nullptr};
     const std::string retry = onSocket("SendBD: Retrying send that would have blocked on Socket[");
     {
-        TraceCapture cap;
-        ASSERT_TRUE(sock->SendBD(&bd));
-        EXPECT_EQ(cap.text(), retry + retry + retry + retry + retry);
+        EXPECT_EQ(traced([&] { EXPECT_TRUE(sock->SendBD(&bd)); }), retry + retry + retry + retry + retry);
     }
     EXPECT_EQ(g_sleeps, (std::vector<unsigned>(5, 100)));
     EXPECT_EQ(received(40), std::string(40, '\0'));
 
     g_sleeps.clear();
     g_failures = 6;
-    socketTraceFeature().SetMask(SOCK_TRACE_SEND_ERROR);
-    TraceCapture cap;
-    EXPECT_FALSE(sock->SendBD(&bd));
-    const std::string out = cap.text();
+    const std::string out = traced([&] { EXPECT_FALSE(sock->SendBD(&bd)); }, SOCK_TRACE_SEND_ERROR);
     EXPECT_EQ(g_sleeps.size(), 5u);
     EXPECT_EQ(sock->GetLastError(), EAGAIN);
     EXPECT_TRUE(sock->HasError());
@@ -691,9 +671,7 @@ TEST_F(WriterFixture, OtherErrorsFailTheRestOfTheChainAndSignalShutdown)
     char a[12] = {}, b[28] = {};
     TCP_BD bd2{b, 28, nullptr};
     TCP_BD bd1{a, 12, &bd2};
-    TraceCapture cap;
-    EXPECT_FALSE(sock->SendBD(&bd1));
-    EXPECT_EQ(cap.text(), "");
+    EXPECT_EQ(traced([&] { EXPECT_FALSE(sock->SendBD(&bd1)); }), "");
     EXPECT_EQ(sock->GetLastError(), EPIPE);
     EXPECT_EQ(sock->MsgSent(), 1u);
     EXPECT_TRUE(sock->Shuttingdown());
@@ -708,13 +686,12 @@ TEST_F(WriterFixture, SendTraceBitsDescribeEachStep)
     char data[4] = {'M', 'S', 'G', ':'};
     TCP_BD bd{data, 4, nullptr};
     socketTraceFeature().SetMask(SOCK_TRACE_SEND_BD | SOCK_TRACE_SEND_CALL);
-    TraceCapture cap;
-    ASSERT_TRUE(sock->SendBD(&bd));
-    EXPECT_EQ(cap.text(), "SendBD: Sending nBytes[4] of data at [" + testing::PrintToString(hex8(data)) + "]\n" +
-                              onSocket("SendBD: Sending nBytesToSend[4] on Socket[") +
-                              onSocket("SendBD: Sent nBytesSent[4] on Socket[") +
-                              "SendBD: raw[4] bytes\n  0000  4D 53 47 3A" + std::string(12 * 3, ' ') + "  MSG:\n" +
-                              "SendBD: IP[0.0.0.0] pBD[" + testing::PrintToString(hex8(&bd)) + "] Sent nBytes[4]\n");
+    EXPECT_EQ(traced([&] { EXPECT_TRUE(sock->SendBD(&bd)); }),
+              "SendBD: Sending nBytes[4] of data at [" + testing::PrintToString(hex8(data)) + "]\n" +
+                  onSocket("SendBD: Sending nBytesToSend[4] on Socket[") +
+                  onSocket("SendBD: Sent nBytesSent[4] on Socket[") + "SendBD: raw[4] bytes\n  0000  4D 53 47 3A" +
+                  std::string(12 * 3, ' ') + "  MSG:\n" + "SendBD: IP[0.0.0.0] pBD[" +
+                  testing::PrintToString(hex8(&bd)) + "] Sent nBytes[4]\n");
     EXPECT_EQ(received(4), "MSG:");
 }
 

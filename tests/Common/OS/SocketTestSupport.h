@@ -151,6 +151,17 @@ private:
     bool done = false;
 };
 
+// What the socket layer traces while fn runs, under the given trace bits if
+// any are given.
+template <typename Fn>
+std::string traced(Fn fn, long long mask = -1)
+{
+    if (mask >= 0) socketTraceFeature().SetMask(static_cast<unsigned>(mask));
+    TraceCapture cap;
+    fn();
+    return cap.text();
+}
+
 inline std::size_t countOf(const std::string& text, const std::string& what)
 {
     std::size_t n = 0;
