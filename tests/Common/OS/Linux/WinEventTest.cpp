@@ -123,7 +123,8 @@ TEST(WinEventTest, OpenEventFindsTheLowerAddressAndCountsReferences)
     CloseHandle(any);
 }
 
-TEST(WinEventTest, WaitAnyPicksLowestSignalledIndexAndResetsOnlyAutoEvents)
+// Wait-any picks the lowest signalled index and resets only auto events.
+TEST(WinEventTest, WaitMultiple)
 {
     for (BOOL manual : {FALSE, TRUE}) {
         SCOPED_TRACE(manual ? "manual" : "auto");
@@ -149,10 +150,8 @@ TEST(WinEventTest, WaitAnyPicksLowestSignalledIndexAndResetsOnlyAutoEvents)
     EXPECT_TRUE(ev(e.h[2])->signaled());
     EXPECT_EQ(2u, WaitForMultipleObjects(3, e.h.data(), FALSE, 0));
     EXPECT_FALSE(ev(e.h[2])->signaled());
-}
 
-TEST(WinEventTest, WaitAllReportsObjectZeroOnlyWhenEveryWaitTimedOut)
-{
+    // Wait-all reports object zero only when every wait timed out.
     Events single(1, FALSE), two(2, TRUE);
     EXPECT_EQ(WAIT_OBJECT_0, WaitForMultipleObjects(1, single.h.data(), TRUE, 10));
     SetEvent(single.h[0]);
