@@ -95,7 +95,7 @@ struct SocketFixture : testing::Test {
 
 } // namespace
 
-TEST_F(SocketFixture, NewSocketsStartClosedAndAssignmentKeepsItsOwnHandles)
+TEST_F(SocketFixture, NewSocketsStartClosedAndCopiesKeepTheirOwnHandles)
 {
     const std::size_t before = OsSocket::createdSocketsCount();
     {
@@ -128,6 +128,10 @@ TEST_F(SocketFixture, NewSocketsStartClosedAndAssignmentKeepsItsOwnHandles)
     EXPECT_TRUE(b.Shuttingdown());
     EXPECT_FALSE(a.Shuttingdown());
     b.SetSocket(-1); // the descriptor stays a's
+    OsSocket c(a);
+    EXPECT_EQ(c.GetSocket(), a.GetSocket());
+    EXPECT_FALSE(c.HasError());
+    c.SetSocket(-1);
 }
 
 // Every option of a client socket, each traced only under its bit.

@@ -506,7 +506,9 @@ TEST_F(ReaderFixture, ReadReadyAndWaitForAllDataReportWhatWaits)
 {
     EXPECT_FALSE(sock->ReadReady());
     EXPECT_EQ(sock->waitForAllData(4), 0);
-    ASSERT_TRUE(writeAll(fds.b, "abcdef"));
+    ASSERT_TRUE(writeAll(fds.b, "a"));
+    EXPECT_EQ(sock->waitForAllData(1), 1);
+    ASSERT_TRUE(writeAll(fds.b, "bcdef"));
     EXPECT_TRUE(sock->ReadReady());
     EXPECT_EQ(sock->waitForAllData(4), 6);
     char buf[16];
