@@ -2,9 +2,7 @@
 // system calls replaced where a fault has to be injected.
 #include <atomic>
 #include <cerrno>
-#include <cstring>
 #include <memory>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -18,12 +16,12 @@ namespace {
 
 constexpr unsigned kBuf = 16384;
 
-// --- recv/send/FIONREAD replacements ---------------------------------------
-
 std::atomic<int> g_failures{0};
-std::atomic<int> g_failErrno{EINTR}; // 0: the call "sends" nothing instead
+std::atomic<int> g_failErrno{EINTR}; // 0: the send "sends" nothing instead
 std::vector<size_t> g_recvLens;
 std::vector<unsigned> g_sleeps;
+std::atomic<int> g_availCalls{0};
+std::atomic<unsigned> g_recvCalls{0};
 
 // Fails while failures are due, otherwise records the length asked for.
 ssize_t fakeRecv(int fd, void* buf, size_t len, int flags)
@@ -37,7 +35,7 @@ ssize_t fakeRecv(int fd, void* buf, size_t len, int flags)
     return ::recv(fd, buf, len, flags);
 }
 
-std::atomic<unsigned> g_recvCalls{0};
+// Four interrupts before every single byte.
 ssize_t interleavedRecv(int fd, void* buf, size_t len, int flags)
 {
     if (++g_recvCalls % 5 != 0) {
@@ -45,6 +43,14 @@ ssize_t interleavedRecv(int fd, void* buf, size_t len, int flags)
         return -1;
     }
     return ::recv(fd, buf, len < 1 ? len : 1, flags);
+}
+
+// Stops the program after the first recv into a body buffer.
+ssize_t terminatingRecv(int fd, void* buf, size_t len, int flags)
+{
+    const ssize_t n = ::recv(fd, buf, len, flags);
+    if (len > OsSocket::READ_AHEAD_SIZE) OsSocket::setProgramTerminating(true);
+    return n;
 }
 
 ssize_t failingSend(int fd, const void* buf, size_t len, int flags)
@@ -63,21 +69,12 @@ ssize_t shortSend(int fd, const void* buf, size_t len, int flags)
     return ::send(fd, buf, len < 7 ? len : 7, flags | MSG_NOSIGNAL);
 }
 
-void recordSleep(unsigned ms)
+// Counts FIONREAD samples; fails with g_failErrno while g_availFails is set.
+std::atomic<bool> g_availFails{false};
+int fakeAvail(int fd, int* n)
 {
-    g_sleeps.push_back(ms);
-}
-
-std::atomic<int> g_availCalls{0};
-int countingAvail(int fd, int* n)
-{
-    const int rc = ::ioctl(fd, FIONREAD, n);
     ++g_availCalls;
-    return rc;
-}
-
-int failingAvail(int, int* n)
-{
+    if (!g_availFails) return ::ioctl(fd, FIONREAD, n);
     *n = 0;
     errno = g_failErrno.load();
     return -1;
@@ -98,27 +95,6 @@ void failSend(int n, int err)
     socketSeams().sendFn = failingSend;
 }
 
-// Waits (bounded) until the reader has sampled FIONREAD count times, i.e.
-// purged that often.
-bool waitPurges(int count)
-{
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (g_availCalls.load() < count)
-        if (std::chrono::steady_clock::now() > end)
-            return false;
-        else
-            std::this_thread::sleep_for(std::chrono::microseconds(50));
-    return true;
-}
-
-template <typename T>
-std::string str(const T& v)
-{
-    std::ostringstream os;
-    os << v;
-    return os.str();
-}
-
 std::string errText(const char* head, int err, const char* tail = "\n")
 {
     return head + std::to_string(err) + "] " + gai_strerror(err) + tail;
@@ -135,7 +111,10 @@ struct SocketFixture : testing::Test {
     {
         open();
         g_sleeps.clear();
-        socketSeams().sleepMs = recordSleep;
+        socketSeams().sleepMs = [](unsigned ms) { g_sleeps.push_back(ms); };
+        g_availCalls = 0;
+        g_availFails = false;
+        socketSeams().availFn = fakeAvail;
     }
     // A fresh connection on every call, so that tables can loop over it.
     void open()
@@ -150,7 +129,7 @@ struct SocketFixture : testing::Test {
     std::string received(std::size_t n)
     {
         std::string s(n, '\0');
-        EXPECT_TRUE(readAll(fds.b, &s[0], n));
+        EXPECT_EQ(::recv(fds.b, &s[0], n, MSG_WAITALL), static_cast<ssize_t>(n));
         return s;
     }
     std::string onSocket(const char* head, const char* tail = "]\n")
@@ -160,6 +139,10 @@ struct SocketFixture : testing::Test {
     bool get(unsigned maxSize = kBuf)
     {
         return sock->GetOrvMessage(&ctl, reinterpret_cast<ORV_APP_MSG*>(body.data()), maxSize);
+    }
+    bool getInto(std::vector<char>& buf)
+    {
+        return sock->GetOrvMessage(&ctl, reinterpret_cast<ORV_APP_MSG*>(buf.data()), unsigned(buf.size()));
     }
     // The allocating reader; the body is checked against f and freed.
     bool getAlloc(const FrameSpec* f = nullptr)
@@ -171,17 +154,20 @@ struct SocketFixture : testing::Test {
         delete[] reinterpret_cast<char*>(app);
         return true;
     }
+    void bigSendBuffer()
+    {
+        const int big = 1 << 20;
+        ASSERT_EQ(::setsockopt(fds.b, SOL_SOCKET, SO_SNDBUF, &big, sizeof big), 0);
+    }
 };
 using ReaderFixture = SocketFixture;
 using WriterFixture = SocketFixture;
 
 } // namespace
 
-// --- well-formed frames -----------------------------------------------------
-
-// Frames in both byte orders, read into host order; all that waits is taken
-// by a single recv.
-TEST_F(ReaderFixture, FramesInBothByteOrdersShareOneRecv)
+// Frames in both byte orders, read into host order; all that waits, link
+// test headers included, is taken by a single recv and nothing is purged.
+TEST_F(ReaderFixture, FramesInBothByteOrdersAndLinkTestsShareOneRecv)
 {
     std::vector<FrameSpec> frames = {
         {Order::Big, kMarker, 1, 10002, 7, 0, 1},     {Order::Little, kMarker, 2, 10003, 8, 0, 2},
@@ -189,23 +175,27 @@ TEST_F(ReaderFixture, FramesInBothByteOrdersShareOneRecv)
         {Order::Big, kMarker, 4, 40010, 11, 2048, 5}, {Order::Little, kMarker, 5, 40010, 12, 2049, 6}};
     for (std::uint32_t i = 0; i < 300; ++i)
         frames.push_back({(i % 2) ? Order::Big : Order::Little, kMarker, 1, 10002, i, i % 7, i});
-    std::string stream;
+    std::string stream; // two link test headers: "TST:" "LINK" 12
+    for (Order o : {Order::Big, Order::Little})
+        for (std::uint32_t w : {0x5453543Au, 0x4C494E4Bu, 12u}) putWord(stream, w, o);
     for (const auto& f : frames) stream += buildFrame(f);
     ASSERT_LT(stream.size(), OsSocket::READ_AHEAD_SIZE);
     ASSERT_TRUE(writeAll(fds.b, stream));
     failRecv(0);
+    TraceCapture cap;
     for (const auto& f : frames) {
         SCOPED_TRACE(f.seqNbr);
         ASSERT_TRUE(get());
         expectFrame(ctl, body.data(), f);
     }
+    EXPECT_EQ(cap.text(), "ReadCtlMsgCommon: IP[0.0.0.0] Test msg\nReadCtlMsgCommon: IP[0.0.0.0] Test msg\n");
     EXPECT_EQ(g_recvLens.size(), 1u);
+    EXPECT_EQ(g_availCalls.load(), 0);
     EXPECT_FALSE(sock->ReadReady()); // nothing held back
 }
 
 // The reader asks for the header, then for the body in pieces of at most
-// 2048 bytes (the CONNECT bit traces each request); a frame that is all
-// waiting still costs a single recv.
+// 2048 bytes (the CONNECT bit traces each request).
 TEST_F(ReaderFixture, BodyIsRequestedInPiecesOf2048)
 {
     const std::vector<std::pair<std::uint32_t, std::vector<unsigned>>> cases = {
@@ -213,15 +203,10 @@ TEST_F(ReaderFixture, BodyIsRequestedInPiecesOf2048)
     for (const auto& [payload, requests] : cases) {
         SCOPED_TRACE(payload);
         open();
-        FrameSpec f;
-        f.order = hostOrder();
-        f.payload = payload;
+        const FrameSpec f = spec(payload, 0, hostOrder());
         ASSERT_TRUE(writeAll(fds.b, buildFrame(f)));
         failRecv(0);
-        socketTraceFeature().SetMask(SOCK_TRACE_CONNECT);
-        TraceCapture cap;
-        ASSERT_TRUE(get());
-        const std::string out = cap.text();
+        const std::string out = traced([&] { EXPECT_TRUE(get()); }, SOCK_TRACE_CONNECT);
         expectFrame(ctl, body.data(), f);
         std::string want;
         for (unsigned n : requests) want += "readAllData: IP[0.0.0.0] nRequestedBytes[" + std::to_string(n) + "]\n";
@@ -231,97 +216,72 @@ TEST_F(ReaderFixture, BodyIsRequestedInPiecesOf2048)
 }
 
 // A body larger than the read-ahead is received straight into the caller's
-// buffer, as much of it as waits, never past the body's end.
-TEST_F(ReaderFixture, LargeBodyIsReceivedInPlace)
+// buffer, as much of it as waits, never past the body's end. When the
+// program stops between two pieces, the bytes already received for the rest
+// of the body are kept: the next read continues the stream where the kernel
+// would have.
+TEST_F(ReaderFixture, LargeBodiesAreReceivedInPlace)
 {
-    const int big = 1 << 20;
-    ASSERT_EQ(::setsockopt(fds.b, SOL_SOCKET, SO_SNDBUF, &big, sizeof big), 0);
-    FrameSpec f, next;
-    f.payload = 200000;
-    next.payload = 5;
-    next.tag = 3;
+    bigSendBuffer();
+    const FrameSpec f = spec(200000), next = spec(5, 3);
     const std::string frame = buildFrame(f);
     ASSERT_TRUE(writeAll(fds.b, frame + buildFrame(next)));
     failRecv(0);
     std::vector<char> buf(frame.size());
-    ASSERT_TRUE(sock->GetOrvMessage(&ctl, reinterpret_cast<ORV_APP_MSG*>(buf.data()), frame.size()));
+    ASSERT_TRUE(getInto(buf));
     expectFrame(ctl, buf.data(), f);
     ASSERT_TRUE(get());
     expectFrame(ctl, body.data(), next);
     const std::vector<size_t> want = {OsSocket::READ_AHEAD_SIZE, frame.size() - OsSocket::READ_AHEAD_SIZE,
                                       OsSocket::READ_AHEAD_SIZE};
     EXPECT_EQ(g_recvLens, want);
-}
 
-// The same when the body trickles in after its headers: the reader keeps
-// asking for the rest until the body is whole.
-TEST_F(ReaderFixture, LargeBodyArrivingInPiecesAfterItsHeaders)
-{
-    FrameSpec f;
-    f.payload = 3 * OsSocket::READ_AHEAD_SIZE + 123;
-    f.order = Order::Little;
-    const std::string frame = buildFrame(f);
-    ASSERT_TRUE(writeAll(fds.b, frame.substr(0, 40 + 10)));
+    ASSERT_TRUE(writeAll(fds.b, frame));
+    ASSERT_EQ(waiting(sock->GetSocket()), static_cast<int>(frame.size()));
+    socketSeams().recvFn = terminatingRecv;
+    EXPECT_FALSE(getInto(buf));
+    OsSocket::setProgramTerminating(false);
+    failRecv(0);
+    EXPECT_EQ(waiting(sock->GetSocket()), 0);
+    const int held = sock->waitForAllData(1);
+    ASSERT_GT(held, static_cast<int>(OsSocket::READ_AHEAD_SIZE));
+    EXPECT_TRUE(sock->ReadReady());
+    std::string rest(static_cast<std::size_t>(held), '\0');
+    unsigned got = 0;
+    EXPECT_EQ(sock->readAllData(&rest[0], static_cast<unsigned>(held), &got), held);
+    EXPECT_TRUE(rest == frame.substr(frame.size() - static_cast<std::size_t>(held))) << "stream cut";
+    EXPECT_TRUE(g_recvLens.empty());
+    ASSERT_TRUE(writeAll(fds.b, buildFrame(next)));
+    ASSERT_TRUE(get());
+    expectFrame(ctl, body.data(), next);
+
+    // A body trickling in after its headers: the reader asks for the rest
+    // until the body is whole.
+    const FrameSpec trickled = spec(3 * OsSocket::READ_AHEAD_SIZE + 123, 0, Order::Little);
+    const std::string third = buildFrame(trickled);
+    ASSERT_TRUE(writeAll(fds.b, third.substr(0, 40 + 10)));
     std::thread writer([&] {
-        for (std::size_t at = 50; at < frame.size(); at += 5000) {
+        for (std::size_t at = 50; at < third.size(); at += 5000) {
             std::this_thread::yield();
-            writeAll(fds.b, frame.substr(at, 5000));
+            writeAll(fds.b, third.substr(at, 5000));
         }
     });
-    std::vector<char> buf(frame.size());
-    const bool ok = sock->GetOrvMessage(&ctl, reinterpret_cast<ORV_APP_MSG*>(buf.data()), unsigned(frame.size()));
+    const bool ok = getInto(buf);
     writer.join();
     ASSERT_TRUE(ok);
-    expectFrame(ctl, buf.data(), f);
-}
-
-// A byte held ahead is ready at once: Read must not wait for the kernel
-// to report more (here nothing more ever comes).
-TEST_F(ReaderFixture, ByteHeldAheadIsReadWithoutWaiting)
-{
-    FrameSpec f;
-    f.payload = 3;
-    ASSERT_TRUE(writeAll(fds.b, buildFrame(f) + "Z"));
-    ASSERT_TRUE(get());
-    char c = 0;
-    unsigned got = 0;
-    std::atomic<bool> done{false};
-    std::thread reader([&] {
-        sock->Read(&c, 1, &got);
-        done = true;
-    });
-    for (int i = 0; i < 10000 && !done; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    const bool inTime = done.load();
-    if (!inTime) sock->SignalShutdown(); // let a stuck reader go
-    reader.join();
-    EXPECT_TRUE(inTime);
-    EXPECT_EQ(std::make_pair(c, got), std::make_pair('Z', 1u));
-}
-
-TEST_F(ReaderFixture, LinkTestHeadersAreSkippedWithoutPurging)
-{
-    g_availCalls = 0;
-    socketSeams().availFn = countingAvail;
-    FrameSpec f;
-    f.payload = 40;
-    ASSERT_TRUE(writeAll(fds.b, linkTestHeader(Order::Big) + linkTestHeader(Order::Little) + buildFrame(f)));
-    TraceCapture cap;
-    ASSERT_TRUE(get());
-    const std::string out = cap.text();
-    expectFrame(ctl, body.data(), f);
-    EXPECT_EQ(countOf(out, "ReadCtlMsgCommon: IP[0.0.0.0] Test msg\n"), 2u) << out;
-    EXPECT_EQ(g_availCalls.load(), 0);
+    expectFrame(ctl, buf.data(), trickled);
 }
 
 // The allocating reader sizes the body exactly, and gives a body shorter
-// than an application header a whole, zero-filled header.
-TEST_F(ReaderFixture, AllocatingReaderSizesTheBody)
+// than an application header a whole, zero-filled header. A byte held ahead
+// after them is ready at once: Read must not wait for the kernel to report
+// more (here nothing more ever comes).
+TEST_F(ReaderFixture, AllocatingReaderSizesTheBodyAndHeldBytesNeedNoWait)
 {
-    FrameSpec f, shortBody;
-    f.order = otherOrder();
-    f.payload = 3000;
-    shortBody.sizeOverride = 5; // fewer bytes than an application header
-    ASSERT_TRUE(writeAll(fds.b, buildFrame(f) + buildFrame(shortBody).substr(0, 12 + 5)));
+    const FrameSpec f = spec(3000, 0, hostOrder() == Order::Big ? Order::Little : Order::Big);
+    FrameSpec shortBody;
+    shortBody.sizeOverride = 5;
+    ASSERT_TRUE(writeAll(fds.b, buildFrame(f) + buildFrame(shortBody).substr(0, 12 + 5) + "Z"));
     ASSERT_TRUE(getAlloc(&f));
     ORV_APP_MSG* app = nullptr;
     ASSERT_TRUE(sock->GetOrvMessageWithAppMsgMemAlloc(&ctl, app));
@@ -329,21 +289,26 @@ TEST_F(ReaderFixture, AllocatingReaderSizesTheBody)
     EXPECT_EQ(ctl.getSize(), 5u);
     EXPECT_EQ(app->getAppSize(), 0u); // zero-filled beyond the five bytes read
     delete[] reinterpret_cast<char*>(app);
+    char c = 0;
+    unsigned got = 0;
+    std::atomic<bool> done{false};
+    std::thread reader([&] {
+        sock->Read(&c, 1, &got);
+        done = true;
+    });
+    const bool inTime = tavro_test::eventually([&] { return done.load(); });
+    if (!inTime) sock->SignalShutdown(); // let a stuck reader go
+    reader.join();
+    EXPECT_TRUE(inTime);
+    EXPECT_EQ(std::make_pair(c, got), std::make_pair('Z', 1u));
 }
-
-// --- bad headers: message, purge, and the next frame still arrives ----------
 
 TEST_F(ReaderFixture, BadHeadersArePurgedAndTheNextFrameIsRead)
 {
-    FrameSpec oversize, zero, badMarker, otherMarker;
-    oversize.payload = 200;
+    FrameSpec zero, badMarker = spec(16), otherMarker;
     zero.sizeOverride = 0;
     badMarker.marker = 0x58585858; // "XXXX"
-    badMarker.payload = 16;
     otherMarker.marker = 0x01020304;
-    const std::string missing =
-        "ReadCtlMsgCommon: IP[0.0.0.0] Missing ORV_MSG_MARKER in ORV_CTL_MSG.  Expected "
-        "[0x4D53473A] bytes.  Received [0x58585858] bytes.\n";
     const std::string zeroSize = "ReadCtlMsgCommon: IP[0.0.0.0] ORV_APP_MSG size (as provided in ORV_CTL_MSG) is 0.\n";
     const struct {
         const char* name;
@@ -351,10 +316,13 @@ TEST_F(ReaderFixture, BadHeadersArePurgedAndTheNextFrameIsRead)
         std::string message; // expected trace line
         unsigned maxSize;    // 0: the allocating reader
     } cases[] = {
-        {"wrong marker", buildFrame(badMarker), missing, kBuf},
+        {"wrong marker", buildFrame(badMarker),
+         "ReadCtlMsgCommon: IP[0.0.0.0] Missing ORV_MSG_MARKER in ORV_CTL_MSG.  Expected [0x4D53473A] bytes.  "
+         "Received [0x58585858] bytes.\n",
+         kBuf},
         {"size zero with stale bytes", buildFrame(zero) + std::string(37, 'j'), zeroSize, kBuf},
         {"size zero alone", buildFrame(zero).substr(0, 12), zeroSize, kBuf},
-        {"larger than the buffer", buildFrame(oversize),
+        {"larger than the buffer", buildFrame(spec(200)),
          "ReadCtlMsg: IP[0.0.0.0] ORV_CTL_MSG size [228] (as provided in ORV_CTL_MSG) is larger than expected "
          "size[100]\n",
          100},
@@ -363,14 +331,11 @@ TEST_F(ReaderFixture, BadHeadersArePurgedAndTheNextFrameIsRead)
         SCOPED_TRACE(c.name);
         open();
         g_availCalls = 0;
-        socketSeams().availFn = countingAvail;
-        FrameSpec good;
-        good.payload = 30;
-        good.tag = 9;
+        const FrameSpec good = spec(30, 9);
         std::thread peer([&] {
             writeAll(fds.b, c.bad);
             // The good frame must arrive after the purge sampled the input.
-            if (waitPurges(1)) writeAll(fds.b, buildFrame(good));
+            if (tavro_test::eventually([] { return g_availCalls.load() > 0; })) writeAll(fds.b, buildFrame(good));
             // A reader that lost its place fails at the end instead of waiting.
             fds.closeB();
         });
@@ -388,62 +353,15 @@ TEST_F(ReaderFixture, BadHeadersArePurgedAndTheNextFrameIsRead)
     }
 }
 
-// Stops the program after the first recv into a body buffer.
-ssize_t terminatingRecv(int fd, void* buf, size_t len, int flags)
-{
-    const ssize_t n = ::recv(fd, buf, len, flags);
-    if (len > OsSocket::READ_AHEAD_SIZE) OsSocket::setProgramTerminating(true);
-    return n;
-}
-
-// A frame left unfinished (here: the program stops between two pieces)
-// must not lose the bytes already received for the rest of its body: the
-// next read continues the stream exactly where the kernel would have.
-TEST_F(ReaderFixture, UnfinishedBodyKeepsItsRestForTheNextRead)
-{
-    const int big = 1 << 20;
-    ASSERT_EQ(::setsockopt(fds.b, SOL_SOCKET, SO_SNDBUF, &big, sizeof big), 0);
-    FrameSpec f, next;
-    f.payload = 200000;
-    next.payload = 9;
-    next.tag = 4;
-    const std::string frame = buildFrame(f);
-    ASSERT_TRUE(writeAll(fds.b, frame));
-    ASSERT_EQ(waiting(sock->GetSocket()), static_cast<int>(frame.size()));
-    socketSeams().recvFn = terminatingRecv;
-    std::vector<char> buf(frame.size());
-    EXPECT_FALSE(sock->GetOrvMessage(&ctl, reinterpret_cast<ORV_APP_MSG*>(buf.data()), frame.size()));
-    OsSocket::setProgramTerminating(false);
-    failRecv(0);
-
-    // Everything was received; more than a read-ahead's worth is held.
-    EXPECT_EQ(waiting(sock->GetSocket()), 0);
-    const int held = sock->waitForAllData(1);
-    ASSERT_GT(held, static_cast<int>(OsSocket::READ_AHEAD_SIZE));
-    EXPECT_TRUE(sock->ReadReady());
-    std::string rest(static_cast<std::size_t>(held), '\0');
-    unsigned got = 0;
-    EXPECT_EQ(sock->readAllData(&rest[0], static_cast<unsigned>(held), &got), held);
-    EXPECT_TRUE(rest == frame.substr(frame.size() - static_cast<std::size_t>(held))) << "stream cut";
-    EXPECT_TRUE(g_recvLens.empty());
-
-    ASSERT_TRUE(writeAll(fds.b, buildFrame(next)));
-    ASSERT_TRUE(get());
-    expectFrame(ctl, body.data(), next);
-}
-
 TEST_F(ReaderFixture, NewDescriptorDropsBytesHeldForTheOldOne)
 {
-    FrameSpec first, stale, fresh;
-    first.tag = 1;
-    stale.tag = stale.seqNbr = 2;
-    fresh.tag = fresh.seqNbr = 3;
-    fresh.payload = 12;
+    FrameSpec first = spec(0, 1), stale = spec(0, 2), fresh = spec(12, 3);
+    stale.seqNbr = 2;
+    fresh.seqNbr = 3;
     ASSERT_TRUE(writeAll(fds.b, buildFrame(first) + buildFrame(stale)));
     ASSERT_TRUE(get());
     expectFrame(ctl, body.data(), first);
     ASSERT_TRUE(sock->ReadReady()); // the second frame is held
-
     FdPair other;
     unixPair(other);
     sock->SetSocket(other.a);
@@ -454,21 +372,17 @@ TEST_F(ReaderFixture, NewDescriptorDropsBytesHeldForTheOldOne)
     expectFrame(ctl, body.data(), fresh);
 }
 
-// --- the peer goes away ------------------------------------------------------
-
-TEST_F(ReaderFixture, PeerClosingEndsTheReadWithoutAFrame)
+// The peer closing, a shutdown or the program's end stop the read without a
+// frame, and so do bad arguments.
+TEST_F(ReaderFixture, ReadEndsWithoutAFrame)
 {
-    FrameSpec f;
-    f.payload = 3000;
-    const std::string frame = buildFrame(f);
+    const std::string frame = buildFrame(spec(3000));
     for (std::size_t sent : {0, 5, 12 + 2100}) { // between frames, in the header, in the body
         SCOPED_TRACE(sent);
         open();
         ASSERT_TRUE(writeAll(fds.b, frame.data(), sent));
         fds.closeB();
-        TraceCapture cap;
-        EXPECT_FALSE(get());
-        const std::string out = cap.text();
+        const std::string out = traced([&] { EXPECT_FALSE(get()); });
         EXPECT_TRUE(sock->HasError());
         EXPECT_TRUE(sock->Shuttingdown());
         EXPECT_EQ(sock->GetLastError(), 0);
@@ -476,10 +390,7 @@ TEST_F(ReaderFixture, PeerClosingEndsTheReadWithoutAFrame)
                                  : "ReadAppMsg: IP[0.0.0.0] Reading ORV_APP_MSG failed. Wanted [980] bytes.  "
                                    "Read [52] bytes.\n");
     }
-}
-
-TEST_F(ReaderFixture, ShutdownOrProgramEndWhileWaitingEndsTheRead)
-{
+    open();
     TraceCapture cap;
     std::thread stopper([&] {
         std::this_thread::sleep_for(std::chrono::milliseconds(30));
@@ -492,15 +403,6 @@ TEST_F(ReaderFixture, ShutdownOrProgramEndWhileWaitingEndsTheRead)
               "ReadCtlMsgCommon: IP[0.0.0.0] Short ORV_CTL_MSG.  Expected [12] bytes.  Received [0] bytes.\n");
 
     open();
-    OsSocket::setProgramTerminating(true);
-    TraceCapture cap2;
-    EXPECT_FALSE(get());
-    cap2.text();
-    EXPECT_TRUE(sock->Shuttingdown());
-}
-
-TEST_F(ReaderFixture, BadArgumentsAreRefused)
-{
     EXPECT_FALSE(sock->GetOrvMessage(nullptr, reinterpret_cast<ORV_APP_MSG*>(body.data()), kBuf));
     EXPECT_FALSE(sock->GetOrvMessage(&ctl, nullptr, kBuf));
     EXPECT_FALSE(get(27)); // cannot even hold the application header
@@ -511,9 +413,10 @@ TEST_F(ReaderFixture, BadArgumentsAreRefused)
     EXPECT_FALSE(sock->Read(&c, 0, &got));
     OsSocket unprepared;
     EXPECT_FALSE(unprepared.Read(&c, 1, &got));
+    OsSocket::setProgramTerminating(true);
+    traced([&] { EXPECT_FALSE(get()); });
+    EXPECT_TRUE(sock->Shuttingdown());
 }
-
-// --- interrupted reads -------------------------------------------------------
 
 // Four interrupts are retried after a pause each; the fifth in a row fails
 // the read, with a message only under the INTERRUPT bit.
@@ -522,15 +425,12 @@ TEST_F(ReaderFixture, FiveInterruptsInARowFailTheRead)
     for (int err : {EINTR, EAGAIN}) {
         SCOPED_TRACE(err);
         open();
-        FrameSpec f;
-        f.payload = 10;
+        const FrameSpec f = spec(10);
         ASSERT_TRUE(writeAll(fds.b, buildFrame(f)));
         g_sleeps.clear();
         failRecv(4, err);
         {
-            TraceCapture cap;
-            ASSERT_TRUE(get());
-            EXPECT_EQ(cap.text(), ""); // interrupt messages need their trace bit
+            EXPECT_EQ(traced([&] { EXPECT_TRUE(get()); }), ""); // interrupt messages need their trace bit
         }
         expectFrame(ctl, body.data(), f);
         EXPECT_EQ(g_sleeps.size(), 4u);
@@ -559,34 +459,21 @@ TEST_F(ReaderFixture, FiveInterruptsInARowFailTheRead)
         // Sticky: nothing more is read until a purge clears the flag.
         EXPECT_FALSE(sock->Read(buf, sizeof buf, &got));
     }
-}
-
-// Four interrupts before every single byte: never five in a row.
-TEST_F(ReaderFixture, InterruptCountRestartsAfterEveryByte)
-{
-    FrameSpec f;
-    f.payload = 3;
+    // Four interrupts before every single byte: never five in a row.
+    open();
+    const FrameSpec f = spec(3);
     ASSERT_TRUE(writeAll(fds.b, buildFrame(f)));
+    g_recvCalls = 0;
     socketSeams().recvFn = interleavedRecv;
+    g_sleeps.clear();
     ASSERT_TRUE(get());
     expectFrame(ctl, body.data(), f);
     EXPECT_EQ(g_sleeps.size(), 4u * (12 + 28 + 3));
 }
 
-TEST_F(ReaderFixture, OtherRecvErrorsFailAtOnceWithTheirText)
-{
-    ASSERT_TRUE(writeAll(fds.b, "x"));
-    failRecv(1, ECONNRESET);
-    TraceCapture cap;
-    char c;
-    unsigned got = 0;
-    EXPECT_FALSE(sock->Read(&c, 1, &got));
-    EXPECT_EQ(cap.text(), errText("readAllData: recv() failed.  IP[0.0.0.0] errNum[", ECONNRESET));
-    EXPECT_EQ(sock->GetLastError(), ECONNRESET);
-    EXPECT_TRUE(g_sleeps.empty());
-}
-
-TEST_F(ReaderFixture, PurgeDiscardsEverythingWaitingAndClearsTheStickyError)
+// Other recv errors fail at once; a purge discards everything waiting and
+// clears the sticky error.
+TEST_F(ReaderFixture, RecvErrorsAndPurge)
 {
     // Some bytes already taken ahead by a read, more still in the kernel.
     ASSERT_TRUE(writeAll(fds.b, std::string(100, 'h')));
@@ -603,10 +490,11 @@ TEST_F(ReaderFixture, PurgeDiscardsEverythingWaitingAndClearsTheStickyError)
 
     ASSERT_TRUE(writeAll(fds.b, std::string(3000, 'p')));
     ASSERT_TRUE(sock->ReadReady());
-    failRecv(1, EIO);
-    TraceCapture cap;
-    EXPECT_FALSE(sock->Read(c, 1, &got));
-    cap.text();
+    failRecv(1, ECONNRESET);
+    EXPECT_EQ(traced([&] { EXPECT_FALSE(sock->Read(c, 1, &got)); }),
+              errText("readAllData: recv() failed.  IP[0.0.0.0] errNum[", ECONNRESET));
+    EXPECT_EQ(sock->GetLastError(), ECONNRESET);
+    EXPECT_TRUE(g_sleeps.empty());
     EXPECT_TRUE(sock->HasError());
     EXPECT_TRUE(sock->PurgeMessage());
     EXPECT_FALSE(sock->HasError());
@@ -618,7 +506,9 @@ TEST_F(ReaderFixture, ReadReadyAndWaitForAllDataReportWhatWaits)
 {
     EXPECT_FALSE(sock->ReadReady());
     EXPECT_EQ(sock->waitForAllData(4), 0);
-    ASSERT_TRUE(writeAll(fds.b, "abcdef"));
+    ASSERT_TRUE(writeAll(fds.b, "a"));
+    EXPECT_EQ(sock->waitForAllData(1), 1);
+    ASSERT_TRUE(writeAll(fds.b, "bcdef"));
     EXPECT_TRUE(sock->ReadReady());
     EXPECT_EQ(sock->waitForAllData(4), 6);
     char buf[16];
@@ -635,12 +525,10 @@ TEST_F(ReaderFixture, ReadReadyAndWaitForAllDataReportWhatWaits)
 
     // An interrupted FIONREAD is tolerated (always traced); other failures
     // are errors, traced under the INTERRUPT bit.
-    socketSeams().availFn = failingAvail;
+    g_availFails = true;
     g_failErrno = EINTR;
     {
-        TraceCapture cap;
-        EXPECT_EQ(sock->waitForAllData(1), 0);
-        EXPECT_EQ(cap.text(),
+        EXPECT_EQ(traced([&] { EXPECT_EQ(sock->waitForAllData(1), 0); }),
                   errText("waitForAllData: errNum[", 4, "] is INTERRUPT_ERROR[4] or TRY_AGAIN_ERROR[11]\n"));
         EXPECT_FALSE(sock->HasError());
     }
@@ -671,37 +559,16 @@ TEST_F(ReaderFixture, TraceBitsReportTheWaitAndDumpHeaderAndFirstPiece)
                   "waitForReadySocket: IP[0.0.0.0] nReadySockets[1] Shuttingdown()[false] bSockErr[false]\n"
                   "readAllData: IP[0.0.0.0] nRequestedBytes[1]\n");
     }
-    FrameSpec f;
-    f.order = Order::Big;
-    f.payload = 50;
-    ASSERT_TRUE(writeAll(fds.b, buildFrame(f)));
-    socketTraceFeature().SetMask(SOCK_TRACE_RAW);
-    TraceCapture cap;
-    ASSERT_TRUE(get());
-    const std::string out = cap.text();
+    ASSERT_TRUE(writeAll(fds.b, buildFrame(spec(50))));
+    const std::string out = traced([&] { EXPECT_TRUE(get()); }, SOCK_TRACE_RAW);
     EXPECT_EQ(countOf(out, "ReadCtlMsgCommon: raw[12] bytes\n  0000  4D 53 47 3A 00 00 00 01 00 00 00 4E"), 1u) << out;
     EXPECT_EQ(countOf(out, "ReadAppMsg: raw[32] bytes\n  0000  43 4D 44 3A"), 1u) << out;
 }
 
-// --- the writer --------------------------------------------------------------
-
-TEST_F(WriterFixture, ChainIsSentInOrder)
-{
-    char a[] = "header12byte";
-    char b[] = "app-header-of-twenty-eight!";
-    char c[] = "payload";
-    TCP_BD bd3{c, 7, nullptr};
-    TCP_BD bd2{b, 28, &bd3};
-    TCP_BD bd1{a, 12, &bd2};
-    ASSERT_TRUE(sock->SendBD(&bd1));
-    EXPECT_EQ(received(47), std::string(a, 12) + std::string(b, 28) + std::string(c, 7));
-    EXPECT_EQ(sock->MsgSent(), 3u);
-}
-
+// More pieces than one gathered write takes, empty ones among them, and more
+// bytes than the socket holds: partial writes must resume mid-piece.
 TEST_F(WriterFixture, LongChainLargerThanTheSocketBufferArrivesWholeAndInOrder)
 {
-    // More pieces than one gathered write takes, empty ones among them, and
-    // more bytes than the socket holds: partial writes must resume mid-piece.
     std::vector<std::string> pieces;
     std::vector<TCP_BD> chain(40);
     std::string expected;
@@ -751,24 +618,20 @@ TEST_F(WriterFixture, FiveWouldBlocksAreRetriedTheSixthFails)
     TCP_BD bd{data, 40, nullptr};
     const std::string retry = onSocket("SendBD: Retrying send that would have blocked on Socket[");
     {
-        TraceCapture cap;
-        ASSERT_TRUE(sock->SendBD(&bd));
-        EXPECT_EQ(cap.text(), retry + retry + retry + retry + retry);
+        EXPECT_EQ(traced([&] { EXPECT_TRUE(sock->SendBD(&bd)); }), retry + retry + retry + retry + retry);
     }
     EXPECT_EQ(g_sleeps, (std::vector<unsigned>(5, 100)));
     EXPECT_EQ(received(40), std::string(40, '\0'));
 
     g_sleeps.clear();
     g_failures = 6;
-    socketTraceFeature().SetMask(SOCK_TRACE_SEND_ERROR);
-    TraceCapture cap;
-    EXPECT_FALSE(sock->SendBD(&bd));
-    const std::string out = cap.text();
+    const std::string out = traced([&] { EXPECT_FALSE(sock->SendBD(&bd)); }, SOCK_TRACE_SEND_ERROR);
     EXPECT_EQ(g_sleeps.size(), 5u);
     EXPECT_EQ(sock->GetLastError(), EAGAIN);
     EXPECT_TRUE(sock->HasError());
     EXPECT_TRUE(sock->Shuttingdown());
-    const std::string failed = "SendBD: IP[0.0.0.0] pBD[" + str(hex8(&bd)) + "] FAILED TO send nBytes[40] errNum[";
+    const std::string failed =
+        "SendBD: IP[0.0.0.0] pBD[" + testing::PrintToString(hex8(&bd)) + "] FAILED TO send nBytes[40] errNum[";
     EXPECT_EQ(countOf(out, errText(failed.c_str(), EAGAIN)), 1u) << out;
     EXPECT_EQ(countOf(out, "SendBD: Error sending nBytesToSend[40]"), 6u) << out;
     // Sticky: the next send fails without trying.
@@ -786,9 +649,9 @@ TEST_F(WriterFixture, InterruptedAndZeroByteSendsAreRetried)
     {
         TraceCapture cap;
         ASSERT_TRUE(sock->Send(data, sizeof data));
-        const std::string out = cap.text();
-        EXPECT_EQ(countOf(out, "SendBD: Retrying send that returned sockerr[4] (interrupt or try again) on Socket["),
-                  12u);
+        EXPECT_EQ(
+            countOf(cap.text(), "SendBD: Retrying send that returned sockerr[4] (interrupt or try again) on Socket["),
+            12u);
     }
     EXPECT_TRUE(g_sleeps.empty());
     EXPECT_EQ(received(12), std::string(data, 12));
@@ -799,8 +662,7 @@ TEST_F(WriterFixture, InterruptedAndZeroByteSendsAreRetried)
     const unsigned before = sock->MsgSent();
     TraceCapture cap;
     ASSERT_TRUE(sock->SendBD(&bd));
-    const std::string out = cap.text();
-    EXPECT_EQ(countOf(out, "SendBD: Zero bytes[0] sent on Socket["), 3u) << out;
+    EXPECT_EQ(countOf(cap.text(), "SendBD: Zero bytes[0] sent on Socket["), 3u);
     EXPECT_EQ(received(5), std::string(data, 5));
     EXPECT_EQ(sock->MsgSent() - before, 4u);
 }
@@ -811,9 +673,7 @@ TEST_F(WriterFixture, OtherErrorsFailTheRestOfTheChainAndSignalShutdown)
     char a[12] = {}, b[28] = {};
     TCP_BD bd2{b, 28, nullptr};
     TCP_BD bd1{a, 12, &bd2};
-    TraceCapture cap;
-    EXPECT_FALSE(sock->SendBD(&bd1));
-    EXPECT_EQ(cap.text(), "");
+    EXPECT_EQ(traced([&] { EXPECT_FALSE(sock->SendBD(&bd1)); }), "");
     EXPECT_EQ(sock->GetLastError(), EPIPE);
     EXPECT_EQ(sock->MsgSent(), 1u);
     EXPECT_TRUE(sock->Shuttingdown());
@@ -828,25 +688,33 @@ TEST_F(WriterFixture, SendTraceBitsDescribeEachStep)
     char data[4] = {'M', 'S', 'G', ':'};
     TCP_BD bd{data, 4, nullptr};
     socketTraceFeature().SetMask(SOCK_TRACE_SEND_BD | SOCK_TRACE_SEND_CALL);
-    TraceCapture cap;
-    ASSERT_TRUE(sock->SendBD(&bd));
-    EXPECT_EQ(cap.text(), "SendBD: Sending nBytes[4] of data at [" + str(hex8(data)) + "]\n" +
-                              onSocket("SendBD: Sending nBytesToSend[4] on Socket[") +
-                              onSocket("SendBD: Sent nBytesSent[4] on Socket[") +
-                              "SendBD: raw[4] bytes\n  0000  4D 53 47 3A" + std::string(12 * 3, ' ') + "  MSG:\n" +
-                              "SendBD: IP[0.0.0.0] pBD[" + str(hex8(&bd)) + "] Sent nBytes[4]\n");
+    EXPECT_EQ(traced([&] { EXPECT_TRUE(sock->SendBD(&bd)); }),
+              "SendBD: Sending nBytes[4] of data at [" + testing::PrintToString(hex8(data)) + "]\n" +
+                  onSocket("SendBD: Sending nBytesToSend[4] on Socket[") +
+                  onSocket("SendBD: Sent nBytesSent[4] on Socket[") + "SendBD: raw[4] bytes\n  0000  4D 53 47 3A" +
+                  std::string(12 * 3, ' ') + "  MSG:\n" + "SendBD: IP[0.0.0.0] pBD[" +
+                  testing::PrintToString(hex8(&bd)) + "] Sent nBytes[4]\n");
     EXPECT_EQ(received(4), "MSG:");
 }
 
+// The send mutex holds a whole chain back; the chain then goes out in order,
+// one count per piece.
 TEST_F(WriterFixture, SendMutexIsHeldForTheWholeChain)
 {
+    char a[] = "header12byte";
+    char b[] = "app-header-of-twenty-eight!";
+    char c[] = "payload";
+    TCP_BD bd3{c, 7, nullptr};
+    TCP_BD bd2{b, 28, &bd3};
+    TCP_BD bd1{a, 12, &bd2};
     ASSERT_TRUE(sock->LockSendMutex());
     std::atomic<bool> sent{false};
-    std::thread other([&] { sent = sock->Send("abc", 3); });
+    std::thread other([&] { sent = sock->SendBD(&bd1); });
     std::this_thread::sleep_for(std::chrono::milliseconds(30));
     EXPECT_EQ(waiting(fds.b), 0); // blocked on the mutex
     sock->ReleaseSendMutex();
     other.join();
     EXPECT_TRUE(sent.load());
-    EXPECT_EQ(received(3), "abc");
+    EXPECT_EQ(received(47), std::string(a, 12) + std::string(b, 28) + std::string(c, 7));
+    EXPECT_EQ(sock->MsgSent(), 3u);
 }

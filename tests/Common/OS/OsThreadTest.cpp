@@ -54,7 +54,7 @@ void runToCompletion(OsThread* t, WorkerState& s, void* arg)
     ASSERT_EQ(WAIT_OBJECT_0, WaitForSingleObject(s.destroyed, tavro_test::kStuckMs));
 }
 
-TEST(OsThreadTest, StartedThreadRunsUntilShutdownAndDeletesItself)
+TEST(OsThreadTest, StartedThreadRunsUntilShutdownDeletesItselfAndIsNamed)
 {
     WorkerState s;
     int arg = 0;
@@ -64,25 +64,25 @@ TEST(OsThreadTest, StartedThreadRunsUntilShutdownAndDeletesItself)
     EXPECT_EQ(&arg, s.arg);
     EXPECT_FALSE(s.terminating);
     EXPECT_EQ("worker", s.name);
-}
 
-TEST(OsThreadTest, ThreadNames)
-{
+    // Unnamed threads get the demangled class name, cut to 15 characters.
     WorkerState s1, s2;
     runToCompletion(new OsThreadTestWorker(s1), s1, nullptr);
     EXPECT_EQ("OsThreadTestWor", s1.name);
     runToCompletion(new TplWorker<3>(s2), s2, nullptr);
     EXPECT_EQ("TplWorker<3>", s2.name);
 
-    OsThreadTestWorker t(s1, "0123456789abcdefXYZ", 0);
-    EXPECT_STREQ("0123456789abcde", t.GetThreadName());
-    t.SetThreadName("short");
-    EXPECT_STREQ("short", t.GetThreadName());
-    t.SetThreadName(nullptr);
-    EXPECT_STREQ("", t.GetThreadName());
+    OsThreadTestWorker named(s1, "0123456789abcdefXYZ", 0);
+    EXPECT_STREQ("0123456789abcde", named.GetThreadName());
+    named.SetThreadName("short");
+    EXPECT_STREQ("short", named.GetThreadName());
+    named.SetThreadName(nullptr);
+    EXPECT_STREQ("", named.GetThreadName());
 }
 
-TEST(OsThreadTest, RunExecutesInTheCallingThreadAfterSetup)
+// Run executes in the calling thread after Setup; only destroying a running
+// object is reported.
+TEST(OsThreadTest, RunInlineAndDestruction)
 {
     WorkerState s;
     OsThreadTestWorker t(s, "inline", 0);
@@ -91,10 +91,10 @@ TEST(OsThreadTest, RunExecutesInTheCallingThreadAfterSetup)
     EXPECT_EQ(&x, t.Run(&x));
     EXPECT_TRUE(s.setUp);
     EXPECT_TRUE(s.terminating);
-}
+    testing::internal::CaptureStdout();
+    delete new OsThreadTestWorker(s);
+    EXPECT_EQ("", testing::internal::GetCapturedStdout());
 
-TEST(OsThreadTest, DestroyingARunningObjectIsReported)
-{
     struct Running : OsThread {
         Running() : OsThread("running", 0) { bThreadTerminating = false; }
     };
@@ -102,10 +102,6 @@ TEST(OsThreadTest, DestroyingARunningObjectIsReported)
     delete new Running;
     EXPECT_THAT(testing::internal::GetCapturedStdout(),
                 testing::HasSubstr("~OsThread: CALLED OUTSIDE OF EXECUTION THREAD FOR APP TYPE["));
-    WorkerState s;
-    testing::internal::CaptureStdout();
-    delete new OsThreadTestWorker(s);
-    EXPECT_EQ("", testing::internal::GetCapturedStdout());
 }
 
 TEST(OsThreadTest, PriorityCallsReportFailureAsTrue)

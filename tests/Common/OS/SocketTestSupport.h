@@ -2,21 +2,17 @@
 
 // Helpers for socket tests: connected descriptor pairs, frames built from
 // explicit bytes in a chosen byte order, trace capture and seam control.
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <cstdint>
 #include <string>
-#include <thread>
 #include <vector>
 
+#include "Common/OS/Linux/PlatformTestSupport.h"
 #include "Common/OS/OsSocket.h"
 #include "Common/OS/OsSocketDebug.h"
 #include "support/PlainSocketIo.h"
@@ -31,24 +27,13 @@ inline Order hostOrder()
     const std::uint16_t one = 1;
     return *reinterpret_cast<const unsigned char*>(&one) == 0 ? Order::Big : Order::Little;
 }
-inline Order otherOrder()
-{
-    return hostOrder() == Order::Big ? Order::Little : Order::Big;
-}
 
 inline void putWord(std::string& s, std::uint32_t w, Order o)
 {
-    const unsigned char b[4] = {static_cast<unsigned char>(w >> 24), static_cast<unsigned char>(w >> 16),
-                                static_cast<unsigned char>(w >> 8), static_cast<unsigned char>(w)};
-    if (o == Order::Big)
-        s.append(reinterpret_cast<const char*>(b), 4);
-    else
-        for (int i = 3; i >= 0; --i) s.push_back(static_cast<char>(b[i]));
+    for (int i = 0; i < 4; ++i) s.push_back(static_cast<char>(w >> (o == Order::Big ? 24 - 8 * i : 8 * i)));
 }
 
 constexpr std::uint32_t kMarker = 0x4D53473A; // "MSG:"
-constexpr std::uint32_t kTest = 0x5453543A;   // "TST:"
-constexpr std::uint32_t kLink = 0x4C494E4B;   // "LINK"
 constexpr std::uint32_t kCmd = 0x434D443A;    // "CMD:"
 
 // Payload byte i of a frame tagged tag.
@@ -69,31 +54,24 @@ struct FrameSpec {
     long long sizeOverride = -1;
 };
 
+inline FrameSpec spec(std::uint32_t payload, std::uint32_t tag = 0, Order order = Order::Big)
+{
+    FrameSpec f;
+    f.order = order;
+    f.payload = payload;
+    f.tag = tag;
+    return f;
+}
+
 // Control header, application header and payload as they travel.
 inline std::string buildFrame(const FrameSpec& f)
 {
     std::string s;
     const std::uint32_t size = f.sizeOverride >= 0 ? static_cast<std::uint32_t>(f.sizeOverride) : 28 + f.payload;
-    putWord(s, f.marker, f.order);
-    putWord(s, f.manager, f.order);
-    putWord(s, size, f.order);
-    putWord(s, kCmd, f.order);
-    putWord(s, f.cmdCode, f.order);
-    putWord(s, f.seqNbr, f.order);
-    putWord(s, 1, f.order);  // msgStat
-    putWord(s, 25, f.order); // srcAddr
-    putWord(s, 0, f.order);  // appError
-    putWord(s, f.payload, f.order);
+    // msgStat 1, srcAddr 25, appError 0
+    for (std::uint32_t w : {f.marker, f.manager, size, kCmd, f.cmdCode, f.seqNbr, 1u, 25u, 0u, f.payload})
+        putWord(s, w, f.order);
     for (std::uint32_t i = 0; i < f.payload; ++i) s.push_back(payloadByte(f.tag, i));
-    return s;
-}
-
-inline std::string linkTestHeader(Order o)
-{
-    std::string s;
-    putWord(s, kTest, o);
-    putWord(s, kLink, o);
-    putWord(s, 12, o);
     return s;
 }
 
@@ -123,38 +101,11 @@ inline bool writeAll(int fd, const std::string& s)
     return writeAll(fd, s.data(), s.size());
 }
 
-inline bool readAll(int fd, void* data, std::size_t n)
-{
-    char* p = static_cast<char*>(data);
-    while (n > 0) {
-        const ssize_t k = ::recv(fd, p, n, 0);
-        if (k < 0 && errno == EINTR) continue;
-        if (k <= 0) return false;
-        p += k;
-        n -= static_cast<std::size_t>(k);
-    }
-    return true;
-}
-
 inline int waiting(int fd)
 {
     int n = 0;
     if (::ioctl(fd, FIONREAD, &n) != 0) return -1;
     return n;
-}
-
-// Waits (bounded) until nothing is left unread on fd: the reader took it.
-inline bool waitDrained(int fd, int ms = 10000)
-{
-    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
-    for (unsigned spins = 0; waiting(fd) > 0; ++spins) {
-        if (std::chrono::steady_clock::now() > end) return false;
-        if (spins < 200)
-            std::this_thread::yield();
-        else
-            std::this_thread::sleep_for(std::chrono::microseconds(50));
-    }
-    return true;
 }
 
 // Two connected blocking descriptors.
@@ -181,26 +132,6 @@ inline void unixPair(FdPair& p)
     p.b = sv[1];
 }
 
-inline void tcpPair(FdPair& p)
-{
-    const int l = ::socket(AF_INET, SOCK_STREAM, 0);
-    ASSERT_GE(l, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ASSERT_EQ(::bind(l, reinterpret_cast<sockaddr*>(&a), sizeof a), 0);
-    ASSERT_EQ(::listen(l, 4), 0);
-    socklen_t len = sizeof a;
-    ASSERT_EQ(::getsockname(l, reinterpret_cast<sockaddr*>(&a), &len), 0);
-    const int c = ::socket(AF_INET, SOCK_STREAM, 0);
-    ASSERT_EQ(::connect(c, reinterpret_cast<sockaddr*>(&a), sizeof a), 0);
-    const int s = ::accept(l, nullptr, nullptr);
-    ::close(l);
-    ASSERT_GE(s, 0);
-    p.a = s;
-    p.b = c;
-}
-
 // Captures what the socket layer writes to the debug trace (standard output
 // while no debug writer runs).
 class TraceCapture {
@@ -219,6 +150,17 @@ public:
 private:
     bool done = false;
 };
+
+// What the socket layer traces while fn runs, under the given trace bits if
+// any are given.
+template <typename Fn>
+std::string traced(Fn fn, long long mask = -1)
+{
+    if (mask >= 0) socketTraceFeature().SetMask(static_cast<unsigned>(mask));
+    TraceCapture cap;
+    fn();
+    return cap.text();
+}
 
 inline std::size_t countOf(const std::string& text, const std::string& what)
 {

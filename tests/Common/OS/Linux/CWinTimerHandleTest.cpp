@@ -105,7 +105,7 @@ TEST(CWinTimerHandleTest, OneShotFiresOnceAndResetModeDecidesHowLongItIsSeen)
     }
 }
 
-TEST(CWinTimerHandleTest, PeriodicTimerKeepsFiringWithTheFirstRoutine)
+TEST(CWinTimerHandleTest, PeriodicTimerKeepsItsFirstRoutineAndAbsoluteTimesAreRealTime)
 {
     static Calls first, second;
     HANDLE t = CreateWaitableTimer(nullptr, FALSE, nullptr);
@@ -115,12 +115,10 @@ TEST(CWinTimerHandleTest, PeriodicTimerKeepsFiringWithTheFirstRoutine)
     EXPECT_TRUE(eventually([&] { return first.n >= 3; }));
     EXPECT_EQ(0, second.n.load());
     EXPECT_TRUE(CloseHandle(t));
-}
 
-TEST(CWinTimerHandleTest, AbsoluteDueTimeIsRealTimeSinceTheEpoch)
-{
+    // An absolute due time is real time since the epoch.
     static Calls calls;
-    HANDLE t = CreateWaitableTimer(nullptr, TRUE, nullptr);
+    t = CreateWaitableTimer(nullptr, TRUE, nullptr);
     timespec now;
     clock_gettime(CLOCK_REALTIME, &now);
     ASSERT_TRUE(arm(t, (static_cast<std::int64_t>(now.tv_sec) * 1000000000 + now.tv_nsec) / 100 + 50 * kMs, 0));
@@ -137,7 +135,7 @@ TEST(CWinTimerHandleTest, AbsoluteDueTimeIsRealTimeSinceTheEpoch)
     EXPECT_TRUE(CloseHandle(t));
 }
 
-TEST(CWinTimerHandleTest, CancelStopsAnArmedTimerOnlyAndEveryCallIsCounted)
+TEST(CWinTimerHandleTest, CancelStopsAnArmedTimerOnlyFailedSetReleasesWaitersAndCallsAreCounted)
 {
     static Calls calls;
     TimerStats& s = timerStats();
@@ -177,23 +175,25 @@ TEST(CWinTimerHandleTest, CancelStopsAnArmedTimerOnlyAndEveryCallIsCounted)
         EXPECT_FALSE(arm(notTimer, -20 * kMs, 0));
     }
     CloseHandle(ev);
-}
 
-TEST(CWinTimerHandleTest, FailedSetReleasesWaitersAtOnce)
-{
-    static Calls calls;
-    HANDLE t = CreateWaitableTimer(nullptr, TRUE, nullptr);
+    // A failed set releases the waiters at once.
+    static Calls failed;
+    t = CreateWaitableTimer(nullptr, TRUE, nullptr);
     std::thread waiter([&] { EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(t, kFireBoundMs)); });
     EXPECT_TRUE(eventually([&] { return timerEvent(t)->waiters() == 1; }));
     // A negative period is refused by the kernel.
-    EXPECT_FALSE(arm(t, -10000 * kMs, -5, &calls));
+    EXPECT_FALSE(arm(t, -10000 * kMs, -5, &failed));
     waiter.join();
-    EXPECT_TRUE(eventually([&] { return calls.n == 1; }));
+    EXPECT_TRUE(eventually([&] { return failed.n == 1; }));
     EXPECT_FALSE(SetWaitableTimer(t, nullptr, 0, nullptr, nullptr, FALSE));
     EXPECT_TRUE(CloseHandle(t));
 }
 
-TEST(CWinTimerHandleTest, HandlerSignalsOnlyTheTimerNamedInATimerSignal)
+int s_appHandlerCalls = 0;
+
+// The handler signals only the timer named in a timer signal; expiry never
+// runs on application threads.
+TEST(CWinTimerHandleTest, SignalHandling)
 {
     HANDLE t = CreateWaitableTimer(nullptr, TRUE, nullptr);
     siginfo_t info{};
@@ -210,22 +210,13 @@ TEST(CWinTimerHandleTest, HandlerSignalsOnlyTheTimerNamedInATimerSignal)
     WinTimerHandler(SIGUSR1, &info, nullptr);
     EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(t, 0));
     EXPECT_TRUE(CloseHandle(t));
-}
 
-int s_appHandlerCalls = 0;
-void appHandler(int)
-{
-    ++s_appHandlerCalls;
-}
-
-TEST(CWinTimerHandleTest, ExpiryNeverRunsOnApplicationThreads)
-{
-    HANDLE t = CreateWaitableTimer(nullptr, FALSE, nullptr);
+    t = CreateWaitableTimer(nullptr, FALSE, nullptr);
     // The application takes SIGUSR1 over and blocks it here; expiry still
     // reaches the timer, and never the application's handler.
     struct sigaction app {
     }, old{};
-    app.sa_handler = appHandler;
+    app.sa_handler = [](int) { ++s_appHandlerCalls; };
     sigemptyset(&app.sa_mask);
     ASSERT_EQ(0, sigaction(SIGUSR1, &app, &old));
     sigset_t set, oldMask;
@@ -243,7 +234,6 @@ TEST(CWinTimerHandleTest, ExpiryNeverRunsOnApplicationThreads)
 TEST(CWinTimerHandleTest, LeakReportAndStatsText)
 {
     TimerStats& s = timerStats();
-    const unsigned create = s.nCallsToCreateTimer, close = s.nCallsToCloseTimer, threshold = checkStatsThreshold();
     // As in a fresh process.
     s.nCallsToCreateTimer = 0;
     s.nCallsToCloseTimer = 0;
@@ -264,16 +254,7 @@ TEST(CWinTimerHandleTest, LeakReportAndStatsText)
     EXPECT_EQ(9u, checkStatsThreshold());
 
     for (HANDLE t : timers) CloseHandle(t);
-    s.nCallsToCreateTimer += create;
-    s.nCallsToCloseTimer += close;
-    setCheckStatsThreshold(threshold);
-
-    TimerStats labelled;
-    labelled.nCallsToCreateTimer = 1;
-    labelled.nCallsToCloseTimer = 2;
-    labelled.nCallsToSetTimer = 3;
-    labelled.nCallsToElapsedTimer = 4;
-    labelled.nCallsToCancelTimer = 5;
+    const TimerStats labelled{{1}, {2}, {3}, {4}, {5}};
     std::ostringstream os;
     os << labelled;
     EXPECT_EQ("create calls[1]     close calls[2]\nset    calls[3]  elapsed timers[4]  cancel calls[5]", os.str());

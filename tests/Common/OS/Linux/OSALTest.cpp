@@ -29,7 +29,8 @@ bool onOsalThread(unsigned stack, std::function<void()> fn)
     return ok;
 }
 
-TEST(OSALTest, BeginThreadRaisesStackToTheMinimum)
+// Stacks are raised to the minimum; set_thread_name names the calling thread.
+TEST(OSALTest, BeginThreadStackAndThreadName)
 {
     const struct {
         unsigned requested;
@@ -38,6 +39,22 @@ TEST(OSALTest, BeginThreadRaisesStackToTheMinimum)
     for (const auto& c : cases) {
         SCOPED_TRACE(c.requested);
         EXPECT_TRUE(onOsalThread(c.requested, [&] { tavro_test::expectOwnStackOf(c.expected); }));
+    }
+    char empty[] = "", shortName[] = "worker", longName[] = "a-name-longer-than-fifteen";
+    const struct {
+        char* in;
+        const char* expected;
+    } names[] = {{nullptr, "----------"}, {empty, "----------"}, {shortName, "worker"}, {longName, "a-name-longer-t"}};
+    for (const auto& c : names) {
+        SCOPED_TRACE(c.expected);
+        int rc = -1;
+        char name[32] = {};
+        EXPECT_TRUE(onOsalThread(0, [&] {
+            rc = set_thread_name(c.in);
+            pthread_getname_np(pthread_self(), name, sizeof name);
+        }));
+        EXPECT_EQ(0, rc);
+        EXPECT_STREQ(c.expected, name);
     }
 }
 
@@ -55,26 +72,6 @@ TEST(OSALTest, BeginThreadReportsCreationFailure)
     EXPECT_EQ("]\r\n", out.substr(out.size() - 3));
 }
 
-TEST(OSALTest, SetThreadNameNamesTheCallingThread)
-{
-    char empty[] = "", shortName[] = "worker", longName[] = "a-name-longer-than-fifteen";
-    const struct {
-        char* in;
-        const char* expected;
-    } cases[] = {{nullptr, "----------"}, {empty, "----------"}, {shortName, "worker"}, {longName, "a-name-longer-t"}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.expected);
-        int rc = -1;
-        char name[32] = {};
-        EXPECT_TRUE(onOsalThread(0, [&] {
-            rc = set_thread_name(c.in);
-            pthread_getname_np(pthread_self(), name, sizeof name);
-        }));
-        EXPECT_EQ(0, rc);
-        EXPECT_STREQ(c.expected, name);
-    }
-}
-
 TEST(OSALTest, StrnicmpComparesCaseBlind)
 {
     const struct {
@@ -90,7 +87,8 @@ TEST(OSALTest, StrnicmpComparesCaseBlind)
     EXPECT_STREQ("MIXED 09-Z", s);
 }
 
-TEST(OSALTest, SystemTimeIsLocalWithZeroBasedMonth)
+// System time is local, with a zero-based month.
+TEST(OSALTest, SystemTimeCurrentDirectorySleepAndTicks)
 {
     setenv("TZ", "UTC0", 1);
     tzset();
@@ -108,10 +106,7 @@ TEST(OSALTest, SystemTimeIsLocalWithZeroBasedMonth)
     EXPECT_TRUE(matches(before) || matches(after));
     EXPECT_EQ(0, st.wMilliseconds);
     EXPECT_EQ(0u, elapseTime(&st, &st));
-}
 
-TEST(OSALTest, CurrentDirectorySleepAndTicks)
-{
     tavro_test::ScopedTempDir dir;
     char buf[4096], real[4096], tiny[4];
     ASSERT_NE(nullptr, realpath(dir.path().c_str(), real));

@@ -1,8 +1,7 @@
 #pragma once
 
-// Helpers shared by the platform-layer tests. Every exchange in the stress
-// helpers is a counted handshake, so results never depend on timing; the
-// bounds only turn a lost wake-up or a deadlock into a failure, not a hang.
+// Helpers shared by the platform-layer tests. The bounds only turn a lost
+// wake-up or a deadlock into a failure, not a hang.
 #include <gtest/gtest.h>
 #include <pthread.h>
 
@@ -53,58 +52,5 @@ struct Events {
     }
     std::vector<HANDLE> h;
 };
-
-// Starts pairs of threads that bounce auto-reset events to each other.
-inline void startPingPong(std::vector<std::thread>& threads, Events& ev, int rounds, std::atomic<int>& failures)
-{
-    auto side = [rounds, &failures](HANDLE in, HANDLE out, bool first) {
-        for (int i = 0; i < rounds; ++i) {
-            if (first) SetEvent(out);
-            if (WaitForSingleObject(in, kStuckMs) != WAIT_OBJECT_0) {
-                ++failures;
-                return;
-            }
-            if (!first) SetEvent(out);
-        }
-    };
-    for (size_t p = 0; p + 1 < ev.h.size(); p += 2) {
-        threads.emplace_back(side, ev.h[p], ev.h[p + 1], true);
-        threads.emplace_back(side, ev.h[p + 1], ev.h[p], false);
-    }
-}
-
-// Client i sets req[i] and waits for ack[i], `requests` times; this thread
-// serves them through wait-any. Returns how often each client was served.
-inline std::vector<int> serveWaitAny(Events& req, Events& ack, int requests, std::atomic<int>& failures)
-{
-    const DWORD n = static_cast<DWORD>(req.h.size());
-    std::vector<std::thread> clients;
-    for (DWORD i = 0; i < n; ++i)
-        clients.emplace_back([&, i] {
-            for (int k = 0; k < requests; ++k) {
-                SetEvent(req.h[i]);
-                if (WaitForSingleObject(ack.h[i], kStuckMs) != WAIT_OBJECT_0) {
-                    ++failures;
-                    return;
-                }
-            }
-        });
-    std::vector<int> served(n);
-    for (DWORD total = 0; total < n * requests && failures == 0;) {
-        const DWORD start = GetTickCount();
-        const DWORD r = WaitForMultipleObjects(n, req.h.data(), FALSE, kStuckMs);
-        if (r < n) {
-            ++served[r];
-            ++total;
-            SetEvent(ack.h[r]);
-        } else if (GetTickCount() - start >= kStuckMs) {
-            // A signal wakes the wait with WAIT_TIMEOUT at once; only a lost
-            // wake-up runs the whole time-out.
-            ++failures;
-        }
-    }
-    for (auto& t : clients) t.join();
-    return served;
-}
 
 } // namespace tavro_test

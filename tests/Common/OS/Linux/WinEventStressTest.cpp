@@ -1,8 +1,9 @@
-// Bounded stress of the handle layer; see PlatformTestSupport.h for why the
-// outcome never depends on timing.
+// Bounded stress of the handle layer: events, mutexes and timers. Every
+// exchange is a counted handshake, so results never depend on timing.
 #include <gtest/gtest.h>
 
 #include "Common/OS/Linux/CWinEventHandle.h"
+#include "Common/OS/Linux/CWinTimerHandle.h"
 #include "Common/OS/Linux/OSAL.h"
 #include "PlatformTestSupport.h"
 
@@ -10,41 +11,58 @@ namespace {
 
 using namespace tavro_test;
 
-TEST(WinEventStressTest, PingPongAndWaitAnyLoseNoWakeUp)
+// Client i sets req[i] and waits for ack[i], `requests` times; this thread
+// serves them through wait-any. Returns how often each client was served.
+std::vector<int> serveWaitAny(Events& req, Events& ack, int requests, std::atomic<int>& failures)
 {
-    std::atomic<int> failures{0};
-    Events pairs(6, FALSE), req(4, FALSE), ack(4, FALSE);
-    std::vector<std::thread> threads;
-    startPingPong(threads, pairs, 2000, failures);
-    const std::vector<int> served = serveWaitAny(req, ack, 2000, failures);
-    for (auto& t : threads) t.join();
-    EXPECT_EQ(0, failures.load());
-    EXPECT_EQ(std::vector<int>(4, 2000), served);
-    for (HANDLE h : req.h) EXPECT_EQ(0u, castToWinEventHandle(h)->subscriberCount());
-}
-
-TEST(WinEventStressTest, EverySetEventReleasesAllCurrentWaiters)
-{
-    constexpr int kWaiters = 3, kRounds = 1000;
-    Events go(1, FALSE), done(kWaiters, FALSE);
-    std::atomic<int> failures{0};
-    std::vector<std::thread> waiters;
-    for (int w = 0; w < kWaiters; ++w)
-        waiters.emplace_back([&, w] {
-            for (int r = 0; r < kRounds; ++r) {
-                if (WaitForSingleObject(go.h[0], kStuckMs) != WAIT_OBJECT_0) ++failures;
-                SetEvent(done.h[w]);
+    const DWORD n = static_cast<DWORD>(req.h.size());
+    std::vector<std::thread> clients;
+    for (DWORD i = 0; i < n; ++i)
+        clients.emplace_back([&, i] {
+            for (int k = 0; k < requests; ++k) {
+                SetEvent(req.h[i]);
+                if (WaitForSingleObject(ack.h[i], kStuckMs) != WAIT_OBJECT_0) {
+                    ++failures;
+                    return;
+                }
             }
         });
-    CWinEventHandle* ev = castToWinEventHandle(go.h[0]);
-    for (int r = 0; r < kRounds && failures == 0; ++r) {
+    std::vector<int> served(n);
+    for (DWORD total = 0; total < n * requests && failures == 0;) {
         const DWORD start = GetTickCount();
-        while (ev->waiters() < kWaiters && GetTickCount() - start < kStuckMs) std::this_thread::yield();
-        SetEvent(go.h[0]);
-        for (HANDLE h : done.h) failures += WaitForSingleObject(h, kStuckMs) != WAIT_OBJECT_0;
-        EXPECT_FALSE(ev->signaled());
+        const DWORD r = WaitForMultipleObjects(n, req.h.data(), FALSE, kStuckMs);
+        if (r < n) {
+            ++served[r];
+            ++total;
+            SetEvent(ack.h[r]);
+        } else if (GetTickCount() - start >= kStuckMs) {
+            // A signal wakes the wait with WAIT_TIMEOUT at once; only a lost
+            // wake-up runs the whole time-out.
+            ++failures;
+        }
     }
-    for (auto& t : waiters) t.join();
+    for (auto& t : clients) t.join();
+    return served;
+}
+
+TEST(WinEventStressTest, EventsLoseNoWakeUpAndMayBeClosedByTheWokenThread)
+{
+    std::atomic<int> failures{0};
+    Events req(4, FALSE), ack(4, FALSE);
+    const std::vector<int> served = serveWaitAny(req, ack, 2000, failures);
+    EXPECT_EQ(std::vector<int>(4, 2000), served);
+    for (HANDLE h : req.h) EXPECT_EQ(0u, castToWinEventHandle(h)->subscriberCount());
+    // The shape of every thread shutdown: the woken thread closes the event
+    // at once, while the signaller may still be finishing its SetEvent.
+    for (int i = 0; i < 300; ++i) {
+        HANDLE h = CreateEvent(nullptr, i % 2, FALSE, nullptr);
+        std::thread closer([h, &failures] {
+            failures += WaitForSingleObject(h, kStuckMs) != WAIT_OBJECT_0;
+            CloseHandle(h);
+        });
+        SetEvent(h);
+        closer.join();
+    }
     EXPECT_EQ(0, failures.load());
 }
 
@@ -72,21 +90,57 @@ TEST(WinEventStressTest, MutexExcludesWithBlockingAndPollingWaits)
     CloseHandle(m);
 }
 
-// The shape of every thread shutdown: the woken thread closes the event at
-// once, while the signaller may still be finishing its SetEvent.
-TEST(WinEventStressTest, WokenThreadMayCloseTheEventAtOnce)
+constexpr int kTimers = 16;
+
+// Completion routines may outlive a closed timer by one call: static storage.
+std::atomic<int> s_routineCalls[kTimers + 1];
+
+void countCall(void* arg, DWORD, DWORD)
 {
+    ++*static_cast<std::atomic<int>*>(arg);
+}
+
+// Many 1 ms periodic timers expire, get re-armed, cancelled and closed while
+// other threads hammer the event lock.
+TEST(WinEventStressTest, TimersFireWhileEventsAreHammered)
+{
+    const size_t live = CWinTimerHandle::liveTimerCount();
+    LARGE_INTEGER oneMs;
+    oneMs.QuadPart = -10000;
     std::atomic<int> failures{0};
-    for (int i = 0; i < 300; ++i) {
-        HANDLE h = CreateEvent(nullptr, i % 2, FALSE, nullptr);
-        std::thread closer([h, &failures] {
-            failures += WaitForSingleObject(h, kStuckMs) != WAIT_OBJECT_0;
-            CloseHandle(h);
-        });
-        SetEvent(h);
-        closer.join();
+    std::vector<HANDLE> timers;
+    for (int i = 0; i < kTimers; ++i) {
+        timers.push_back(CreateWaitableTimer(nullptr, i % 2, nullptr));
+        ASSERT_TRUE(SetWaitableTimer(timers.back(), &oneMs, 1, countCall, &s_routineCalls[i], FALSE));
     }
+
+    Events req(3, FALSE), ack(3, FALSE);
+    std::vector<std::thread> threads;
+    threads.emplace_back([&] { serveWaitAny(req, ack, 300, failures); });
+    // Churn: short-lived timers closed while their expiries are in flight.
+    threads.emplace_back([&] {
+        for (int i = 0; i < 100; ++i) {
+            HANDLE t = CreateWaitableTimer(nullptr, i % 2, nullptr);
+            failures += !SetWaitableTimer(t, &oneMs, 1, countCall, &s_routineCalls[kTimers], FALSE);
+            if (i % 3 == 0) {
+                failures += WaitForSingleObject(t, kStuckMs) != WAIT_OBJECT_0;
+                failures += !CancelWaitableTimer(t);
+                failures += !SetWaitableTimer(t, &oneMs, 1, nullptr, nullptr, FALSE);
+            }
+            CloseHandle(t);
+        }
+    });
+    // Every long-lived timer keeps expiring through all of this.
+    threads.emplace_back([&] {
+        for (int round = 0; round < 5; ++round)
+            for (HANDLE t : timers) failures += WaitForSingleObject(t, kStuckMs) != WAIT_OBJECT_0;
+    });
+    for (auto& t : threads) t.join();
     EXPECT_EQ(0, failures.load());
+
+    for (int i = 0; i < kTimers; ++i) EXPECT_TRUE(eventually([i] { return s_routineCalls[i] > 0; })) << i;
+    for (HANDLE t : timers) EXPECT_TRUE(CloseHandle(t));
+    EXPECT_EQ(live, CWinTimerHandle::liveTimerCount());
 }
 
 } // namespace

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "Common/OS/Linux/CWinEventHandle.h"
+#include "Common/OS/Linux/HandlePool.h"
 #include "Common/OS/Linux/OSAL.h"
 #include "PlatformTestSupport.h"
 
@@ -16,7 +17,7 @@ CWinEventHandle* ev(HANDLE h)
     return castToWinEventHandle(h);
 }
 
-TEST(WinEventTest, SignalledStateFollowsResetMode)
+TEST(WinEventTest, SignalledStateFollowsResetModeAndBadHandlesAreRefused)
 {
     for (BOOL manual : {FALSE, TRUE}) {
         SCOPED_TRACE(manual ? "manual" : "auto");
@@ -32,7 +33,28 @@ TEST(WinEventTest, SignalledStateFollowsResetMode)
         EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(h, 0));
         EXPECT_EQ(manual != 0, ev(h)->signaled());
         EXPECT_TRUE(CloseHandle(h));
+        // However many were lent before, a pooled event is lent clear and of
+        // the kind asked.
+        h = tavro_internal::borrowEvent(manual);
+        SetEvent(h);
+        tavro_internal::returnEvent(h, manual);
+        h = tavro_internal::borrowEvent(manual);
+        ASSERT_NE(nullptr, ev(h));
+        EXPECT_FALSE(ev(h)->signaled());
+        EXPECT_EQ(manual != 0, ev(h)->manualReset());
+        EXPECT_EQ("", ev(h)->name());
+        tavro_internal::returnEvent(h, manual);
     }
+    EXPECT_EQ(WAIT_FAILED, WaitForSingleObject(nullptr, 0));
+    EXPECT_FALSE(CloseHandle(nullptr));
+    EXPECT_FALSE(SetEvent(nullptr));
+    EXPECT_FALSE(ReleaseMutex(nullptr));
+    EXPECT_EQ(nullptr, castToWinEventHandle(nullptr));
+    CBaseHandle plain;
+    testing::internal::CaptureStdout();
+    EXPECT_TRUE(CloseHandle(&plain));
+    EXPECT_EQ("Closing unknown HANDLE type\n", testing::internal::GetCapturedStdout());
+    EXPECT_EQ(0u, WaitForSingleObject(&plain, INFINITE));
 }
 
 TEST(WinEventTest, TimedWaitsLastAtLeastTheTimeout)
@@ -46,6 +68,19 @@ TEST(WinEventTest, TimedWaitsLastAtLeastTheTimeout)
         EXPECT_GE(GetTickCount() - start, 19u) << count;
     }
     EXPECT_EQ(0u, ev(e.h[0])->subscriberCount());
+    // The deadline carries nanoseconds into seconds.
+    for (DWORD ms : {0u, 1u, 999u, 1000u, 1500u, 86400000u, INFINITE - 1}) {
+        SCOPED_TRACE(ms);
+        timespec before, deadline;
+        clock_gettime(CLOCK_MONOTONIC, &before);
+        CBaseHandle::getTimeout(&deadline, ms, CLOCK_MONOTONIC);
+        EXPECT_GE(deadline.tv_nsec, 0);
+        EXPECT_LT(deadline.tv_nsec, 1000000000);
+        const long double diffMs =
+            (deadline.tv_sec - before.tv_sec) * 1000.0L + (deadline.tv_nsec - before.tv_nsec) / 1e6L;
+        EXPECT_GE(diffMs, ms);
+        EXPECT_LT(diffMs, ms + 1000.0L);
+    }
 }
 
 TEST(WinEventTest, OneSetEventReleasesEveryWaiterOfAnAutoResetEvent)
@@ -60,20 +95,6 @@ TEST(WinEventTest, OneSetEventReleasesEveryWaiterOfAnAutoResetEvent)
     for (auto& t : waiters) t.join();
     EXPECT_EQ(3, released.load());
     EXPECT_EQ(WAIT_TIMEOUT, WaitForSingleObject(e.h[0], 0));
-}
-
-TEST(WinEventTest, NullForeignAndUnknownHandles)
-{
-    EXPECT_EQ(WAIT_FAILED, WaitForSingleObject(nullptr, 0));
-    EXPECT_FALSE(CloseHandle(nullptr));
-    EXPECT_FALSE(SetEvent(nullptr));
-    EXPECT_FALSE(ReleaseMutex(nullptr));
-    EXPECT_EQ(nullptr, castToWinEventHandle(nullptr));
-    CBaseHandle plain;
-    testing::internal::CaptureStdout();
-    EXPECT_TRUE(CloseHandle(&plain));
-    EXPECT_EQ("Closing unknown HANDLE type\n", testing::internal::GetCapturedStdout());
-    EXPECT_EQ(0u, WaitForSingleObject(&plain, INFINITE));
 }
 
 TEST(WinEventTest, OpenEventFindsTheLowerAddressAndCountsReferences)
@@ -102,23 +123,8 @@ TEST(WinEventTest, OpenEventFindsTheLowerAddressAndCountsReferences)
     CloseHandle(any);
 }
 
-TEST(WinEventTest, DeadlineCarriesNanosecondsIntoSeconds)
-{
-    for (DWORD ms : {0u, 1u, 999u, 1000u, 1500u, 86400000u, INFINITE - 1}) {
-        SCOPED_TRACE(ms);
-        timespec before, deadline;
-        clock_gettime(CLOCK_MONOTONIC, &before);
-        CBaseHandle::getTimeout(&deadline, ms, CLOCK_MONOTONIC);
-        EXPECT_GE(deadline.tv_nsec, 0);
-        EXPECT_LT(deadline.tv_nsec, 1000000000);
-        const long double diffMs =
-            (deadline.tv_sec - before.tv_sec) * 1000.0L + (deadline.tv_nsec - before.tv_nsec) / 1e6L;
-        EXPECT_GE(diffMs, ms);
-        EXPECT_LT(diffMs, ms + 1000.0L);
-    }
-}
-
-TEST(WinEventTest, WaitAnyPicksLowestSignalledIndexAndResetsOnlyAutoEvents)
+// Wait-any picks the lowest signalled index and resets only auto events.
+TEST(WinEventTest, WaitMultiple)
 {
     for (BOOL manual : {FALSE, TRUE}) {
         SCOPED_TRACE(manual ? "manual" : "auto");
@@ -131,10 +137,7 @@ TEST(WinEventTest, WaitAnyPicksLowestSignalledIndexAndResetsOnlyAutoEvents)
         EXPECT_TRUE(ev(e.h[3])->signaled());
         EXPECT_EQ(manual ? 1u : 3u, WaitForMultipleObjects(4, e.h.data(), FALSE, INFINITE));
     }
-}
-
-TEST(WinEventTest, WaitAnyWokenBySignalReportsTimeoutThenIndexOnNextCall)
-{
+    // A wait woken by a signal reports a time-out; the next call the index.
     Events e(3, FALSE);
     std::atomic<DWORD> first{12345};
     std::thread waiter([&] { first = WaitForMultipleObjects(3, e.h.data(), FALSE, INFINITE); });
@@ -147,10 +150,8 @@ TEST(WinEventTest, WaitAnyWokenBySignalReportsTimeoutThenIndexOnNextCall)
     EXPECT_TRUE(ev(e.h[2])->signaled());
     EXPECT_EQ(2u, WaitForMultipleObjects(3, e.h.data(), FALSE, 0));
     EXPECT_FALSE(ev(e.h[2])->signaled());
-}
 
-TEST(WinEventTest, WaitAllReportsObjectZeroOnlyWhenEveryWaitTimedOut)
-{
+    // Wait-all reports object zero only when every wait timed out.
     Events single(1, FALSE), two(2, TRUE);
     EXPECT_EQ(WAIT_OBJECT_0, WaitForMultipleObjects(1, single.h.data(), TRUE, 10));
     SetEvent(single.h[0]);
