@@ -10,7 +10,9 @@ reverts the file: always, also on Ctrl-C or a failed build. Mutants that do not
 compile are dropped and another line is drawn. Prints each mutant's outcome,
 the fraction caught and every survivor.
 
-Survivors that cannot change behaviour go into a set-aside file (default
+With --sanitizer-build, a survivor is tried once more in that configured
+AddressSanitizer+UndefinedBehaviorSanitizer build: leaks and overflows are
+faults that only it sees. Survivors that cannot change behaviour go into a set-aside file (default
 tools/mutate-equivalent.txt), one per line:
     <path> TAB <original line> TAB <mutated line> TAB <reason>
 (lines stripped of indentation). They are listed but not counted.
@@ -194,6 +196,8 @@ def main():
     ap.add_argument("--timeout", type=int, default=120,
                     help="seconds allowed for the whole test run; a mutant that hangs it counts as caught "
                          "(default 120)")
+    ap.add_argument("--sanitizer-build", default=None,
+                    help="configured sanitizer build dir, relative to --tree, in which survivors are tried again")
     ap.add_argument("--jobs", type=int, default=2, help="build and ctest parallelism (default 2)")
     ap.add_argument("--set-aside", default=os.path.join(ROOT, "tools", "mutate-equivalent.txt"),
                     help="file of mutants that cannot change behaviour")
@@ -218,10 +222,19 @@ def main():
         rng.shuffle(groups[d])
     set_aside = load_set_aside(args.set_aside)
 
-    build_cmd = ["nice", "-n", "10", "cmake", "--build", build, "-j%d" % args.jobs]
-    test_cmd = ["unshare", "-n", "sh", "-c",
+    def build_cmd_in(b):
+        return ["nice", "-n", "10", "cmake", "--build", b, "-j%d" % args.jobs]
+
+    def test_cmd_in(b):
+        return ["unshare", "-n", "sh", "-c",
                 'ip link set lo up && cd "$0" && exec nice -n 10 ctest -j%d -L "%s"%s'
-                % (args.jobs, args.labels, "" if args.matrix else " --stop-on-failure"), build]
+                % (args.jobs, args.labels, "" if args.matrix else " --stop-on-failure"), b]
+
+    build_cmd, test_cmd = build_cmd_in(build), test_cmd_in(build)
+    san = os.path.join(tree, args.sanitizer_build) if args.sanitizer_build else None
+    if san and not args.list and not os.path.exists(os.path.join(san, "CMakeCache.txt")):
+        print("mutate: no configured build in %s (run cmake first)" % san, file=sys.stderr)
+        return 2
     failed_log = os.path.join(build, "Testing", "Temporary", "LastTestsFailed.log")
     kills = {}  # test name -> labels of the mutants it caught
 
@@ -244,6 +257,10 @@ def main():
                 print("mutate: the tests fail without any mutation (exit %d)" % rc, file=sys.stderr)
                 return 2
             print("baseline: tests pass in %.0f s" % secs, flush=True)
+            if san:
+                if run(build_cmd_in(san), 3600, tree)[0] != 0 or run(test_cmd_in(san), 4 * args.timeout, tree)[0]:
+                    print("mutate: the sanitizer build does not build or pass unmutated", file=sys.stderr)
+                    return 2
         turn = 0
         tried = set()
         while len(results) < args.count and any(groups.values()):
@@ -282,11 +299,18 @@ def main():
                             name = entry.strip().split(":", 1)[-1]
                             if name:
                                 kills.setdefault(name, []).append(label)
+                key = (rel, lines[n].strip(), new.strip())
+                san_rc = 0
+                if san and rc == 0 and key not in set_aside:
+                    if run(build_cmd_in(san), 1800, tree)[0] == 0:
+                        san_rc, more = run(test_cmd_in(san), 4 * args.timeout, tree)
+                        secs += more
             finally:
                 reverter.revert()
-            key = (rel, lines[n].strip(), new.strip())
             if key in set_aside and rc == 0:
                 outcome = "set aside: " + set_aside[key]
+            elif san_rc != 0:
+                outcome = "caught (sanitizer)"
             else:
                 outcome = "caught" if rc != 0 else "SURVIVED"
                 if rc == -1:
@@ -301,7 +325,9 @@ def main():
     finally:
         reverter.revert()
         if not args.list and results and not interrupted:
-            run(build_cmd, 3600, tree)  # leave the build matching the source
+            run(build_cmd, 3600, tree)  # leave the builds matching the source
+            if san:
+                run(build_cmd_in(san), 3600, tree)
     if args.list:
         return 0
     if not results:

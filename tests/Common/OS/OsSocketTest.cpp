@@ -379,7 +379,12 @@ TEST_F(SocketFixture, ShutdownAcceptCloseAndPrepareAgain)
     EXPECT_EQ(server.GetSocket(), -1);
     EXPECT_TRUE(server.HasError());
     server.Close(); // twice is harmless
-    OsSocket::setProgramTerminating(true);
+    // A failed accept keeps its error number and pauses before the next try.
+    g_terminateOnSleep = true;
+    EXPECT_NE(traced([&] { EXPECT_EQ(server.Accept(), nullptr); }).find("Accept: Program is terminating!\n"),
+              std::string::npos);
+    EXPECT_EQ(server.GetLastError(), EBADF);
+    EXPECT_EQ(g_sleeps.size(), 1u);
     EXPECT_TRUE(OsSocket::isProgramTerminating());
     OsSocket other("", loopback(0), TCP_SERVER, 0);
     EXPECT_TRUE(other.Shuttingdown());
