@@ -11,10 +11,10 @@ using namespace sock_test;
 namespace {
 
 // Frame i of sender t.
-FrameSpec sentFrame(std::uint32_t t, std::uint32_t i)
+FrameShape sentFrame(std::uint32_t t, std::uint32_t i)
 {
     const unsigned sizes[] = {0, 5, 100, 2048, 7000, 30000};
-    FrameSpec f;
+    FrameShape f;
     f.order = (i % 2) ? Order::Big : Order::Little;
     f.manager = t;
     f.seqNbr = i;

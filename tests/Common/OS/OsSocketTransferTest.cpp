@@ -145,7 +145,7 @@ struct SocketFixture : testing::Test {
         return sock->GetOrvMessage(&ctl, reinterpret_cast<ORV_APP_MSG*>(buf.data()), unsigned(buf.size()));
     }
     // The allocating reader; the body is checked against f and freed.
-    bool getAlloc(const FrameSpec* f = nullptr)
+    bool getAlloc(const FrameShape* f = nullptr)
     {
         ORV_APP_MSG* app = reinterpret_cast<ORV_APP_MSG*>(1); // must be reset
         if (!sock->GetOrvMessageWithAppMsgMemAlloc(&ctl, app)) return false;
@@ -169,7 +169,7 @@ using WriterFixture = SocketFixture;
 // test headers included, is taken by a single recv and nothing is purged.
 TEST_F(ReaderFixture, FramesInBothByteOrdersAndLinkTestsShareOneRecv)
 {
-    std::vector<FrameSpec> frames = {
+    std::vector<FrameShape> frames = {
         {Order::Big, kMarker, 1, 10002, 7, 0, 1},     {Order::Little, kMarker, 2, 10003, 8, 0, 2},
         {Order::Big, kMarker, 3, 20001, 9, 100, 3},   {Order::Little, kMarker, 11, 110002, 10, 5000, 4},
         {Order::Big, kMarker, 4, 40010, 11, 2048, 5}, {Order::Little, kMarker, 5, 40010, 12, 2049, 6}};
@@ -203,7 +203,7 @@ TEST_F(ReaderFixture, BodyIsRequestedInPiecesOf2048)
     for (const auto& [payload, requests] : cases) {
         SCOPED_TRACE(payload);
         open();
-        const FrameSpec f = spec(payload, 0, hostOrder());
+        const FrameShape f = shape(payload, 0, hostOrder());
         ASSERT_TRUE(writeAll(fds.b, buildFrame(f)));
         failRecv(0);
         const std::string out = traced([&] { EXPECT_TRUE(get()); }, SOCK_TRACE_CONNECT);
@@ -223,7 +223,7 @@ TEST_F(ReaderFixture, BodyIsRequestedInPiecesOf2048)
 TEST_F(ReaderFixture, LargeBodiesAreReceivedInPlace)
 {
     bigSendBuffer();
-    const FrameSpec f = spec(200000), next = spec(5, 3);
+    const FrameShape f = shape(200000), next = shape(5, 3);
     const std::string frame = buildFrame(f);
     ASSERT_TRUE(writeAll(fds.b, frame + buildFrame(next)));
     failRecv(0);
@@ -257,7 +257,7 @@ TEST_F(ReaderFixture, LargeBodiesAreReceivedInPlace)
 
     // A body trickling in after its headers: the reader asks for the rest
     // until the body is whole.
-    const FrameSpec trickled = spec(3 * OsSocket::READ_AHEAD_SIZE + 123, 0, Order::Little);
+    const FrameShape trickled = shape(3 * OsSocket::READ_AHEAD_SIZE + 123, 0, Order::Little);
     const std::string third = buildFrame(trickled);
     ASSERT_TRUE(writeAll(fds.b, third.substr(0, 40 + 10)));
     std::thread writer([&] {
@@ -278,8 +278,8 @@ TEST_F(ReaderFixture, LargeBodiesAreReceivedInPlace)
 // more (here nothing more ever comes).
 TEST_F(ReaderFixture, AllocatingReaderSizesTheBodyAndHeldBytesNeedNoWait)
 {
-    const FrameSpec f = spec(3000, 0, hostOrder() == Order::Big ? Order::Little : Order::Big);
-    FrameSpec shortBody;
+    const FrameShape f = shape(3000, 0, hostOrder() == Order::Big ? Order::Little : Order::Big);
+    FrameShape shortBody;
     shortBody.sizeOverride = 5;
     ASSERT_TRUE(writeAll(fds.b, buildFrame(f) + buildFrame(shortBody).substr(0, 12 + 5) + "Z"));
     ASSERT_TRUE(getAlloc(&f));
@@ -305,7 +305,7 @@ TEST_F(ReaderFixture, AllocatingReaderSizesTheBodyAndHeldBytesNeedNoWait)
 
 TEST_F(ReaderFixture, BadHeadersArePurgedAndTheNextFrameIsRead)
 {
-    FrameSpec zero, badMarker = spec(16), otherMarker;
+    FrameShape zero, badMarker = shape(16), otherMarker;
     zero.sizeOverride = 0;
     badMarker.marker = 0x58585858; // "XXXX"
     otherMarker.marker = 0x01020304;
@@ -322,7 +322,7 @@ TEST_F(ReaderFixture, BadHeadersArePurgedAndTheNextFrameIsRead)
          kBuf},
         {"size zero with stale bytes", buildFrame(zero) + std::string(37, 'j'), zeroSize, kBuf},
         {"size zero alone", buildFrame(zero).substr(0, 12), zeroSize, kBuf},
-        {"larger than the buffer", buildFrame(spec(200)),
+        {"larger than the buffer", buildFrame(shape(200)),
          "ReadCtlMsg: IP[0.0.0.0] ORV_CTL_MSG size [228] (as provided in ORV_CTL_MSG) is larger than expected "
          "size[100]\n",
          100},
@@ -331,7 +331,7 @@ TEST_F(ReaderFixture, BadHeadersArePurgedAndTheNextFrameIsRead)
         SCOPED_TRACE(c.name);
         open();
         g_availCalls = 0;
-        const FrameSpec good = spec(30, 9);
+        const FrameShape good = shape(30, 9);
         std::thread peer([&] {
             writeAll(fds.b, c.bad);
             // The good frame must arrive after the purge sampled the input.
@@ -355,7 +355,7 @@ TEST_F(ReaderFixture, BadHeadersArePurgedAndTheNextFrameIsRead)
 
 TEST_F(ReaderFixture, NewDescriptorDropsBytesHeldForTheOldOne)
 {
-    FrameSpec first = spec(0, 1), stale = spec(0, 2), fresh = spec(12, 3);
+    FrameShape first = shape(0, 1), stale = shape(0, 2), fresh = shape(12, 3);
     stale.seqNbr = 2;
     fresh.seqNbr = 3;
     ASSERT_TRUE(writeAll(fds.b, buildFrame(first) + buildFrame(stale)));
@@ -376,7 +376,7 @@ TEST_F(ReaderFixture, NewDescriptorDropsBytesHeldForTheOldOne)
 // frame, and so do bad arguments.
 TEST_F(ReaderFixture, ReadEndsWithoutAFrame)
 {
-    const std::string frame = buildFrame(spec(3000));
+    const std::string frame = buildFrame(shape(3000));
     for (std::size_t sent : {0, 5, 12 + 2100}) { // between frames, in the header, in the body
         SCOPED_TRACE(sent);
         open();
@@ -425,7 +425,7 @@ TEST_F(ReaderFixture, FiveInterruptsInARowFailTheRead)
     for (int err : {EINTR, EAGAIN}) {
         SCOPED_TRACE(err);
         open();
-        const FrameSpec f = spec(10);
+        const FrameShape f = shape(10);
         ASSERT_TRUE(writeAll(fds.b, buildFrame(f)));
         g_sleeps.clear();
         failRecv(4, err);
@@ -436,7 +436,7 @@ TEST_F(ReaderFixture, FiveInterruptsInARowFailTheRead)
         EXPECT_EQ(g_sleeps.size(), 4u);
         EXPECT_FALSE(sock->HasError());
 
-        ASSERT_TRUE(writeAll(fds.b, buildFrame(FrameSpec())));
+        ASSERT_TRUE(writeAll(fds.b, buildFrame(FrameShape())));
         g_failures = 5;
         g_sleeps.clear();
         socketTraceFeature().SetMask(SOCK_TRACE_INTERRUPT);
@@ -461,7 +461,7 @@ TEST_F(ReaderFixture, FiveInterruptsInARowFailTheRead)
     }
     // Four interrupts before every single byte: never five in a row.
     open();
-    const FrameSpec f = spec(3);
+    const FrameShape f = shape(3);
     ASSERT_TRUE(writeAll(fds.b, buildFrame(f)));
     g_recvCalls = 0;
     socketSeams().recvFn = interleavedRecv;
@@ -559,7 +559,7 @@ TEST_F(ReaderFixture, TraceBitsReportTheWaitAndDumpHeaderAndFirstPiece)
                   "waitForReadySocket: IP[0.0.0.0] nReadySockets[1] Shuttingdown()[false] bSockErr[false]\n"
                   "readAllData: IP[0.0.0.0] nRequestedBytes[1]\n");
     }
-    ASSERT_TRUE(writeAll(fds.b, buildFrame(spec(50))));
+    ASSERT_TRUE(writeAll(fds.b, buildFrame(shape(50))));
     const std::string out = traced([&] { EXPECT_TRUE(get()); }, SOCK_TRACE_RAW);
     EXPECT_EQ(countOf(out, "ReadCtlMsgCommon: raw[12] bytes\n  0000  4D 53 47 3A 00 00 00 01 00 00 00 4E"), 1u) << out;
     EXPECT_EQ(countOf(out, "ReadAppMsg: raw[32] bytes\n  0000  43 4D 44 3A"), 1u) << out;

@@ -42,7 +42,7 @@ inline char payloadByte(std::uint32_t tag, std::size_t i)
     return static_cast<char>((i * 31u + tag * 7u + (i >> 8)) & 0xFF);
 }
 
-struct FrameSpec {
+struct FrameShape {
     Order order = Order::Big;
     std::uint32_t marker = kMarker;
     std::uint32_t manager = 1;
@@ -54,9 +54,9 @@ struct FrameSpec {
     long long sizeOverride = -1;
 };
 
-inline FrameSpec spec(std::uint32_t payload, std::uint32_t tag = 0, Order order = Order::Big)
+inline FrameShape shape(std::uint32_t payload, std::uint32_t tag = 0, Order order = Order::Big)
 {
-    FrameSpec f;
+    FrameShape f;
     f.order = order;
     f.payload = payload;
     f.tag = tag;
@@ -64,7 +64,7 @@ inline FrameSpec spec(std::uint32_t payload, std::uint32_t tag = 0, Order order 
 }
 
 // Control header, application header and payload as they travel.
-inline std::string buildFrame(const FrameSpec& f)
+inline std::string buildFrame(const FrameShape& f)
 {
     std::string s;
     const std::uint32_t size = f.sizeOverride >= 0 ? static_cast<std::uint32_t>(f.sizeOverride) : 28 + f.payload;
@@ -76,7 +76,7 @@ inline std::string buildFrame(const FrameSpec& f)
 }
 
 // Checks a frame read by the socket against the description it was built from.
-inline void expectFrame(const ORV_CTL_MSG& ctl, const char* body, const FrameSpec& f)
+inline void expectFrame(const ORV_CTL_MSG& ctl, const char* body, const FrameShape& f)
 {
     const bool reversed = f.order != hostOrder();
     EXPECT_EQ(ctl.getMarker(), kMarker);
