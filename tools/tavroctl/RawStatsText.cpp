@@ -36,7 +36,7 @@ std::string rawStatsTable(const void* block)
                              head.formatVersion, n, orderText(block));
     out += "port  link   Mbit/s\n";
     for (int i = 0; i < n; ++i) {
-        TAVRO_RAW_PORT_STATS p;
+        TAVRO_RAW_PORT_STATS p{};
         TAVRO_RawStatsPort(block, i, &p);
         out += format("%4u  %-4s %8" PRIu32 "\n", p.portNbr, p.linkUp ? "up" : "down", p.speedMbps);
     }
@@ -45,12 +45,12 @@ std::string rawStatsTable(const void* block)
         const int last = first + 4 < n ? first + 4 : n;
         out += "\ncounter";
         for (int i = first; i < last; ++i) {
-            TAVRO_RAW_PORT_STATS p;
+            TAVRO_RAW_PORT_STATS p{};
             TAVRO_RawStatsPort(block, i, &p);
             out += format(" %13s %-3u%11s", "rx port", p.portNbr, "tx");
         }
         out += "\n";
-        TAVRO_RAW_PORT_STATS ports[4];
+        TAVRO_RAW_PORT_STATS ports[4]{};
         for (int i = first; i < last; ++i) TAVRO_RawStatsPort(block, i, &ports[i - first]);
         for (int c = 0; c < TAVRO_RAW_STATS_COUNTERS; ++c) {
             out += format("%7d", c);
@@ -71,7 +71,7 @@ std::string rawStatsJson(const void* block)
     std::string out = format("{\"slot\": %u, \"format\": %u, \"byteOrder\": \"%s\", \"ports\": [", head.slotNbr,
                              head.formatVersion, orderText(block));
     for (int i = 0; i < n; ++i) {
-        TAVRO_RAW_PORT_STATS p;
+        TAVRO_RAW_PORT_STATS p{};
         TAVRO_RawStatsPort(block, i, &p);
         out += format("%s\n  {\"port\": %u, \"linkUp\": %s, \"speedMbps\": %" PRIu32 ", ", i ? "," : "", p.portNbr,
                       p.linkUp ? "true" : "false", p.speedMbps);
