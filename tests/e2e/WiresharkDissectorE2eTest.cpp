@@ -64,6 +64,7 @@ const char* const kDissectorDir = nullptr;
 // running as root are dropped.
 std::string tshark(const std::string& args)
 {
+    if (kTshark == nullptr || kDissectorDir == nullptr) return "";
     const std::string cmd = std::string("HOME=\"$PWD\" XDG_CONFIG_HOME=\"$PWD\" ") + kTshark +
                             " -n -X lua_script:" + kDissectorDir + "/tavro.lua " + args + " 2>&1";
     std::string out, kept;
