@@ -22,7 +22,6 @@
 
 namespace fake_switch {
 
-// One frame as it went out.
 struct Frame {
     std::vector<unsigned char> bytes; // the whole chain, flattened
     int pieces = 0;
@@ -51,7 +50,7 @@ public:
 
 class FakeSwitch : public IRouteTableEntry {
 public:
-    // Called on the sender's thread after the frame was recorded.
+    // Runs on the sender's thread after the frame was recorded.
     using Reply = std::function<void(FakeSwitch&, const Frame&)>;
 
     explicit FakeSwitch(int id, bool active = true) : id(id), active(active) { setWorkerThread(&thread); }
@@ -79,10 +78,9 @@ public:
                 f.app.fromNetwork();
             }
         }
-        {
-            std::lock_guard<std::mutex> g(lock);
-            frames.push_back(f);
-        }
+        std::unique_lock<std::mutex> g(lock);
+        frames.push_back(f);
+        g.unlock();
         arrived.notify_all();
         if (reply) reply(*this, f);
         return sendResult;
@@ -106,13 +104,11 @@ public:
         return frames;
     }
     std::size_t sentCount() { return sent().size(); }
-    // Waits (bounded generously) until n frames have arrived.
     bool waitFor(std::size_t n)
     {
         std::unique_lock<std::mutex> g(lock);
         return arrived.wait_for(g, std::chrono::seconds(30), [&] { return frames.size() >= n; });
     }
-    // Makes the calling thread the session's own thread.
     void ownedByThisThread() { setMyThread(pthread_self()); }
     int signals() const { return thread.signals.load(); }
 

@@ -24,9 +24,7 @@ enum class Order { Big, Little };
 inline Order hostOrder()
 {
     const std::uint16_t probe = 1;
-    std::uint8_t first;
-    std::memcpy(&first, &probe, 1);
-    return first == 1 ? Order::Little : Order::Big;
+    return *reinterpret_cast<const std::uint8_t*>(&probe) == 1 ? Order::Little : Order::Big;
 }
 
 inline Order orderOf(bool reversed)
@@ -103,25 +101,18 @@ public:
         sockaddr_in a = address(port);
         socklen_t len = sizeof a;
         if (::bind(lfd, reinterpret_cast<sockaddr*>(&a), len) != 0 || ::listen(lfd, 8) != 0 ||
-            ::getsockname(lfd, reinterpret_cast<sockaddr*>(&a), &len) != 0) {
+            ::getsockname(lfd, reinterpret_cast<sockaddr*>(&a), &len) != 0)
             closeListener();
-            return false;
-        }
         boundPort = ntohs(a.sin_port);
-        return true;
+        return lfd >= 0;
     }
-    void closeListener()
-    {
-        if (lfd >= 0) ::close(lfd);
-        lfd = -1;
-    }
+    void closeListener() { closeFd(lfd); }
     std::uint16_t port() const { return boundPort; }
 
     bool accept(int timeoutMs = 30000)
     {
         closeConnection();
-        if (!ready(lfd, timeoutMs)) return false;
-        cfd = ::accept(lfd, nullptr, nullptr);
+        cfd = ready(lfd, timeoutMs) ? ::accept(lfd, nullptr, nullptr) : -1;
         return cfd >= 0;
     }
     bool connectTo(std::uint16_t port)
@@ -132,11 +123,7 @@ public:
         const sockaddr_in a = address(port);
         return ::connect(cfd, reinterpret_cast<const sockaddr*>(&a), sizeof a) == 0;
     }
-    void closeConnection()
-    {
-        if (cfd >= 0) ::close(cfd);
-        cfd = -1;
-    }
+    void closeConnection() { closeFd(cfd); }
 
     // n bytes, or fewer when the other end closed or went quiet for 30 s.
     Bytes read(std::size_t n)
@@ -181,6 +168,11 @@ private:
     {
         pollfd p{fd, POLLIN, 0};
         return fd >= 0 && ::poll(&p, 1, timeoutMs) == 1;
+    }
+    static void closeFd(int& fd)
+    {
+        if (fd >= 0) ::close(fd);
+        fd = -1;
     }
 
     int lfd = -1;
