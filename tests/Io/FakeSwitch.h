@@ -61,7 +61,6 @@ public:
     bool TcpSend(TCP_BD* chain) override
     {
         ++sends;
-        lastChain = chain;
         if (chain == nullptr) return sendResult;
         Frame f;
         for (TCP_BD* bd = chain; bd != nullptr; bd = bd->pNextBD) {
@@ -116,7 +115,6 @@ public:
     std::atomic<bool> active;
     std::atomic<bool> sendResult{true};
     std::atomic<int> sends{0};
-    std::atomic<TCP_BD*> lastChain{nullptr};
     Reply reply;
     CountingThread thread;
     SWITCH_CTL ctl;

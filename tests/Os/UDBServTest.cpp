@@ -92,10 +92,8 @@ TEST_F(Config, AnnouncedKeysPrintTheirLines)
 {
     EXPECT_EQ(loadCapturing("IP2=10.1.1.2\n"), "\tOther BPIM Address:10.1.1.2\n");
     EXPECT_EQ(sysParm.secondIp.s_addr, htonl(0x0A010102));
-    for (const char* discover : {"DISCOVER\n", "discover=no\n"}) {
-        EXPECT_EQ(loadCapturing(discover), "\n\n\nDISCOVERING OTHER SWITCHES!\n\n\n");
-        EXPECT_TRUE(sysParm.bDiscoverSwitches);
-    }
+    EXPECT_EQ(loadCapturing("discover=no\n"), "\n\n\nDISCOVERING OTHER SWITCHES!\n\n\n");
+    EXPECT_TRUE(sysParm.bDiscoverSwitches);
     for (const char* ip : {"LOCALIP=10.9.8.7\n", "ip=10.9.8.7\n"}) {
         EXPECT_EQ(loadCapturing(ip), "\n\nOverriding default IP Address selection!  Using 10.9.8.7 instead.\n");
         EXPECT_EQ(sysParm.localIp.s_addr, htonl(0x0A090807));
@@ -119,15 +117,11 @@ TEST_F(Config, HostileInput)
     load(longKey.c_str());
     EXPECT_EQ(std::strlen(sysParm.pTempDir), 259u);
 
-    // Binary bytes, a zero byte inside a line, and a valid line afterwards.
-    std::string binary;
-    unsigned x = 12345;
-    for (int i = 0; i < 20000; ++i) binary.push_back(static_cast<char>((x = x * 1103515245u + 12345u) >> 16));
-    static const char tail[] =
-        "\nPORT=9\0"
+    // A zero byte inside a line, and a valid line afterwards (random bytes: the fuzz target).
+    static const char zero[] =
+        "PORT=9\0"
         "000\nRADIUS=3\n";
-    binary.append(tail, sizeof tail - 1);
-    load(binary.data(), binary.size());
+    load(zero, sizeof zero - 1);
     EXPECT_EQ(sysParm.socketPort, htons(9));
     EXPECT_EQ(sysParm.radius, htons(3));
 
@@ -148,40 +142,12 @@ TEST(ConfigDirect, ArgumentsWithoutFile)
     EXPECT_EQ(sysParm.pTempDir, nullptr);
     EXPECT_EQ(sysParm.socketPort, htons(4242));
     getBaseParameters(0, nullptr);
-    getBaseParameters(5, nullptr);
     GetBaseConfiguration(nullptr);
     GetBaseConfiguration("/nonexistent/TAVRO.CONF");
     EXPECT_EQ(sysParm.socketPort, htons(4242));
     sysParm = saved;
 }
 
-TEST(BladeAddress, Plan)
-{
-    const struct {
-        SWITCH_MODEL model;
-        NET_CHANNEL net;
-        int chassis, slot;
-        const char* expected;
-    } cases[] = {
-        {SW_MODEL_R723, NETWORK_A, 2, 0, "192.168.2.1"},
-        {SW_MODEL_R723, NETWORK_B, 3, 4, "172.16.3.5"},
-        {SW_MODEL_R723, NETWORK_PEER, 3, 4, "0.0.0.0"},
-        {SW_MODEL_R721, NETWORK_B, 3, 4, "127.0.0.1"},
-        {SW_MODEL_R721_R, NETWORK_A, 1, 1, "127.0.0.1"},
-        {SW_MODEL_R723, NETWORK_A, SYS_PARM::THIS_CHASSIS, SYS_PARM::THIS_SLOT, "192.168.5.10"},
-        {SW_MODEL_R723, NETWORK_A, 300, 0, "0.0.0.0"}, // not an address
-    };
-    for (const auto& c : cases) {
-        SYS_PARM p;
-        p.switchModel = c.model;
-        p.chassisNbr = 5;
-        p.slotNbr = SLOT_9;
-        EXPECT_EQ(p.createIpAddress(c.net, c.chassis, c.slot).toString(), c.expected)
-            << c.model << " " << c.net << " " << c.chassis << " " << c.slot;
-    }
-}
-
-// Beyond what the configuration keys reach: no room, no source, no digits.
 TEST(TextHelpers, SafeStrncpyAndAsciiToString)
 {
     char buf[4] = {'#', '#', '#', '#'};
