@@ -1,9 +1,6 @@
-// The Wireshark dissector (tools/wireshark/tavro.lua) as tshark runs it, on
-// captures the simulator writes of real traffic: the library's own through
-// its exported API, and a plain client's frames packed, split and broken on
-// purpose. Every frame tshark shows is compared with the frame the simulator
-// read or sent, its names with the library's own code texts. tshark runs on
-// the host, so cross builds skip these tests.
+// The Wireshark dissector as tshark runs it, on captures the simulator writes:
+// every frame tshark shows is compared with the frame the simulator read or
+// sent, its names with the library's own code texts. Cross builds skip it.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -25,6 +22,7 @@
 namespace lp = loopback_peer;
 using switchsim::SimFrame;
 using switchsim::SwitchSimulator;
+using tavro_test::text;
 
 namespace {
 
@@ -42,7 +40,6 @@ std::vector<std::string> split(const std::string& s, char sep)
     return out;
 }
 
-// Non-empty lines.
 std::vector<std::string> lines(const std::string& s)
 {
     std::vector<std::string> out;
@@ -59,9 +56,8 @@ const char* const kTshark = nullptr; // a cross build, or no tshark on the build
 const char* const kDissectorDir = nullptr;
 #endif
 
-// tshark with the built dissector and nothing from the user's own Wireshark
-// set-up (HOME points at the test's directory). Lines of its own about
-// running as root are dropped.
+// tshark with the built dissector and none of the user's Wireshark set-up;
+// its own lines about running as root are dropped.
 std::string tshark(const std::string& args)
 {
     if (kTshark == nullptr || kDissectorDir == nullptr) return "";
@@ -78,28 +74,17 @@ std::string tshark(const std::string& args)
     return kept;
 }
 
-template <typename T>
-std::string text(T v)
-{
-    std::ostringstream os;
-    os << v;
-    return os.str();
-}
-
 const char* orderText(switchsim::WireOrder o)
 {
     return lp::orderOf(o == switchsim::WireOrder::Reversed) == lp::Order::Big ? "big-endian" : "little-endian";
 }
 
-// One frame as tshark decoded it.
 struct Pdu {
     unsigned packet = 0;
     bool toSwitch = false;
-    std::string marker, order, manager, info;
-    std::string msgtype, cmd, seq, stat, src, apperr, appsize;
+    std::string info, marker, order, manager, cmd, src, apperr, appsize;
 };
 
-// The info line the dissector writes for a frame, from the library's texts.
 std::string infoOf(const SimFrame& f)
 {
     std::string s = std::string(f.isCommand() ? "CMD:" : "RSP:") + ' ' + text(COMMAND_CODE(std::int32_t(f.cmdCode))) +
@@ -125,7 +110,6 @@ protected:
         dir.reset(new tavro_test::ScopedTempDir);
         ::mkdir("log", 0755);
         pcap = dir->path() + "/traffic.pcap";
-        // Connections come up at once instead of after the real first wait.
         tavro_internal::clientSeams().connectDelayMs = [](int) { return DWORD(20); };
     }
     void TearDown() override
@@ -148,19 +132,17 @@ protected:
         ASSERT_TRUE(sim.start(o, &error)) << error;
     }
 
-    // Every frame in the capture, in order, from tshark's fields and info column.
     std::vector<Pdu> decode()
     {
         const std::string out = tshark("-r " + pcap +
                                        " -Y tavro -T fields -E separator=/t -E occurrence=a -E aggregator=,"
                                        " -e frame.number -e tcp.dstport -e _ws.col.Info -e tavro.marker"
-                                       " -e tavro.order -e tavro.manager -e tavro.msgtype -e tavro.cmd -e tavro.seq"
-                                       " -e tavro.control -e tavro.status -e tavro.src -e tavro.apperr"
+                                       " -e tavro.order -e tavro.manager -e tavro.cmd -e tavro.src -e tavro.apperr"
                                        " -e tavro.appsize");
         std::vector<Pdu> pdus;
         for (const std::string& line : lines(out)) {
             const auto c = split(line, '\t');
-            if (c.size() != 14) {
+            if (c.size() != 10) {
                 ADD_FAILURE() << "unexpected tshark line: " << line;
                 continue;
             }
@@ -175,21 +157,18 @@ protected:
                 p.packet = unsigned(std::stoul(c[0]));
                 p.toSwitch = c[1] == std::to_string(kPcePort);
                 p.info = k < infos.size() ? infos[k] : "?";
-                p.info.erase(0, p.info.find_first_not_of(' '));
-                p.info.erase(p.info.find_last_not_of(' ') + 1);
+                p.info.erase(0, p.info.find_first_not_of(' ')).erase(p.info.find_last_not_of(' ') + 1);
                 p.marker = take(3);
-                if (p.marker == hex(lp::kMarker) || p.marker == hex(lp::kTest)) {
+                const bool frame = p.marker == hex(lp::kMarker);
+                if (frame || p.marker == hex(lp::kTest)) {
                     p.order = take(4);
                     p.manager = take(5);
                 }
-                if (p.marker == hex(lp::kMarker)) {
-                    p.msgtype = take(6);
-                    p.cmd = take(7);
-                    p.seq = take(8);
-                    p.stat = p.msgtype == hex(lp::kCommand) ? take(9) : take(10);
-                    p.src = take(11);
-                    p.apperr = take(12);
-                    p.appsize = take(13);
+                if (frame) {
+                    p.cmd = take(6);
+                    p.src = take(7);
+                    p.apperr = take(8);
+                    p.appsize = take(9);
                 }
                 pdus.push_back(p);
             }
@@ -197,8 +176,7 @@ protected:
         return pdus;
     }
 
-    // The capture's frames, one direction at a time, equal what the
-    // simulator read and sent; link tests are counted apart.
+    // One direction at a time, the capture equals what the simulator read and sent.
     void expectFramesMatchTheSimulator(const std::vector<Pdu>& pdus)
     {
         std::vector<SimFrame> want[2] = {sim.sentFrames(), sim.receivedFrames()};
@@ -218,19 +196,15 @@ protected:
             SCOPED_TRACE("packet " + std::to_string(p.packet) + ": " + p.info);
             ASSERT_LT(i, list.size()) << "a frame the simulator did not " << (p.toSwitch ? "read" : "send");
             const SimFrame& f = list[i++];
-            const struct {
-                const char* field;
-                std::string got, want;
-            } fields[] = {
-                {"order", p.order, orderText(f.order)},
-                {"manager", p.manager, std::to_string(f.manager)},
-                {"cmd", p.cmd, std::to_string(f.cmdCode)},
-                {"src", p.src, std::to_string(f.srcAddr)},
-                {"apperr", p.apperr, std::to_string(std::int32_t(f.appError))},
-                {"appsize", p.appsize, std::to_string(f.appSize)},
-                {"info", p.info, infoOf(f)},
-            };
-            for (const auto& c : fields) EXPECT_EQ(c.got, c.want) << c.field;
+            const std::string got[] = {p.order, p.manager, p.cmd, p.src, p.apperr, p.appsize, p.info};
+            const std::string expected[] = {orderText(f.order),
+                                            std::to_string(f.manager),
+                                            std::to_string(f.cmdCode),
+                                            std::to_string(f.srcAddr),
+                                            text(std::int32_t(f.appError)),
+                                            std::to_string(f.appSize),
+                                            infoOf(f)};
+            for (std::size_t k = 0; k < std::size(got); ++k) EXPECT_EQ(got[k], expected[k]) << "field " << k;
         }
         EXPECT_EQ(at[0], want[0].size()) << "frames sent but not in the capture";
         EXPECT_EQ(at[1], want[1].size()) << "frames read but not in the capture";

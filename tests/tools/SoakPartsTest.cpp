@@ -1,6 +1,4 @@
-// The soak driver's parts that can go wrong without a switch: the check of a
-// command's responses, its fault plan, the simulator's counters line, the
-// resource bounds and the child process control.
+// The soak driver's parts that can go wrong without a switch.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -48,7 +46,6 @@ TEST(SoakResponses, OnePairedResponseOrTimeOutPerDestination)
         {"answered, unserved timed out", true, {{2, RSP_TIME_OUT, 0}, {1, kExpected, 0}}, false, 1, 1, true},
         {"both timed out", true, {{1, RSP_TIME_OUT, 0}, {2, RSP_TIME_OUT, 0}}, false, 0, 2, false},
         {"the unserved one answered", true, {{1, kExpected, 0}, {2, kExpected, 0}}, true, 1, 0, false},
-        {"one destination twice", true, {{1, kExpected, 0}, {1, RSP_TIME_OUT, 0}}, true, 1, 0, false},
         {"the unserved one missing", true, {{1, kExpected, 0}}, true, 0, 0, false},
     };
     for (const Case& c : cases) {
@@ -56,7 +53,7 @@ TEST(SoakResponses, OnePairedResponseOrTimeOutPerDestination)
         cmd.SetCmdCode(CMD_RTRV_PORT_CONN);
         cmd.SetSeqNbr(41);
         cmd.SetMsgAddr(1);
-        if (c.toUnserved) cmd.SetMsgAddr(2);
+        if (c.toUnserved) cmd.SetMsgAddr(2); // a second destination
         for (const Reply& r : c.replies) {
             auto* rsp = new CrRsp(&cmd);
             SlaveAddr from;
@@ -73,9 +70,7 @@ TEST(SoakResponses, OnePairedResponseOrTimeOutPerDestination)
         EXPECT_EQ(answered.load(), c.answered) << c.name;
         EXPECT_EQ(timedOut.load(), c.timedOut) << c.name;
         EXPECT_EQ(real != nullptr, c.real) << c.name;
-        if (real != nullptr) {
-            EXPECT_TRUE(real->GetMsgAddr().SlaveAddrSet(1)) << c.name;
-        }
+        EXPECT_TRUE(real == nullptr || real->GetMsgAddr().SlaveAddrSet(1)) << c.name;
     }
 }
 
@@ -83,12 +78,7 @@ TEST(SoakPhaseCheck, TheSwitchsCountsAndTheHandledOnesMustAgree)
 {
     auto sim = [](std::uint64_t commands, std::uint64_t answered, std::uint64_t unanswered,
                   std::uint64_t unexpected = 0) {
-        soak::SwitchCounters c;
-        c.commands = commands;
-        c.answered = answered;
-        c.unanswered = unanswered;
-        c.unexpected = unexpected;
-        return c;
+        return soak::SwitchCounters{0, 0, 0, 0, commands, answered, unanswered, unexpected};
     };
     struct Case {
         const char* name;

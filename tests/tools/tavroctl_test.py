@@ -1,8 +1,4 @@
-"""tavroctl against the switch simulator: every subcommand and every error.
-
-Run by ctest:  tavroctl_test.py TAVROCTL SWITCHSIM [EMULATOR...]
-The simulator holds the switch's service ports of this host while it runs.
-"""
+"""tavroctl against the switch simulator.  Run by ctest: tavroctl_test.py TAVROCTL SWITCHSIM [EMULATOR...]"""
 import json
 import os
 import signal
