@@ -294,15 +294,14 @@ TEST_F(Dissector, PackedSplitFlaggedAndRefusedFramesFromPlainClients)
     const struct {
         std::uint32_t marker, size;
         std::size_t bytes;
-        const char *info, *filter, *message;
+        const char *info, *message;
     } refused[] = {
-        {0x21444142, 28, 40, "Bad marker 0x42414421", "tavro.bad_marker", // "BAD!" as bytes
+        {0x21444142, 28, 40, "Bad marker 0x42414421", // "BAD!" as bytes
          "Not a frame start: marker 0x42414421 (40 bytes dropped)"},
-        {lp::kMarker, 0, 20, "Bad size 0", "tavro.bad_size", "Size 0: the application header is missing"},
-        {lp::kMarker, 0x7FFFFFFF, 40, "Bad size 2147483647", "tavro.bad_size",
+        {lp::kMarker, 0, 20, "Bad size 0", "Size 0: the application header is missing"},
+        {lp::kMarker, 0x7FFFFFFF, 40, "Bad size 2147483647",
          "Size 2147483647 exceeds the library's 2559936-byte receive buffer"},
-        {lp::kMarker, 20, 32, "Short frame", "tavro.short_frame",
-         "Size 20 leaves no room for the 28-byte application header"},
+        {lp::kMarker, 20, 32, "Short frame", "Size 20 leaves no room for the 28-byte application header"},
     };
     startSim(false, 0);
     lp::Peer client;
@@ -351,10 +350,8 @@ TEST_F(Dissector, PackedSplitFlaggedAndRefusedFramesFromPlainClients)
     expectFramesMatchTheSimulator(std::vector<Pdu>(pdus.begin(), pdus.begin() + 5));
     // Two frames of one packet share it and its info line.
     EXPECT_EQ(pdus[0].packet, pdus[1].packet);
-    EXPECT_EQ(pdus[1].order, "big-endian");
     // The split frame shows up once, in the packet of its last piece.
     EXPECT_EQ(pdus[3].cmd, std::to_string(CMD_CARD_INIT));
-    EXPECT_EQ(pdus[3].order, "little-endian");
     EXPECT_EQ(pdus[3].packet, pdus[2].packet + 3);
     const std::string warnings = tshark("-r " + pcap +
                                         " -Y 'tavro.flag_on_wire && tavro.appsize_mismatch'"
@@ -367,11 +364,8 @@ TEST_F(Dissector, PackedSplitFlaggedAndRefusedFramesFromPlainClients)
     const auto got = lines(tshark("-r " + pcap + " -Y 'tavro.bad_marker || tavro.bad_size || tavro.short_frame'" +
                                   " -T fields -e _ws.col.Info -e _ws.expert.message"));
     ASSERT_EQ(got.size(), std::size(refused));
-    for (std::size_t i = 0; i < got.size(); ++i) {
+    for (std::size_t i = 0; i < got.size(); ++i)
         EXPECT_EQ(got[i], std::string(refused[i].info) + '\t' + refused[i].message);
-        EXPECT_EQ(lines(tshark("-r " + pcap + " -Y " + refused[i].filter)).size(),
-                  std::string(refused[i].filter) == "tavro.bad_size" ? 2u : 1u);
-    }
 }
 
 } // namespace

@@ -56,7 +56,7 @@ TEST(SoakResponses, OnePairedResponseOrTimeOutPerDestination)
         if (c.toUnserved) cmd.SetMsgAddr(2); // a second destination
         for (const Reply& r : c.replies) {
             auto* rsp = new CrRsp(&cmd);
-            SlaveAddr from;
+            SlaveAddr from; // the response starts with the command's destinations
             from.SetSlaveAddr(r.addr);
             rsp->SetMsgAddr(from);
             rsp->SetRspStat(r.status);
@@ -90,15 +90,8 @@ TEST(SoakPhaseCheck, TheSwitchsCountsAndTheHandledOnesMustAgree)
         {"all answered", sim(10, 10, 0), 10, {}},
         {"lost before they were handled", sim(10, 8, 2), 8, {}},
         {"lost after they were handled", sim(10, 8, 2), 10, {}},
-        {"nothing sent", sim(0, 0, 0), 0, {}},
-        {"an answer to nothing",
-         sim(10, 10, 0, 1),
-         10,
-         {"the switch got 1 answers to commands it had no open record of"}},
-        {"neither answered nor lost",
-         sim(10, 8, 1),
-         9,
-         {"the switch sent 10 commands but counts 8 answered and 1 unanswered"}},
+        {"stray answer", sim(10, 10, 0, 1), 10, {"the switch got 1 answers to commands it had no open record of"}},
+        {"neither", sim(10, 8, 1), 9, {"the switch sent 10 commands but counts 8 answered and 1 unanswered"}},
         {"handled more than sent", sim(10, 10, 0), 11, {"handled 11 switch commands, the switch sent 10"}},
         {"answered without handling", sim(10, 10, 0), 9, {"the switch got 10 answers to 9 handled commands"}},
     };
@@ -115,7 +108,6 @@ TEST(SoakSchedule, EveryRunCoversTheWholeTimeAndEveryFault)
     for (unsigned seconds : {30u, 31u, 35u, 45u, 179u, 600u, 3600u}) {
         SCOPED_TRACE(seconds);
         const soak::SoakPlan plan = soak::planSoak(seconds, 1000);
-        ASSERT_FALSE(plan.phases.empty());
         unsigned at = 0;
         std::set<FaultKind> kinds;
         std::set<std::string> delays;
@@ -151,40 +143,6 @@ TEST(SoakSchedule, EveryRunCoversTheWholeTimeAndEveryFault)
     }
 }
 
-TEST(SoakCounters, ReadsTheSimulatorsStopLine)
-{
-    const std::string full =
-        "tavro-switchsim: stopped; connections=3 received=40 sent=30 dropped=2 answered=7 unanswered=1 commands=8 "
-        "unexpected=0";
-    struct Case {
-        const char* name;
-        std::string line;
-        bool ok;
-    };
-    const Case cases[] = {
-        {"complete", full, true},
-        {"fields in another order and one more",
-         "tavro-switchsim: stopped; commands=8 extra=1 unexpected=0 "
-         "connections=3 received=40 sent=30 dropped=2 answered=7 unanswered=1",
-         true},
-        {"an older simulator without the command counts",
-         "tavro-switchsim: stopped; connections=3 received=40 sent=30 dropped=2 answered=7 unanswered=1", false},
-        {"not the stop line", "tavro-switchsim: listening on 127.0.0.1, PCE process port 58992", false},
-        {"a value that is not a number", full.substr(0, full.size() - 1) + "x", false},
-        {"an empty value", full.substr(0, full.size() - 1), false},
-    };
-    for (const Case& c : cases) {
-        soak::SwitchCounters got;
-        EXPECT_EQ(soak::parseSwitchCounters(c.line, got), c.ok) << c.name;
-        if (c.ok) {
-            EXPECT_EQ(std::vector<std::uint64_t>({got.connections, got.received, got.sent, got.dropped, got.answered,
-                                                  got.unanswered, got.commands, got.unexpected}),
-                      std::vector<std::uint64_t>({3, 40, 30, 2, 7, 1, 8, 0}))
-                << c.name;
-        }
-    }
-}
-
 TEST(SoakResources, GrowthCountsOnlyOnceWarmAndPastTheSlack)
 {
     constexpr std::uint64_t MiB = 1 << 20;
@@ -207,9 +165,7 @@ TEST(SoakResources, GrowthCountsOnlyOnceWarmAndPastTheSlack)
         {{20 * MiB, 14, 5}, ""},
     };
     for (const Case& c : cases) EXPECT_EQ(w.add(c.s), c.complaint);
-    EXPECT_EQ(w.first().threads, 12u);
     EXPECT_EQ(w.peakThreads(), 40u);
-    EXPECT_EQ(w.last().descriptors, 5u);
 }
 
 // A stand-in for the simulator: prints the start line and, on SIGTERM, the

@@ -83,17 +83,14 @@ TEST_F(SwitchSimulatorTest, StatusPerCodeRefusedStatsRequestsAndStopWithClientsC
     start();
     sim.setStatus(10002, 4);
     Client cl(sim.snmpPort()), other(sim.pcePort());
-    Bytes slot20;
-    lp::putWord(slot20, 20, lp::orderOf(false), 2);
     const struct {
         std::uint32_t code;
         Bytes payload;
         std::uint32_t status;
     } cases[] = {
-        {10002, {}, 4},      // set for the code
-        {10003, {}, 0},      // everything else: RSP_OK
-        {100005, slot20, 2}, // no such slot: RSP_NO_DEVICE
-        {100005, {1}, 4},    // request too short: RSP_INV_CMD
+        {10002, {}, 4},   // set for the code
+        {10003, {}, 0},   // everything else: RSP_OK
+        {100005, {1}, 4}, // request too short: RSP_INV_CMD
     };
     std::uint32_t seq = 40;
     for (const auto& c : cases) {
