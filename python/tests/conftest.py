@@ -1,5 +1,4 @@
-"""The switch simulator as a child process, on the switch's fixed ports: one
-test module at a time may run one (ctest's RESOURCE_LOCK tavro_service_ports)."""
+"""The switch simulator as a child process on the fixed ports (one module at a time: ctest's RESOURCE_LOCK)."""
 from __future__ import annotations
 
 import os

@@ -1,8 +1,4 @@
-"""Loading the library, and what initialising does to the process's signals.
-
-Each case runs in a fresh interpreter: a process loads and initialises the
-library once.
-"""
+"""Loading the library and its signal handling, each case in a fresh interpreter (one load per process)."""
 from __future__ import annotations
 
 import os

@@ -1,7 +1,6 @@
 // An application returning from main while the library's threads still run
 // ends with status 0 and no sanitizer report. It is a forked copy of this
 // process, made before any thread exists here.
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <fcntl.h>
 #include <signal.h>
@@ -18,9 +17,6 @@
 #include "Os/TAVRO.h"
 #include "SwitchSimulator.h"
 #include "TestSupport.h"
-
-using testing::HasSubstr;
-using testing::Not;
 
 namespace {
 
@@ -89,8 +85,7 @@ TEST(ProcessExit, ReturningFromMainWhileTheLibraryRunsIsClean)
     ASSERT_TRUE(WIFEXITED(status)) << "signal " << (WIFSIGNALED(status) ? WTERMSIG(status) : 0);
     EXPECT_EQ(WEXITSTATUS(status), 0);
     const std::string err = tavro_test::readFile("child.err");
-    EXPECT_THAT(err, Not(HasSubstr("Sanitizer")));
-    EXPECT_THAT(err, Not(HasSubstr("runtime error")));
+    EXPECT_TRUE(err.find("Sanitizer") == err.npos && err.find("runtime error") == err.npos) << err;
     // It really worked with the switch before it ended.
     EXPECT_TRUE(seen.linkTests >= 1 && seen.framesReceived >= 2 && seen.answered >= 1);
 }

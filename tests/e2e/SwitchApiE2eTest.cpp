@@ -60,13 +60,9 @@ protected:
         if (I_SwitchIsConnected() != I_SUCCESS) {
             ASSERT_EQ(I_SwitchConnect(SW_SERVICE_SNMP), I_SUCCESS);
         }
-        // Connected is not enough: the link test header may still be in flight.
-        ASSERT_TRUE(sim().waitFor(
-            [] {
-                const std::vector<std::uint64_t> open = sim().openConnections();
-                return !open.empty() && sim().receivedBytes(open.back()).size() >= 12;
-            },
-            kWait));
+        // Connected is not enough: the link test may still be in flight.
+        ASSERT_TRUE(sim().waitForConnections(1, kWait));
+        ASSERT_TRUE(sim().waitForLinkTests(std::size_t(sim().counters().connections), kWait));
     }
     void TearDown() override
     {

@@ -22,11 +22,6 @@ Bytes frame(bool rev, std::uint32_t type, std::uint32_t code, std::uint32_t seq,
     return lp::Frame{lp::kMarker, code / 10000, type, code, seq, stat, src, 0, payload}.encode(lp::orderOf(rev));
 }
 
-Bytes linkTest(bool rev)
-{
-    return lp::linkTestBytes(lp::orderOf(rev));
-}
-
 struct Client : lp::Peer {
     explicit Client(std::uint16_t port) { EXPECT_TRUE(connectTo(port)); }
     void send(const Bytes& b) { EXPECT_TRUE(write(b)); }
@@ -59,7 +54,7 @@ TEST_F(SwitchSimulatorTest, AnswersInTheClientsOrderOrTheOppositeOneByteForByte)
             start(o);
             Client cl(sim.snmpPort());
             const Bytes cmd = frame(clientRev, kCmd, 10002, 77, 1, 25, {1, 2, 3, 4});
-            Bytes sent = linkTest(clientRev);
+            Bytes sent = lp::linkTestBytes(lp::orderOf(clientRev));
             sent.insert(sent.end(), cmd.begin(), cmd.end());
             cl.send(sent);
             const bool rspRev = clientRev != reverseFault;
@@ -119,7 +114,7 @@ TEST_F(SwitchSimulatorTest, DropsEveryNthAnswerAndClosesAfterNFrames)
     o.faults.closeAfter = 4;
     start(o);
     Client cl(sim.snmpPort());
-    cl.send(linkTest(false)); // not counted
+    cl.send(lp::linkTestBytes(lp::orderOf(false))); // not counted
     for (std::uint32_t seq = 1; seq <= 5; ++seq) cl.send(frame(false, kCmd, 10002, seq, 1, 25));
     for (std::uint32_t seq : {1u, 3u}) EXPECT_EQ(frame(false, kRsp, 10002, seq, 0, 1), cl.readFrame(false));
     EXPECT_TRUE(cl.seesClose());
