@@ -11,9 +11,8 @@
 
 namespace tavro_test {
 
-// Creates a fresh directory, makes it the working directory for the scope and
-// removes it afterwards. Tests that touch relative paths (log/, config files)
-// use it so that parallel test processes never share files.
+// A fresh working directory for the scope, removed afterwards: parallel test
+// processes never share relative paths (log/, config files).
 class ScopedTempDir {
 public:
     ScopedTempDir()

@@ -1,5 +1,4 @@
-"""The switch simulator as a child process, on the switch's fixed ports: one
-test module at a time may run one (ctest's RESOURCE_LOCK tavro_service_ports)."""
+"""The switch simulator as a child process on the fixed ports (one module at a time: ctest's RESOURCE_LOCK)."""
 from __future__ import annotations
 
 import os
@@ -15,10 +14,9 @@ WAIT_S = 20.0  # bound on every wait for the simulator
 
 
 class Simulator:
-    """A running tavro-switchsim; its transcript (one flushed line per event) goes to a file."""
+    """A running tavro-switchsim (command: with any emulator before it) writing its transcript to a file."""
 
     def __init__(self, *args: str, command: list[str] | None = None) -> None:
-        """command: the simulator program with any emulator before it; by default TAVRO_SWITCHSIM."""
         if not command and not os.environ.get("TAVRO_SWITCHSIM"):
             pytest.skip("TAVRO_SWITCHSIM does not name the simulator (run through ctest)")
         self.log = tempfile.NamedTemporaryFile("w+", prefix="switchsim-", suffix=".log")
@@ -67,7 +65,6 @@ class Simulator:
 
 @pytest.fixture(scope="module")
 def simulator_args() -> list[str]:
-    """Options of the module's simulator; modules override this fixture."""
     return ["--heartbeat-ms", "0"]
 
 
@@ -80,7 +77,6 @@ def simulator(simulator_args):
 
 @pytest.fixture(scope="module")
 def switch(simulator):
-    """A Switch connected to the module's simulator on the PCE service."""
     import tavro
     with tavro.Switch("pce", connect_timeout=20) as sw:
         yield sw

@@ -1,8 +1,4 @@
-"""Connecting where no switch listens, then to one that does.
-
-Holds the switch service ports (refused) like the simulator tests: a
-simulator of another test would answer.
-"""
+"""Connecting where no switch listens (ports held like the simulator tests), then to one that does."""
 from __future__ import annotations
 
 import builtins

@@ -1,8 +1,4 @@
-"""Loading the library, and what initialising does to the process's signals.
-
-Each case runs in a fresh interpreter: a process loads and initialises the
-library once.
-"""
+"""Loading the library and its signal handling, each case in a fresh interpreter (one load per process)."""
 from __future__ import annotations
 
 import os
@@ -66,13 +62,7 @@ def test_sigterm_ends_the_process_unless_the_library_keeps_it(tmp_path, restore,
 
 def test_closing_a_switch_keeps_handlers_another_one_replaced():
     from tavro.switch import _handlers
-
-    def first(c, p):
-        pass
-
-    def second(c, p):
-        pass
-
+    first, second = print, repr  # any two callables
     a, b = tavro.Switch(), tavro.Switch()
     a.register_handler(tavro.Command.CMD_TEST_18, first)
     a.register_handler(tavro.Command.CMD_TEST_19, first)

@@ -6,7 +6,6 @@ import logging
 import subprocess
 import sys
 import textwrap
-import threading
 import time
 
 import pytest
@@ -112,7 +111,6 @@ def test_request_inside_a_handler_is_refused(switch, simulator):
             switch.request(Command.CMD_HEARTBEAT, timeout=1)
         except tavro.TavroError as e:
             errors.append(e)
-        return Status.RSP_OK
 
     switch.register_handler(Command.CMD_TEST_18, nested)
     try:
@@ -125,24 +123,8 @@ def test_request_inside_a_handler_is_refused(switch, simulator):
     assert errors and "inside a handler" in str(errors[0])
 
 
-def test_eight_threads_at_once(switch):
-    codes = [Command(c) for c in range(int(Command.CMD_DISC_PORT), int(Command.CMD_DISC_PORT) + 8)]
-    results: dict = {}
-
-    def worker(code):
-        results[code] = [switch.request(code, timeout=10).command for _ in range(25) if switch.send(code) is None]
-
-    threads = [threading.Thread(target=worker, args=(c,)) for c in codes]
-    for t in threads:
-        t.start()
-    for t in threads:
-        t.join(60)
-    assert results == {c: [c] * 25 for c in codes}
-
-
 @pytest.mark.parametrize("call, error", [
     (lambda s: s.send(Command.CMD_HEARTBEAT, "text"), TypeError),
-    (lambda s: s.send(Command.CMD_HEARTBEAT, 5), TypeError),
     (lambda s: s.send(2 ** 31), ValueError),
     (lambda s: s.send("CMD_NO_SUCH"), ValueError),
     (lambda s: s.request(Command.CMD_HEARTBEAT, timeout=0), ValueError),

@@ -1,7 +1,5 @@
-// The library end to end against the switch simulator on the SNMP service
-// port, where a test needs the library's seams (quick reconnects, short
-// time-outs) or its command objects. Under ctest each test is a process of
-// its own that pays the real first-connect wait, so the tests are few and wide.
+// The library against the switch simulator where a test needs its seams or
+// command objects.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -29,17 +27,13 @@ namespace {
 
 constexpr auto kWait = std::chrono::seconds(30);
 
-// Reconnections are quick once a test asks for it; the first connection of
-// the process waits the real 2 s.
-std::atomic<bool> g_quickReconnect{false};
-
 class World : public testing::Environment {
 public:
     void SetUp() override
     {
         dir.reset(new tavro_test::ScopedTempDir);
         ::mkdir("log", 0755);
-        tavro_internal::clientSeams().connectDelayMs = [](int wait) { return DWORD(g_quickReconnect ? 20 : wait); };
+        tavro_internal::clientSeams().connectDelayMs = [](int) { return DWORD(20); };
         ASSERT_EQ(I_SwitchInitialize(), I_SUCCESS);
         switchsim::Options o;
         o.snmpPort = 58991;
@@ -63,27 +57,20 @@ class E2e : public testing::Test {
 protected:
     void SetUp() override
     {
-        TearDown();
         if (I_SwitchIsConnected() != I_SUCCESS) {
             ASSERT_EQ(I_SwitchConnect(SW_SERVICE_SNMP), I_SUCCESS);
         }
-        // Connected is not enough: the link test header may still be in flight.
-        ASSERT_TRUE(sim().waitFor(
-            [] {
-                const std::vector<std::uint64_t> open = sim().openConnections();
-                return !open.empty() && sim().receivedBytes(open.back()).size() >= 12;
-            },
-            kWait));
+        // Connected is not enough: the link test may still be in flight.
+        ASSERT_TRUE(sim().waitForConnections(1, kWait));
+        ASSERT_TRUE(sim().waitForLinkTests(std::size_t(sim().counters().connections), kWait));
     }
     void TearDown() override
     {
         sim().setResponder(nullptr);
-        sim().setFaults({});
         tavro_internal::resetApiSeams();
     }
 
     static SwitchSimulator& sim() { return g_world->sim; }
-    static std::uint64_t conn() { return sim().openConnections().back(); }
 
     // Commands of a code the simulator has read so far.
     static std::vector<SimFrame> received(std::uint32_t code)
@@ -92,14 +79,6 @@ protected:
         for (const SimFrame& f : sim().receivedFrames())
             if (f.cmdCode == code) out.push_back(f);
         return out;
-    }
-    // The session sends in order: once a later command arrived, an earlier
-    // one was either sent or never will be.
-    static void barrier()
-    {
-        const std::size_t before = received(CMD_CONN_INIT).size();
-        I_TAVRO_SendCommandNoResponse(CMD_CONN_INIT, nullptr, 0);
-        ASSERT_TRUE(sim().waitFor([&] { return received(CMD_CONN_INIT).size() > before; }, kWait));
     }
 };
 
@@ -153,20 +132,9 @@ TEST_F(E2e, EightConcurrentCallers)
     EXPECT_EQ(mismatches.load(), 0);
 }
 
-TEST_F(E2e, ReconnectionAfterLossAndConnectingAgainAfterDisconnect)
+// The application disconnects: nothing leaves until it connects again.
+TEST_F(E2e, NothingLeavesAfterDisconnectUntilConnectingAgain)
 {
-    g_quickReconnect = true;
-    // The peer closes: the session comes back by itself.
-    const std::uint64_t links = sim().counters().linkTests;
-    ASSERT_TRUE(sim().closeConnection(conn()));
-    ASSERT_TRUE(sim().waitForLinkTests(std::size_t(links + 1), kWait));
-    for (int i = 0; i < 3000 && I_SwitchIsConnected() != I_SUCCESS; ++i) Sleep(10);
-    EXPECT_EQ(I_SwitchIsConnected(), I_SUCCESS);
-    void* block = I_GetRawStats(2);
-    EXPECT_NE(block, nullptr);
-    std::free(block);
-
-    // The application disconnects: nothing leaves until it connects again.
     ASSERT_EQ(I_SwitchDisconnect(), I_SUCCESS);
     EXPECT_EQ(tavro_internal::switchClient(), nullptr);
     EXPECT_EQ(I_SwitchIsConnected(), I_ERR_NO_CONNECTION);
@@ -180,12 +148,14 @@ TEST_F(E2e, ReconnectionAfterLossAndConnectingAgainAfterDisconnect)
 
     ASSERT_EQ(I_SwitchConnect(SW_SERVICE_SNMP), I_SUCCESS);
     EXPECT_EQ(I_SwitchIsConnected(), I_SUCCESS);
-    barrier();
+    // The session sends in order: once a later command arrived, the earlier one never will.
+    const std::size_t inits = received(CMD_CONN_INIT).size();
+    I_TAVRO_SendCommandNoResponse(CMD_CONN_INIT, nullptr, 0);
+    ASSERT_TRUE(sim().waitFor([&] { return received(CMD_CONN_INIT).size() > inits; }, kWait));
     EXPECT_EQ(received(CMD_DISC_PORT).size(), before);
-    block = I_GetRawStats(4);
+    void* block = I_GetRawStats(4);
     EXPECT_NE(block, nullptr);
     std::free(block);
-    g_quickReconnect = false;
 }
 
 } // namespace

@@ -1,7 +1,6 @@
 #pragma once
 
-// Whole-buffer writes on a plain socket, for tests and benchmarks that play
-// the peer of the library's sockets.
+// Whole-buffer writes for tests and benchmarks playing the library's peer.
 #include <sys/socket.h>
 #include <sys/types.h>
 

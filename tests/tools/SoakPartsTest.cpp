@@ -1,6 +1,4 @@
-// The soak driver's parts that can go wrong without a switch: the check of a
-// command's responses, its fault plan, the simulator's counters line, the
-// resource bounds and the child process control.
+// The soak driver's parts that can go wrong without a switch.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -48,7 +46,6 @@ TEST(SoakResponses, OnePairedResponseOrTimeOutPerDestination)
         {"answered, unserved timed out", true, {{2, RSP_TIME_OUT, 0}, {1, kExpected, 0}}, false, 1, 1, true},
         {"both timed out", true, {{1, RSP_TIME_OUT, 0}, {2, RSP_TIME_OUT, 0}}, false, 0, 2, false},
         {"the unserved one answered", true, {{1, kExpected, 0}, {2, kExpected, 0}}, true, 1, 0, false},
-        {"one destination twice", true, {{1, kExpected, 0}, {1, RSP_TIME_OUT, 0}}, true, 1, 0, false},
         {"the unserved one missing", true, {{1, kExpected, 0}}, true, 0, 0, false},
     };
     for (const Case& c : cases) {
@@ -56,10 +53,10 @@ TEST(SoakResponses, OnePairedResponseOrTimeOutPerDestination)
         cmd.SetCmdCode(CMD_RTRV_PORT_CONN);
         cmd.SetSeqNbr(41);
         cmd.SetMsgAddr(1);
-        if (c.toUnserved) cmd.SetMsgAddr(2);
+        if (c.toUnserved) cmd.SetMsgAddr(2); // a second destination
         for (const Reply& r : c.replies) {
             auto* rsp = new CrRsp(&cmd);
-            SlaveAddr from;
+            SlaveAddr from; // the response starts with the command's destinations
             from.SetSlaveAddr(r.addr);
             rsp->SetMsgAddr(from);
             rsp->SetRspStat(r.status);
@@ -73,9 +70,7 @@ TEST(SoakResponses, OnePairedResponseOrTimeOutPerDestination)
         EXPECT_EQ(answered.load(), c.answered) << c.name;
         EXPECT_EQ(timedOut.load(), c.timedOut) << c.name;
         EXPECT_EQ(real != nullptr, c.real) << c.name;
-        if (real != nullptr) {
-            EXPECT_TRUE(real->GetMsgAddr().SlaveAddrSet(1)) << c.name;
-        }
+        EXPECT_TRUE(real == nullptr || real->GetMsgAddr().SlaveAddrSet(1)) << c.name;
     }
 }
 
@@ -83,12 +78,7 @@ TEST(SoakPhaseCheck, TheSwitchsCountsAndTheHandledOnesMustAgree)
 {
     auto sim = [](std::uint64_t commands, std::uint64_t answered, std::uint64_t unanswered,
                   std::uint64_t unexpected = 0) {
-        soak::SwitchCounters c;
-        c.commands = commands;
-        c.answered = answered;
-        c.unanswered = unanswered;
-        c.unexpected = unexpected;
-        return c;
+        return soak::SwitchCounters{0, 0, 0, 0, commands, answered, unanswered, unexpected};
     };
     struct Case {
         const char* name;
@@ -100,15 +90,8 @@ TEST(SoakPhaseCheck, TheSwitchsCountsAndTheHandledOnesMustAgree)
         {"all answered", sim(10, 10, 0), 10, {}},
         {"lost before they were handled", sim(10, 8, 2), 8, {}},
         {"lost after they were handled", sim(10, 8, 2), 10, {}},
-        {"nothing sent", sim(0, 0, 0), 0, {}},
-        {"an answer to nothing",
-         sim(10, 10, 0, 1),
-         10,
-         {"the switch got 1 answers to commands it had no open record of"}},
-        {"neither answered nor lost",
-         sim(10, 8, 1),
-         9,
-         {"the switch sent 10 commands but counts 8 answered and 1 unanswered"}},
+        {"stray answer", sim(10, 10, 0, 1), 10, {"the switch got 1 answers to commands it had no open record of"}},
+        {"neither", sim(10, 8, 1), 9, {"the switch sent 10 commands but counts 8 answered and 1 unanswered"}},
         {"handled more than sent", sim(10, 10, 0), 11, {"handled 11 switch commands, the switch sent 10"}},
         {"answered without handling", sim(10, 10, 0), 9, {"the switch got 10 answers to 9 handled commands"}},
     };
@@ -125,7 +108,6 @@ TEST(SoakSchedule, EveryRunCoversTheWholeTimeAndEveryFault)
     for (unsigned seconds : {30u, 31u, 35u, 45u, 179u, 600u, 3600u}) {
         SCOPED_TRACE(seconds);
         const soak::SoakPlan plan = soak::planSoak(seconds, 1000);
-        ASSERT_FALSE(plan.phases.empty());
         unsigned at = 0;
         std::set<FaultKind> kinds;
         std::set<std::string> delays;
@@ -161,40 +143,6 @@ TEST(SoakSchedule, EveryRunCoversTheWholeTimeAndEveryFault)
     }
 }
 
-TEST(SoakCounters, ReadsTheSimulatorsStopLine)
-{
-    const std::string full =
-        "tavro-switchsim: stopped; connections=3 received=40 sent=30 dropped=2 answered=7 unanswered=1 commands=8 "
-        "unexpected=0";
-    struct Case {
-        const char* name;
-        std::string line;
-        bool ok;
-    };
-    const Case cases[] = {
-        {"complete", full, true},
-        {"fields in another order and one more",
-         "tavro-switchsim: stopped; commands=8 extra=1 unexpected=0 "
-         "connections=3 received=40 sent=30 dropped=2 answered=7 unanswered=1",
-         true},
-        {"an older simulator without the command counts",
-         "tavro-switchsim: stopped; connections=3 received=40 sent=30 dropped=2 answered=7 unanswered=1", false},
-        {"not the stop line", "tavro-switchsim: listening on 127.0.0.1, PCE process port 58992", false},
-        {"a value that is not a number", full.substr(0, full.size() - 1) + "x", false},
-        {"an empty value", full.substr(0, full.size() - 1), false},
-    };
-    for (const Case& c : cases) {
-        soak::SwitchCounters got;
-        EXPECT_EQ(soak::parseSwitchCounters(c.line, got), c.ok) << c.name;
-        if (c.ok) {
-            EXPECT_EQ(std::vector<std::uint64_t>({got.connections, got.received, got.sent, got.dropped, got.answered,
-                                                  got.unanswered, got.commands, got.unexpected}),
-                      std::vector<std::uint64_t>({3, 40, 30, 2, 7, 1, 8, 0}))
-                << c.name;
-        }
-    }
-}
-
 TEST(SoakResources, GrowthCountsOnlyOnceWarmAndPastTheSlack)
 {
     constexpr std::uint64_t MiB = 1 << 20;
@@ -217,16 +165,15 @@ TEST(SoakResources, GrowthCountsOnlyOnceWarmAndPastTheSlack)
         {{20 * MiB, 14, 5}, ""},
     };
     for (const Case& c : cases) EXPECT_EQ(w.add(c.s), c.complaint);
-    EXPECT_EQ(w.first().threads, 12u);
     EXPECT_EQ(w.peakThreads(), 40u);
-    EXPECT_EQ(w.last().descriptors, 5u);
 }
 
 // A stand-in for the simulator: prints the start line and, on SIGTERM, the
-// line and exit status given.
+// line and exit status given; with no line it ignores SIGTERM.
 std::vector<std::string> fakeSim(const std::string& onTerm, int status = 0, bool listen = true)
 {
-    std::string script = "trap 'echo \"" + onTerm + "\"; exit " + std::to_string(status) + "' TERM; ";
+    std::string script = onTerm.empty() ? "trap '' TERM; "
+                                        : "trap 'echo \"" + onTerm + "\"; exit " + std::to_string(status) + "' TERM; ";
     if (listen) script += "echo 'tavro-switchsim: listening on 127.0.0.1'; ";
     script += "while :; do sleep 0.02; done";
     return {"-c", script};
@@ -255,10 +202,7 @@ TEST(SoakSwitchProcess, StopsAFrozenChildAndReportsEveryUncleanEnd)
     } cases[] = {
         {"/bin/sh", fakeSim(kStopLine, 66), 5000, "the simulator ended with exit status 66"},
         {"/bin/sh", fakeSim("bye"), 5000, "the simulator ended without its counters line"},
-        {"/bin/sh",
-         {"-c", "trap '' TERM; echo 'tavro-switchsim: listening on x'; while :; do sleep 0.02; done"},
-         5000,
-         "the simulator did not end within 300 ms; killed"},
+        {"/bin/sh", fakeSim(""), 5000, "the simulator did not end within 300 ms; killed"},
         {"/bin/sh", fakeSim(kStopLine, 0, false), 200, "did not start listening within 200 ms; killed"},
         {"/nonexistent/tavro-switchsim", {}, 2000, "ended with exit status 127 before it listened"},
     };
