@@ -30,11 +30,9 @@ TEST(SendStress, ConcurrentChainsNeverInterleaveAndShutdownEndsTraffic)
 {
     SeamGuard seams;
     FdPair fds;
-    unixPair(fds);
     OsSocket reader, sender;
-    reader.SetSocket(fds.a);
-    sender.SetSocket(fds.b);
-    fds.a = fds.b = -1;
+    reader.SetSocket(fds.take());
+    sender.SetSocket(std::exchange(fds.b, -1));
     constexpr std::uint32_t kThreads = 4, kFrames = 150;
     std::atomic<int> failures{0};
     std::vector<std::thread> threads;

@@ -10,6 +10,7 @@
 
 #include <cstdint>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "Common/OS/Linux/PlatformTestSupport.h"
@@ -108,10 +109,18 @@ inline int waiting(int fd)
     return n;
 }
 
-// Two connected blocking descriptors.
+// Two connected blocking descriptors; take() hands a over to a socket.
 struct FdPair {
     int a = -1;
     int b = -1;
+    FdPair()
+    {
+        int sv[2];
+        EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
+        a = sv[0];
+        b = sv[1];
+    }
+    int take() { return std::exchange(a, -1); }
     void closeB()
     {
         if (b >= 0) ::close(b);
@@ -123,14 +132,6 @@ struct FdPair {
         closeB();
     }
 };
-
-inline void unixPair(FdPair& p)
-{
-    int sv[2];
-    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
-    p.a = sv[0];
-    p.b = sv[1];
-}
 
 // Captures what the socket layer writes to the debug trace (standard output
 // while no debug writer runs).
@@ -151,14 +152,15 @@ private:
     bool done = false;
 };
 
-// What the socket layer traces while fn runs, under the given trace bits if
-// any are given.
+// What the socket layer traces while fn runs, under the given trace bits
+// (cleared afterwards) if any are given.
 template <typename Fn>
 std::string traced(Fn fn, long long mask = -1)
 {
     if (mask >= 0) socketTraceFeature().SetMask(static_cast<unsigned>(mask));
     TraceCapture cap;
     fn();
+    if (mask >= 0) socketTraceFeature().SetMask(0);
     return cap.text();
 }
 
