@@ -171,23 +171,21 @@ inline std::size_t countOf(const std::string& text, const std::string& what)
     return n;
 }
 
+inline void resetSockets()
+{
+    tavro_internal::resetSocketSeams();
+    socketTraceFeature().SetMask(0);
+    OsSocket::setProgramTerminating(false);
+}
+
 // Resets seams, trace bits and the terminating flag around each test.
-class SeamGuard {
-public:
+struct SeamGuard {
     SeamGuard()
     {
-        reset();
+        resetSockets();
         tavro_internal::socketSeams().readyWaitMs = 20;
     }
-    ~SeamGuard() { reset(); }
-
-private:
-    static void reset()
-    {
-        tavro_internal::resetSocketSeams();
-        socketTraceFeature().SetMask(0);
-        OsSocket::setProgramTerminating(false);
-    }
+    ~SeamGuard() { resetSockets(); }
 };
 
 } // namespace sock_test
