@@ -153,8 +153,7 @@ TEST_F(SocketFixture, ClientPreparationSetsEveryOptionAndTracesItWithItsBit)
     EXPECT_EQ(intOption(noKeepAlive.GetSocket(), SOL_SOCKET, SO_KEEPALIVE), 0);
 }
 
-// Failures are always traced; a user time-out on UDP (ENOPROTOOPT) is no
-// failure.
+// Failures are always traced; no user time-out on UDP (ENOPROTOOPT) is fine.
 TEST_F(SocketFixture, OptionFailuresAreAlwaysTraced)
 {
     OsSocket s;
@@ -187,9 +186,7 @@ TEST_F(SocketFixture, BusyPortIsRetriedEveryFourSecondsUntilFreeForTwentyMinutes
     EXPECT_EQ(countOf(out, retry), 300u);
     EXPECT_EQ(countOf(out, "PrepareTcpServerSocket: bind has given up after 20 minutes!\n"), 1u);
 
-    // Binding succeeds once the other instance is killed; a terminating
-    // program stops the retries after the first pause; other bind errors
-    // are fatal.
+    // Success once the other instance is killed; termination stops retries.
     g_shell.clear();
     g_holder = &holder;
     g_releaseAfterKills = 3;
@@ -255,7 +252,7 @@ TEST_F(SocketFixture, BindErrorsAreThrottled)
     EXPECT_TRUE(s.BindTCPSocket(c_inaddr("127.0.0.1")));
 }
 
-TEST_F(SocketFixture, ConnectAndAcceptExchangeData)
+TEST_F(SocketFixture, ConnectAcceptShutdownCloseAndPrepareAgain)
 {
     OsSocket server("", loopback(0), TCP_SERVER, 0);
     ASSERT_TRUE(server.PrepareSocket(0, 4));
@@ -283,10 +280,31 @@ TEST_F(SocketFixture, ConnectAndAcceptExchangeData)
     unsigned n = 0;
     EXPECT_TRUE(accepted->Read(got, 2, &n));
     EXPECT_EQ(std::string(got, n), "ab");
+
+    server.SignalShutdown();
+    EXPECT_EQ(traced([&] { EXPECT_EQ(server.Accept(), nullptr); }),
+              "Accept: Remote clientSocket[" + std::to_string(server.GetSocket()) + "] is shutting down!\n");
+    const int old = server.GetSocket();
+    ASSERT_TRUE(server.PrepareSocket()); // resets the shutdown and closes the old descriptor
+    EXPECT_FALSE(server.Shuttingdown());
+    EXPECT_TRUE(server.GetSocket() == old || fcntl(old, F_GETFD) == -1);
+    server.Close();
+    EXPECT_EQ(server.GetSocket(), -1);
+    EXPECT_TRUE(server.HasError());
+    server.Close(); // twice is harmless
+    // A failed accept keeps its error number and pauses before the next try.
+    g_terminateOnSleep = true;
+    EXPECT_NE(traced([&] { EXPECT_EQ(server.Accept(), nullptr); }).find("Accept: Program is terminating!\n"),
+              std::string::npos);
+    EXPECT_EQ(server.GetLastError(), EBADF);
+    EXPECT_EQ(g_sleeps.size(), 1u);
+    EXPECT_TRUE(OsSocket::isProgramTerminating());
+    OsSocket other("", loopback(0), TCP_SERVER, 0);
+    EXPECT_TRUE(other.Shuttingdown());
+    EXPECT_EQ(traced([&] { EXPECT_EQ(other.Accept(), nullptr); }), "Accept: Program is terminating!\n");
 }
 
-// Refused: SO_ERROR is reported. A listener whose accept queue is full drops
-// further handshakes: the connect times out.
+// Refused: SO_ERROR is reported. A full accept queue makes connect time out.
 TEST_F(SocketFixture, FailedConnections)
 {
     EXPECT_FALSE(OsSocket("", loopback(1), TCP_SERVER, 0).Connect()); // only clients connect
@@ -312,33 +330,6 @@ TEST_F(SocketFixture, FailedConnections)
     }
     EXPECT_TRUE(timedOut);
     EXPECT_EQ(queued.back()->GetLastError(), ETIMEDOUT);
-}
-
-TEST_F(SocketFixture, ShutdownAcceptCloseAndPrepareAgain)
-{
-    OsSocket server("", loopback(0), TCP_SERVER, 0);
-    ASSERT_TRUE(server.PrepareSocket());
-    server.SignalShutdown();
-    EXPECT_EQ(traced([&] { EXPECT_EQ(server.Accept(), nullptr); }),
-              "Accept: Remote clientSocket[" + std::to_string(server.GetSocket()) + "] is shutting down!\n");
-    const int old = server.GetSocket();
-    ASSERT_TRUE(server.PrepareSocket()); // resets the shutdown and closes the old descriptor
-    EXPECT_FALSE(server.Shuttingdown());
-    EXPECT_TRUE(server.GetSocket() == old || fcntl(old, F_GETFD) == -1);
-    server.Close();
-    EXPECT_EQ(server.GetSocket(), -1);
-    EXPECT_TRUE(server.HasError());
-    server.Close(); // twice is harmless
-    // A failed accept keeps its error number and pauses before the next try.
-    g_terminateOnSleep = true;
-    EXPECT_NE(traced([&] { EXPECT_EQ(server.Accept(), nullptr); }).find("Accept: Program is terminating!\n"),
-              std::string::npos);
-    EXPECT_EQ(server.GetLastError(), EBADF);
-    EXPECT_EQ(g_sleeps.size(), 1u);
-    EXPECT_TRUE(OsSocket::isProgramTerminating());
-    OsSocket other("", loopback(0), TCP_SERVER, 0);
-    EXPECT_TRUE(other.Shuttingdown());
-    EXPECT_EQ(traced([&] { EXPECT_EQ(other.Accept(), nullptr); }), "Accept: Program is terminating!\n");
 }
 
 TEST_F(SocketFixture, InterfaceCarrierIsReadFromSysfs)
@@ -373,8 +364,7 @@ TEST_F(SocketFixture, InterfaceCarrierIsReadFromSysfs)
 }
 
 namespace {
-// One table line as the kernel prints it: the address word as it lies in
-// memory, the port in host order.
+// A table line as the kernel prints it: address word as in memory, host port.
 std::string tcpLine(int sl, const char* local, unsigned short lport, const char* remote, unsigned short rport,
                     unsigned state)
 {

@@ -1,5 +1,4 @@
-// Frame readers and the writer against real connected sockets, with the
-// system calls replaced where a fault has to be injected.
+// Frame readers and the writer on real sockets, faults injected through seams.
 #include <atomic>
 #include <cerrno>
 #include <memory>
@@ -17,8 +16,7 @@ namespace {
 
 constexpr unsigned kBuf = 16384;
 
-// Injected faults: the next g_failures calls fail with g_failErrno (for a
-// send, 0 means no bytes sent).
+// The next g_failures calls fail with g_failErrno (0: a send of no bytes).
 std::atomic<int> g_failures{0};
 std::atomic<int> g_failErrno{EINTR};
 std::vector<size_t> g_recvLens;
@@ -63,7 +61,6 @@ int fakeAvail(int fd, int* n)
     return -1;
 }
 
-// The next n receives or sends fail with err; sends go through the fake.
 void inject(int n, int err = 0)
 {
     g_recvLens.clear();
@@ -132,8 +129,7 @@ struct SocketFixture : testing::Test {
 
 } // namespace
 
-// Frames in both byte orders, read into host order; all that waits, link
-// test headers included, is taken by a single recv and nothing is purged.
+// Both byte orders and link tests; one recv takes all that waits, no purge.
 TEST_F(SocketFixture, FramesInBothByteOrdersAndLinkTestsShareOneRecv)
 {
     std::vector<FrameShape> frames = {
@@ -160,11 +156,8 @@ TEST_F(SocketFixture, FramesInBothByteOrdersAndLinkTestsShareOneRecv)
     EXPECT_FALSE(sock->ReadReady()); // nothing held back
 }
 
-// A body larger than the read-ahead is received straight into the caller's
-// buffer, as much of it as waits, never past the body's end. When the
-// program stops between two pieces, the bytes already received for the rest
-// of the body are kept: the next read continues the stream where the kernel
-// would have.
+// A body larger than the read-ahead goes straight into the caller's buffer,
+// never past its end; bytes received before a stop stay readable in order.
 TEST_F(SocketFixture, LargeBodiesAreReceivedInPlace)
 {
     const int big = 1 << 20;
@@ -197,8 +190,7 @@ TEST_F(SocketFixture, LargeBodiesAreReceivedInPlace)
     EXPECT_TRUE(rest == frame.substr(frame.size() - static_cast<std::size_t>(held))) << "stream cut";
     EXPECT_TRUE(g_recvLens.empty());
 
-    // A body trickling in after its headers: the reader asks for the rest
-    // until the body is whole.
+    // A body trickling in after its headers is read until whole.
     const FrameShape trickled = shape(3 * OsSocket::READ_AHEAD_SIZE + 123, 0, Order::Little);
     const std::string third = buildFrame(trickled);
     ASSERT_TRUE(writeAll(fds->b, third.substr(0, 40 + 10)));
@@ -214,10 +206,8 @@ TEST_F(SocketFixture, LargeBodiesAreReceivedInPlace)
     expectFrame(ctl, body.data(), trickled);
 }
 
-// The allocating reader sizes the body exactly, and gives a body shorter
-// than an application header a whole, zero-filled header. A byte held ahead
-// after them is ready at once: Read must not wait for the kernel to report
-// more (here nothing more ever comes).
+// The allocating reader sizes the body exactly and zero-fills a short one;
+// a byte held ahead is read without waiting for the kernel (nothing follows).
 TEST_F(SocketFixture, AllocatingReaderSizesTheBodyAndHeldBytesNeedNoWait)
 {
     const FrameShape f = shape(3000, 0, hostOrder() == Order::Big ? Order::Little : Order::Big);
@@ -308,8 +298,7 @@ TEST_F(SocketFixture, NewDescriptorDropsBytesHeldForTheOldOne)
     expectFrame(ctl, body.data(), fresh);
 }
 
-// The peer closing, a shutdown or the program's end stop the read without a
-// frame, and so do bad arguments.
+// Peer close, shutdown, program end and bad arguments end a read frameless.
 TEST_F(SocketFixture, ReadEndsWithoutAFrame)
 {
     const std::string frame = buildFrame(shape(3000));
@@ -357,8 +346,7 @@ TEST_F(SocketFixture, ReadEndsWithoutAFrame)
     EXPECT_TRUE(sock->Shuttingdown());
 }
 
-// Four interrupts are retried after a pause each; the fifth in a row fails
-// the read, with a message only under the INTERRUPT bit.
+// Four interrupts are retried after a pause each; the fifth in a row fails.
 TEST_F(SocketFixture, FiveInterruptsInARowFailTheRead)
 {
     const FrameShape f = shape(10);
@@ -399,8 +387,7 @@ TEST_F(SocketFixture, FiveInterruptsInARowFailTheRead)
     EXPECT_EQ(g_sleeps.size(), 4u * (12 + 28 + 10));
 }
 
-// Other recv errors fail at once; a purge discards everything waiting and
-// clears the sticky error.
+// Other recv errors fail at once; a purge discards all and clears the error.
 TEST_F(SocketFixture, RecvErrorsAndPurge)
 {
     // Some bytes already taken ahead by a read, more still in the kernel.
@@ -446,8 +433,7 @@ TEST_F(SocketFixture, ReadReadyAndWaitForAllDataReportWhatWaits)
     EXPECT_EQ(sock->ReadAvailableBytes(buf, sizeof buf), 4);
     EXPECT_EQ(std::string(buf, 4), "efgh");
 
-    // An interrupted FIONREAD is tolerated (always traced); other failures
-    // are errors, traced under the INTERRUPT bit.
+    // An interrupted FIONREAD is tolerated; other failures are errors.
     g_availFails = true;
     g_failErrno = EINTR;
     EXPECT_EQ(traced([&] { EXPECT_EQ(sock->waitForAllData(1), 0); }),
@@ -468,8 +454,8 @@ TEST_F(SocketFixture, ReadReadyAndWaitForAllDataReportWhatWaits)
               1u);
 }
 
-// Short sends are continued; interrupts and sends of no bytes are retried at
-// once, would-blocks after a pause, up to five in a row.
+// Short sends continue; interrupts and empty sends retry at once,
+// would-blocks after a pause, five in a row at most.
 TEST_F(SocketFixture, SendFaultsAreRetried)
 {
     std::string data(70, '\0');
@@ -534,9 +520,8 @@ TEST_F(SocketFixture, OtherErrorsFailTheRestOfTheChainAndSignalShutdown)
     EXPECT_TRUE(unprepared.Shuttingdown());
 }
 
-// More pieces than one gathered write takes, empty ones among them, and more
-// bytes than the socket holds: partial writes must resume mid-piece. The send
-// mutex holds the whole chain back.
+// More pieces than one gathered write takes, some empty, more bytes than the
+// socket holds: writes resume mid-piece. The send mutex holds the chain back.
 TEST_F(SocketFixture, LongChainWaitsForTheSendMutexAndArrivesWholeAndInOrder)
 {
     std::vector<std::string> pieces;

@@ -1,7 +1,6 @@
 #pragma once
 
-// Helpers for socket tests: connected descriptor pairs, frames built from
-// explicit bytes in a chosen byte order, trace capture and seam control.
+// Socket test helpers: descriptor pairs, frames in either byte order, traces.
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -49,10 +48,9 @@ struct FrameShape {
     std::uint32_t manager = 1;
     std::uint32_t cmdCode = 10002;
     std::uint32_t seqNbr = 1;
-    std::uint32_t payload = 0; // payload bytes
-    std::uint32_t tag = 0;     // selects the payload pattern
-    // Size word to announce; by default 28 + payload.
-    long long sizeOverride = -1;
+    std::uint32_t payload = 0;   // payload bytes
+    std::uint32_t tag = 0;       // selects the payload pattern
+    long long sizeOverride = -1; // size word to announce instead of 28 + payload
 };
 
 inline FrameShape shape(std::uint32_t payload, std::uint32_t tag = 0, Order order = Order::Big)
@@ -133,8 +131,7 @@ struct FdPair {
     }
 };
 
-// Captures what the socket layer writes to the debug trace (standard output
-// while no debug writer runs).
+// Captures the socket trace (standard output while no debug writer runs).
 class TraceCapture {
 public:
     TraceCapture() { testing::internal::CaptureStdout(); }
@@ -152,8 +149,7 @@ private:
     bool done = false;
 };
 
-// What the socket layer traces while fn runs, under the given trace bits
-// (cleared afterwards) if any are given.
+// The trace of fn, under the given trace bits (cleared after) if any.
 template <typename Fn>
 std::string traced(Fn fn, long long mask = -1)
 {

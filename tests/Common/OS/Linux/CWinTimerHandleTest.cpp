@@ -19,8 +19,7 @@ using tavro_test::eventually;
 constexpr DWORD kFireBoundMs = 5000;
 constexpr std::int64_t kMs = 10000; // 100-ns units per millisecond
 
-// Completion routines may still run on their detached thread after a test
-// has ended, so what they touch lives in static storage.
+// Completion routines may outlive a test on their thread: static storage.
 struct Calls {
     std::atomic<int> n{0};
     std::atomic<DWORD> low{99}, high{99};
@@ -119,8 +118,7 @@ TEST(CWinTimerHandleTest, PeriodicTimerKeepsItsFirstRoutineAndAbsoluteTimesAreRe
     ASSERT_TRUE(arm(t, (static_cast<std::int64_t>(now.tv_sec) * 1000000000 + now.tv_nsec) / 100 + 50 * kMs, 0));
     EXPECT_FALSE(timerEvent(t)->signaled());
     EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(t, kFireBoundMs));
-    // Due time 0 is a zero timer value, which disarms; it still counts as
-    // set, so it can be cancelled.
+    // Due time 0 disarms, yet counts as set, so it can be cancelled.
     for (LONG period : {0, 20}) {
         EXPECT_TRUE(arm(t, 0, period, &calls));
         EXPECT_EQ(WAIT_TIMEOUT, WaitForSingleObject(t, 100)) << period;
@@ -148,8 +146,7 @@ TEST(CWinTimerHandleTest, CancelStopsAnArmedTimerOnlyFailedSetReleasesWaitersAnd
     EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(t, 0));
     const int atCancel = calls.n;
     ResetEvent(castToWinTimerHandle(t)->timerEvent());
-    // Expiries still in flight are dropped; a routine already woken may
-    // still finish its one call.
+    // Expiries in flight are dropped; a woken routine may finish one call.
     EXPECT_EQ(WAIT_TIMEOUT, WaitForSingleObject(t, 100));
     EXPECT_LE(calls.n.load(), atCancel + 1);
     // Setting again makes (and counts) a new POSIX timer, which fires.
@@ -184,13 +181,12 @@ TEST(CWinTimerHandleTest, CancelStopsAnArmedTimerOnlyFailedSetReleasesWaitersAnd
 
 int s_appHandlerCalls = 0;
 
-// The handler signals only the timer named in a timer signal; expiry never
-// runs on application threads.
+// The handler signals only the timer a timer signal names; expiry never runs
+// on application threads.
 TEST(CWinTimerHandleTest, SignalHandling)
 {
     HANDLE t = CreateWaitableTimer(nullptr, TRUE, nullptr);
-    // A stray SIGUSR1 on a thread that does not block it must reach the
-    // handler with a siginfo it can read.
+    // A stray SIGUSR1 must reach the handler with a siginfo it can read.
     struct sigaction now {};
     ASSERT_EQ(0, sigaction(SIGUSR1, nullptr, &now));
     EXPECT_NE(0, now.sa_flags & SA_SIGINFO);
@@ -210,8 +206,7 @@ TEST(CWinTimerHandleTest, SignalHandling)
     EXPECT_TRUE(CloseHandle(t));
 
     t = CreateWaitableTimer(nullptr, FALSE, nullptr);
-    // The application takes SIGUSR1 over and blocks it here; expiry still
-    // reaches the timer, and never the application's handler.
+    // The application takes SIGUSR1 over and blocks it: expiry still works.
     struct sigaction app {
     }, old{};
     app.sa_handler = [](int) { ++s_appHandlerCalls; };

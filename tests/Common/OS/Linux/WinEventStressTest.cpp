@@ -1,5 +1,5 @@
-// Bounded stress of the handle layer: events, mutexes and timers. Every
-// exchange is a counted handshake, so results never depend on timing.
+// Bounded stress of events, mutexes and timers; every exchange is a counted
+// handshake, so results never depend on timing.
 #include <gtest/gtest.h>
 
 #include "Common/OS/Linux/CWinEventHandle.h"
@@ -34,36 +34,11 @@ void serveWaitAny(Events& req, Events& ack, int requests, std::atomic<int>& fail
             ++total;
             SetEvent(ack.h[r]);
         } else if (GetTickCount() - start >= kStuckMs) {
-            // A signal wakes the wait with WAIT_TIMEOUT at once; only a lost
-            // wake-up runs the whole time-out.
+            // Only a lost wake-up runs the whole time-out.
             ++failures;
         }
     }
     for (auto& t : clients) t.join();
-}
-
-TEST(WinEventStressTest, MutexExcludesWithBlockingAndPollingWaits)
-{
-    constexpr int kThreads = 4, kLoops = 10000;
-    HANDLE m = CreateMutex(nullptr, FALSE, nullptr);
-    long counter = 0;
-    std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; ++t)
-        threads.emplace_back([&, t] {
-            for (int i = 0; i < kLoops; ++i) {
-                if (t % 2 == 0) WaitForSingleObject(m, INFINITE);
-                while (t % 2 == 1 && WaitForSingleObject(m, 0) != WAIT_OBJECT_0) std::this_thread::yield();
-                // Recursive: the owner may take it again. A zero wait can
-                // report WAIT_FAILED when the tick turns before its one try.
-                const bool again = WaitForSingleObject(m, 0) == WAIT_OBJECT_0;
-                ++counter;
-                if (again) ReleaseMutex(m);
-                ReleaseMutex(m);
-            }
-        });
-    for (auto& t : threads) t.join();
-    EXPECT_EQ(kThreads * kLoops, counter);
-    CloseHandle(m);
 }
 
 constexpr int kTimers = 16;
@@ -76,11 +51,10 @@ void countCall(void* arg, DWORD, DWORD)
     ++*static_cast<std::atomic<int>*>(arg);
 }
 
-// Many 1 ms periodic timers expire, get re-armed, cancelled and closed while
-// other threads hammer the event lock: wait-any loses no wake-up, and a woken
-// thread may close its event while the signaller is still in SetEvent (the
-// shape of every thread shutdown).
-TEST(WinEventStressTest, TimersFireWhileEventsAreHammered)
+// 1 ms timers expire, are re-armed, cancelled and closed while wait-any is
+// hammered, woken threads close events still inside SetEvent and a mutex is
+// taken by blocking and by polling waits.
+TEST(WinEventStressTest, EventsMutexesAndTimersUnderLoad)
 {
     const size_t live = CWinTimerHandle::liveTimerCount();
     LARGE_INTEGER oneMs;
@@ -106,6 +80,20 @@ TEST(WinEventStressTest, TimersFireWhileEventsAreHammered)
             closer.join();
         }
     });
+    HANDLE m = CreateMutex(nullptr, FALSE, nullptr);
+    long counter = 0;
+    for (int t = 0; t < 4; ++t)
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < 10000; ++i) {
+                if (t % 2 == 0) WaitForSingleObject(m, INFINITE);
+                while (t % 2 == 1 && WaitForSingleObject(m, 0) != WAIT_OBJECT_0) std::this_thread::yield();
+                // Recursive; a zero wait fails if the tick turns before its try.
+                const bool again = WaitForSingleObject(m, 0) == WAIT_OBJECT_0;
+                ++counter;
+                if (again) ReleaseMutex(m);
+                ReleaseMutex(m);
+            }
+        });
     // Churn: short-lived timers closed while their expiries are in flight.
     threads.emplace_back([&] {
         for (int i = 0; i < 100; ++i) {
@@ -126,6 +114,8 @@ TEST(WinEventStressTest, TimersFireWhileEventsAreHammered)
     });
     for (auto& t : threads) t.join();
     EXPECT_EQ(0, failures.load());
+    EXPECT_EQ(40000, counter);
+    CloseHandle(m);
     for (HANDLE h : req.h) EXPECT_EQ(0u, castToWinEventHandle(h)->subscriberCount());
 
     for (int i = 0; i < kTimers; ++i) EXPECT_TRUE(eventually([i] { return s_routineCalls[i] > 0; })) << i;

@@ -33,8 +33,7 @@ TEST(WinEventTest, SignalledStateFollowsResetModeAndBadHandlesAreRefused)
         EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(h, 0));
         EXPECT_EQ(manual != 0, ev(h)->signaled());
         EXPECT_TRUE(CloseHandle(h));
-        // However many were lent before, a pooled event is lent clear and of
-        // the kind asked.
+        // A pooled event is lent clear and of the kind asked.
         h = tavro_internal::borrowEvent(manual);
         SetEvent(h);
         tavro_internal::returnEvent(h, manual);
@@ -97,8 +96,7 @@ TEST(WinEventTest, OneSetEventReleasesEveryWaiterOfAnAutoResetEvent)
     EXPECT_EQ(WAIT_TIMEOUT, WaitForSingleObject(e.h[0], 0));
 }
 
-// OpenEvent matches the name exactly, the empty name some unnamed event;
-// each open is one more reference.
+// OpenEvent matches the name exactly (empty: any unnamed); opens add references.
 TEST(WinEventTest, OpenEventMatchesTheNameAndCountsReferences)
 {
     const char* name = "WinEventTest.OpenEvent";
@@ -152,14 +150,12 @@ TEST(WinEventTest, WaitMultiple)
     EXPECT_EQ(WAIT_TIMEOUT, WaitForMultipleObjects(1, single.h.data(), TRUE, 10));
     EXPECT_FALSE(ev(single.h[0])->signaled()) << "the auto-reset event is consumed";
     SetEvent(two.h[1]);
-    // The second wait finds its event signalled (or the budget is spent):
-    // either way a time-out.
+    // The second wait finds its event signalled or the budget spent: time-out.
     EXPECT_EQ(WAIT_TIMEOUT, WaitForMultipleObjects(2, two.h.data(), TRUE, 10));
     EXPECT_EQ(WAIT_OBJECT_0, WaitForMultipleObjects(0, nullptr, TRUE, 0));
 }
 
-// A zero wait reports WAIT_FAILED in the rare case that the tick turns before
-// its one try; look again then.
+// A zero wait fails if the tick turns before its one try; look again then.
 DWORD tryOnce(HANDLE m)
 {
     DWORD r = WAIT_FAILED;
@@ -179,8 +175,7 @@ TEST(WinMutexTest, OwnerMayReenterAndOthersTimeOutBySpinning)
     }).join();
     EXPECT_EQ(WAIT_TIMEOUT, other);
     EXPECT_GE(elapsed, 50u);
-    // Locked twice: the first release still leaves it owned (one zero wait
-    // makes exactly one try).
+    // Locked twice: the first release still leaves it owned.
     for (DWORD expected : {WAIT_TIMEOUT, WAIT_OBJECT_0}) {
         EXPECT_TRUE(ReleaseMutex(m));
         std::thread([&] {
