@@ -132,12 +132,10 @@ struct SocketFixture : testing::Test {
 // Both byte orders and link tests; one recv takes all that waits, no purge.
 TEST_F(SocketFixture, FramesInBothByteOrdersAndLinkTestsShareOneRecv)
 {
-    std::vector<FrameShape> frames = {
-        {Order::Big, kMarker, 1, 10002, 7, 0, 1},     {Order::Little, kMarker, 2, 10003, 8, 0, 2},
-        {Order::Big, kMarker, 3, 20001, 9, 100, 3},   {Order::Little, kMarker, 11, 110002, 10, 5000, 4},
-        {Order::Big, kMarker, 4, 40010, 11, 2048, 5}, {Order::Little, kMarker, 5, 40010, 12, 2049, 6}};
-    for (std::uint32_t i = 0; i < 300; ++i)
-        frames.push_back({(i % 2) ? Order::Big : Order::Little, kMarker, 1, 10002, i, i % 7, i});
+    std::vector<FrameShape> frames;
+    for (std::uint32_t i = 0; i < 300; ++i) // now and then a payload of 49 to 5049 bytes
+        frames.push_back({(i % 2) ? Order::Big : Order::Little, kMarker, i % 12, 10002 + i * 331, i,
+                          i % 50 == 7 ? 1000 * (i / 50) + 49 : i % 7, i});
     std::string stream; // two link test headers: "TST:" "LINK" 12
     for (Order o : {Order::Big, Order::Little})
         for (std::uint32_t w : {0x5453543Au, 0x4C494E4Bu, 12u}) putWord(stream, w, o);
@@ -208,7 +206,7 @@ TEST_F(SocketFixture, LargeBodiesAreReceivedInPlace)
 
 // The allocating reader sizes the body exactly and zero-fills a short one;
 // a byte held ahead is read without waiting for the kernel (nothing follows).
-TEST_F(SocketFixture, AllocatingReaderSizesTheBodyAndHeldBytesNeedNoWait)
+TEST_F(SocketFixture, AllocatingReaderAndHeldBytes)
 {
     const FrameShape f = shape(3000, 0, hostOrder() == Order::Big ? Order::Little : Order::Big);
     FrameShape shortBody;
@@ -233,6 +231,18 @@ TEST_F(SocketFixture, AllocatingReaderSizesTheBodyAndHeldBytesNeedNoWait)
     reader.join();
     EXPECT_TRUE(inTime);
     EXPECT_EQ(std::make_pair(c, got), std::make_pair('Z', 1u));
+
+    // A new descriptor drops the bytes held for the old one.
+    const FrameShape fresh = shape(12, 3);
+    ASSERT_TRUE(writeAll(fds->b, buildFrame(shape(0)) + buildFrame(shape(0))));
+    ASSERT_TRUE(get());
+    ASSERT_TRUE(sock->ReadReady()); // the second frame is held
+    FdPair other;
+    sock->SetSocket(other.take());
+    EXPECT_FALSE(sock->ReadReady());
+    ASSERT_TRUE(writeAll(other.b, buildFrame(fresh)));
+    ASSERT_TRUE(get());
+    expectFrame(ctl, body.data(), fresh);
 }
 
 TEST_F(SocketFixture, BadHeadersArePurgedAndTheNextFrameIsRead)
@@ -282,20 +292,6 @@ TEST_F(SocketFixture, BadHeadersArePurgedAndTheNextFrameIsRead)
         EXPECT_EQ(countOf(out, c.message), 1u) << out;
         EXPECT_EQ(g_availCalls.load(), 1);
     }
-}
-
-TEST_F(SocketFixture, NewDescriptorDropsBytesHeldForTheOldOne)
-{
-    const FrameShape fresh = shape(12, 3);
-    ASSERT_TRUE(writeAll(fds->b, buildFrame(shape(0)) + buildFrame(shape(0))));
-    ASSERT_TRUE(get());
-    ASSERT_TRUE(sock->ReadReady()); // the second frame is held
-    FdPair other;
-    sock->SetSocket(other.take());
-    EXPECT_FALSE(sock->ReadReady());
-    ASSERT_TRUE(writeAll(other.b, buildFrame(fresh)));
-    ASSERT_TRUE(get());
-    expectFrame(ctl, body.data(), fresh);
 }
 
 // Peer close, shutdown, program end and bad arguments end a read frameless.
@@ -388,7 +384,7 @@ TEST_F(SocketFixture, FiveInterruptsInARowFailTheRead)
 }
 
 // Other recv errors fail at once; a purge discards all and clears the error.
-TEST_F(SocketFixture, RecvErrorsAndPurge)
+TEST_F(SocketFixture, WhatWaitsRecvErrorsAndPurge)
 {
     // Some bytes already taken ahead by a read, more still in the kernel.
     ASSERT_TRUE(writeAll(fds->b, std::string(100, 'h')));
@@ -415,10 +411,8 @@ TEST_F(SocketFixture, RecvErrorsAndPurge)
     EXPECT_FALSE(sock->HasError());
     // The shutdown signalled by the failure stays: nothing was read.
     EXPECT_EQ(waiting(sock->GetSocket()), 3000);
-}
 
-TEST_F(SocketFixture, ReadReadyAndWaitForAllDataReportWhatWaits)
-{
+    open();
     EXPECT_FALSE(sock->ReadReady());
     EXPECT_EQ(sock->waitForAllData(4), 0);
     ASSERT_TRUE(writeAll(fds->b, "abcdef"));

@@ -6,7 +6,6 @@
 
 #include <cstdint>
 #include <limits>
-#include <sstream>
 
 #include "Common/OS/Linux/CWinEventHandle.h"
 #include "PlatformTestSupport.h"
@@ -57,7 +56,6 @@ TEST(CWinTimerHandleTest, DueTimeAndPeriodConversion)
         long nsec, insec;
     } cases[] = {{-10000000, 0, true, 1, 0, 0, 0},
                  {-500000, 20, true, 0, 0, 50000000, 20000000},
-                 {-1, 250, true, 0, 0, 100, 250000000},
                  {0, 1000, false, 0, 1, 0, 0},
                  {12345678901LL, 1500, false, 1234, 1, 567890100, 500000000},
                  // Magnitude of the most negative value, clamped where time_t is short.
@@ -77,31 +75,27 @@ TEST(CWinTimerHandleTest, DueTimeAndPeriodConversion)
     }
 }
 
-TEST(CWinTimerHandleTest, OneShotFiresOnceAndResetModeDecidesHowLongItIsSeen)
+TEST(CWinTimerHandleTest, OneShotPeriodicAndAbsoluteTimers)
 {
-    static Calls calls[2];
+    static Calls oneShot[2], first, second, disarmed;
     for (BOOL manual : {FALSE, TRUE}) {
         SCOPED_TRACE(manual ? "manual" : "auto");
         HANDLE t = CreateWaitableTimer(nullptr, manual, "ignored");
         const DWORD start = GetTickCount();
-        ASSERT_TRUE(arm(t, -50 * kMs, 0, &calls[manual]));
+        ASSERT_TRUE(arm(t, -50 * kMs, 0, &oneShot[manual]));
         ASSERT_EQ(WAIT_OBJECT_0, WaitForSingleObject(t, kFireBoundMs));
         // Timer clock and tick clock differ slightly.
         EXPECT_GE(GetTickCount() - start, 45u);
         EXPECT_EQ(manual ? WAIT_OBJECT_0 : WAIT_TIMEOUT, WaitForSingleObject(t, 0));
-        ASSERT_TRUE(eventually([&] { return calls[manual].n == 1; }));
-        EXPECT_EQ(0u, calls[manual].low | calls[manual].high);
+        ASSERT_TRUE(eventually([&] { return oneShot[manual].n == 1; }));
+        EXPECT_EQ(0u, oneShot[manual].low | oneShot[manual].high);
         // A manual timer stays signalled until it is armed again.
         EXPECT_TRUE(!manual || arm(t, -10000 * kMs, 0));
         EXPECT_EQ(WAIT_TIMEOUT, WaitForSingleObject(t, manual ? 0 : 150));
-        EXPECT_EQ(1, calls[manual].n.load());
+        EXPECT_EQ(1, oneShot[manual].n.load());
         EXPECT_TRUE(CloseHandle(t));
     }
-}
 
-TEST(CWinTimerHandleTest, PeriodicTimerKeepsItsFirstRoutineAndAbsoluteTimesAreRealTime)
-{
-    static Calls first, second;
     HANDLE t = CreateWaitableTimer(nullptr, FALSE, nullptr);
     ASSERT_TRUE(arm(t, -10000 * kMs, 0, &first));
     ASSERT_TRUE(arm(t, -20 * kMs, 20, &second));
@@ -111,7 +105,6 @@ TEST(CWinTimerHandleTest, PeriodicTimerKeepsItsFirstRoutineAndAbsoluteTimesAreRe
     EXPECT_TRUE(CloseHandle(t));
 
     // An absolute due time is real time since the epoch.
-    static Calls calls;
     t = CreateWaitableTimer(nullptr, TRUE, nullptr);
     timespec now;
     clock_gettime(CLOCK_REALTIME, &now);
@@ -120,11 +113,11 @@ TEST(CWinTimerHandleTest, PeriodicTimerKeepsItsFirstRoutineAndAbsoluteTimesAreRe
     EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(t, kFireBoundMs));
     // Due time 0 disarms, yet counts as set, so it can be cancelled.
     for (LONG period : {0, 20}) {
-        EXPECT_TRUE(arm(t, 0, period, &calls));
+        EXPECT_TRUE(arm(t, 0, period, &disarmed));
         EXPECT_EQ(WAIT_TIMEOUT, WaitForSingleObject(t, 100)) << period;
         EXPECT_TRUE(CancelWaitableTimer(t));
     }
-    EXPECT_EQ(0, calls.n.load());
+    EXPECT_EQ(0, disarmed.n.load());
     EXPECT_TRUE(CloseHandle(t));
 }
 
@@ -224,7 +217,7 @@ TEST(CWinTimerHandleTest, SignalHandling)
     EXPECT_EQ(0, s_appHandlerCalls);
 }
 
-TEST(CWinTimerHandleTest, LeakReportAndStatsText)
+TEST(CWinTimerHandleTest, LeakReport)
 {
     TimerStats& s = timerStats();
     // As in a fresh process.
@@ -245,12 +238,7 @@ TEST(CWinTimerHandleTest, LeakReportAndStatsText)
     timers.pop_back();
     EXPECT_EQ("", createCaptured());
     EXPECT_EQ(9u, checkStatsThreshold());
-
     for (HANDLE t : timers) CloseHandle(t);
-    const TimerStats labelled{{1}, {2}, {3}, {4}, {5}};
-    std::ostringstream os;
-    os << labelled;
-    EXPECT_EQ("create calls[1]     close calls[2]\nset    calls[3]  elapsed timers[4]  cancel calls[5]", os.str());
 }
 
 } // namespace
