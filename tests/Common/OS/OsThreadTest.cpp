@@ -38,11 +38,6 @@ private:
     WorkerState& s_;
 };
 
-template <int N>
-struct TplWorker : OsThreadTestWorker {
-    explicit TplWorker(WorkerState& s) : OsThreadTestWorker(s) {}
-};
-
 namespace {
 
 // Starts t, waits until its body runs, stops it and waits for its self-deletion.
@@ -66,11 +61,9 @@ TEST(OsThreadTest, ThreadsRunStartedOrInlineAndAreNamed)
     EXPECT_EQ("worker", s.name);
 
     // Unnamed threads get the demangled class name, cut to 15 characters.
-    WorkerState s1, s2;
+    WorkerState s1;
     runToCompletion(new OsThreadTestWorker(s1), s1, nullptr);
     EXPECT_EQ("OsThreadTestWor", s1.name);
-    runToCompletion(new TplWorker<3>(s2), s2, nullptr);
-    EXPECT_EQ("TplWorker<3>", s2.name);
 
     // Run executes inline after Setup; only destroying a running object is
     // reported.

@@ -132,8 +132,8 @@ struct FdPair {
 };
 
 // Captures the socket trace (standard output while no debug writer runs).
-class TraceCapture {
-public:
+struct TraceCapture {
+    bool done = false;
     TraceCapture() { testing::internal::CaptureStdout(); }
     ~TraceCapture()
     {
@@ -144,9 +144,6 @@ public:
         done = true;
         return testing::internal::GetCapturedStdout();
     }
-
-private:
-    bool done = false;
 };
 
 // The trace of fn, under the given trace bits (cleared after) if any.
