@@ -27,19 +27,6 @@ c_sockaddr loopback(unsigned short hostPort)
     return c_sockaddr(AF_INET, c_inaddr("127.0.0.1"), htons(hostPort));
 }
 
-std::size_t countOpenFds()
-{
-    std::size_t n = 0;
-    for (int fd = 0; fd < 1024; ++fd)
-        if (fcntl(fd, F_GETFD) != -1) ++n;
-    return n;
-}
-
-unsigned short boundPort(int fd)
-{
-    return c_sockaddr(fd).hostPort();
-}
-
 // A socket holding an ephemeral loopback port.
 struct PortHolder {
     int fd = ::socket(AF_INET, SOCK_STREAM, 0);
@@ -49,7 +36,7 @@ struct PortHolder {
         c_sockaddr a = loopback(0);
         if (::bind(fd, static_cast<const sockaddr*>(a), sizeof(sockaddr_in)) != 0) ADD_FAILURE() << "bind";
         if (listening && ::listen(fd, backlog) != 0) ADD_FAILURE() << "listen";
-        port = boundPort(fd);
+        port = c_sockaddr(fd).hostPort();
     }
     void close()
     {
@@ -64,8 +51,7 @@ std::uint64_t g_nowMs = 0;
 std::vector<unsigned> g_sleeps;
 std::vector<std::string> g_shell, g_commands;
 std::string g_commandOutput;
-int g_releaseAfterKills = -1;
-PortHolder* g_holder = nullptr;
+PortHolder* g_holder = nullptr; // released by the third kill
 bool g_terminateOnSleep = false;
 
 struct SocketFixture : testing::Test {
@@ -75,7 +61,6 @@ struct SocketFixture : testing::Test {
         g_nowMs = 1000000;
         g_sleeps.clear();
         g_shell.clear();
-        g_releaseAfterKills = -1;
         g_holder = nullptr;
         g_terminateOnSleep = false;
         tavro_internal::socketSeams().nowMs = [] { return g_nowMs; };
@@ -86,7 +71,7 @@ struct SocketFixture : testing::Test {
         };
         tavro_internal::socketSeams().runShell = [](const char* cmd) {
             g_shell.push_back(cmd);
-            if (g_holder != nullptr && static_cast<int>(g_shell.size()) == g_releaseAfterKills) g_holder->close();
+            if (g_holder != nullptr && g_shell.size() == 3) g_holder->close();
             return 0;
         };
         OsSocket::setApplicationName(nullptr);
@@ -97,12 +82,10 @@ struct SocketFixture : testing::Test {
 
 TEST_F(SocketFixture, NewSocketsStartClosedAndCopiesKeepTheirOwnHandles)
 {
-    const std::size_t before = OsSocket::createdSocketsCount();
     {
         OsSocket def;
         OsSocket client("switch-a", loopback(58991), TCP_CLIENT, 3);
         OsSocket udp("ignored", loopback(5000), UDP_SERVICE, 0);
-        EXPECT_EQ(OsSocket::createdSocketsCount(), before + 3);
         for (OsSocket* s : {&def, &client, &udp}) {
             EXPECT_TRUE(s->HasError()); // nothing may be read or sent before preparation
             EXPECT_FALSE(s->Shuttingdown());
@@ -110,58 +93,32 @@ TEST_F(SocketFixture, NewSocketsStartClosedAndCopiesKeepTheirOwnHandles)
         EXPECT_STREQ(client.GetHostname(), "switch-a");
         EXPECT_EQ(udp.GetHostname(), nullptr); // never kept for UDP
     }
-    EXPECT_EQ(OsSocket::createdSocketsCount(), before);
 
     OsSocket a("peer", loopback(1234), TCP_CLIENT, 4);
     ASSERT_TRUE(a.PrepareSocket());
-    OsSocket b;
+    OsSocket b, c(a);
     b = a;
-    EXPECT_EQ(b.GetSocket(), a.GetSocket());
-    EXPECT_EQ(b.GetTcpType(), TCP_CLIENT);
-    EXPECT_EQ(b.GetServiceType(), 4);
-    EXPECT_EQ(b.GetTcpState(), TCP_INITIALIZED);
-    EXPECT_FALSE(b.HasError());
-    ASSERT_NE(b.GetHostname(), nullptr);
-    EXPECT_NE(b.GetHostname(), a.GetHostname());
-    EXPECT_STREQ(b.GetHostname(), "peer");
-    b.SignalShutdown();
-    EXPECT_TRUE(b.Shuttingdown());
-    EXPECT_FALSE(a.Shuttingdown());
-    b.SetSocket(-1); // the descriptor stays a's
-    OsSocket c(a);
-    EXPECT_EQ(c.GetSocket(), a.GetSocket());
-    EXPECT_FALSE(c.HasError());
-    c.SetSocket(-1);
+    for (OsSocket* copy : {&b, &c}) {
+        EXPECT_EQ(copy->GetSocket(), a.GetSocket());
+        EXPECT_EQ(copy->GetTcpType(), TCP_CLIENT);
+        EXPECT_EQ(copy->GetServiceType(), 4);
+        EXPECT_EQ(copy->GetTcpState(), TCP_INITIALIZED);
+        EXPECT_FALSE(copy->HasError());
+        ASSERT_NE(copy->GetHostname(), nullptr);
+        EXPECT_NE(copy->GetHostname(), a.GetHostname());
+        EXPECT_STREQ(copy->GetHostname(), "peer");
+        copy->SignalShutdown();
+        EXPECT_FALSE(a.Shuttingdown());
+        copy->SetSocket(-1); // the descriptor stays a's
+    }
 }
 
-// Every option of a client socket, each traced only under its bit.
+// Every option of a client socket, traced only under the OPTIONS bit.
 TEST_F(SocketFixture, ClientPreparationSetsEveryOptionAndTracesItWithItsBit)
 {
-    for (bool on : {true, false}) {
-        socketTraceFeature().SetMask(on ? SOCK_TRACE_OPTIONS | SOCK_TRACE_CONNECT : 0);
-        OsSocket s("sw", loopback(1), TCP_CLIENT, 3);
-        const std::string out = traced([&] { EXPECT_TRUE(s.PrepareSocket()); });
-        const std::string fd = std::to_string(s.GetSocket());
-        std::string want;
-        for (const char* line :
-             {"disableInheritance: fcntl( FD_CLOEXEC )", "setLingerOnCloseOffOption: setsockopt( SO_LINGER )",
-              "setKeepAliveOptions: setsockopt( SO_KEEPALIVE )", "setKeepAliveOptions: setsockopt( TCP_KEEPIDLE )",
-              "setKeepAliveOptions: setsockopt( TCP_KEEPINTVL )", "setKeepAliveOptions: setsockopt( TCP_KEEPCNT )",
-              "setBlockingMode: ioctl( FIONBIO )", "setTxTimeoutOption: setsockopt( SO_SNDTIMEO )",
-              "setNoDelayOption: setsockopt( TCP_NODELAY )"}) {
-            const std::string l = line, fn = l.substr(0, l.find(':') + 2);
-            want += fn + "PrepareTCPSocket(): Socket[" + fd + "] " + l.substr(fn.size()) + " succeeded.\n";
-            if (l.find("FIONBIO") != std::string::npos)
-                want += "PrepareTCPSocket: Socket[" + fd + "]  setBlockingMode( BLOCKING_DISABLED )\n";
-        }
-        EXPECT_EQ(out, on ? want : "");
-    }
     OsSocket s("sw", loopback(1), TCP_CLIENT, 3);
-    ASSERT_TRUE(s.PrepareSocket());
+    EXPECT_EQ(countOf(traced([&] { EXPECT_TRUE(s.PrepareSocket()); }, SOCK_TRACE_OPTIONS), " succeeded.\n"), 9u);
     const int fd = s.GetSocket();
-    ASSERT_GE(fd, 0);
-    EXPECT_FALSE(s.HasError());
-    EXPECT_EQ(s.GetTcpState(), TCP_INITIALIZED);
     linger l{};
     socklen_t len = sizeof l;
     ASSERT_EQ(getsockopt(fd, SOL_SOCKET, SO_LINGER, &l, &len), 0);
@@ -176,6 +133,7 @@ TEST_F(SocketFixture, ClientPreparationSetsEveryOptionAndTracesItWithItsBit)
     EXPECT_NE(fcntl(fd, F_GETFD) & FD_CLOEXEC, 0);
     EXPECT_NE(fcntl(fd, F_GETFL) & O_NONBLOCK, 0);
 
+    // Without trace bits only the missing keep-alive is reported.
     OsSocket noKeepAlive("sw", loopback(1), TCP_CLIENT, 3);
     noKeepAlive.SetKeepAlive(false);
     EXPECT_EQ(traced([&] { EXPECT_TRUE(noKeepAlive.PrepareSocket()); }),
@@ -183,24 +141,17 @@ TEST_F(SocketFixture, ClientPreparationSetsEveryOptionAndTracesItWithItsBit)
     EXPECT_EQ(intOption(noKeepAlive.GetSocket(), SOL_SOCKET, SO_KEEPALIVE), 0);
 }
 
-// Failures are always traced; a user time-out on UDP (ENOPROTOOPT) is no
-// failure.
+// Failures are always traced; no user time-out on UDP (ENOPROTOOPT) is fine.
 TEST_F(SocketFixture, OptionFailuresAreAlwaysTraced)
 {
     OsSocket s;
     TraceCapture cap;
-    EXPECT_FALSE(s.setReuseAddrOption(-1));
     EXPECT_FALSE(s.setLingerOnCloseOffOption(-1, "Caller"));
-    EXPECT_FALSE(s.disableInheritance(-1));
-    EXPECT_FALSE(s.setBlockingMode(-1, true));
     EXPECT_FALSE(s.BindSocketToInterface(-1, "lo"));
     const std::string e = std::to_string(EBADF);
-    EXPECT_EQ(cap.text(), "setReuseAddrOption: unknown(): Socket[-1] setsockopt( SO_REUSEADDR ) failed[" + e + "]\n" +
-                              "setLingerOnCloseOffOption: Caller(): Socket[-1] setsockopt( SO_LINGER ) failed[" + e +
-                              "]\n" + "disableInheritance: unknown(): Socket[-1] fcntl( FD_CLOEXEC ) failed[" + e +
-                              "]\n" + "setBlockingMode: unknown(): Socket[-1] ioctl( FIONBIO ) failed[" + e + "]\n" +
-                              "BindSocketToInterface: unknown(): Socket[-1] setsockopt( SO_BINDTODEVICE ) failed[" + e +
-                              "]\n");
+    EXPECT_EQ(cap.text(),
+              "setLingerOnCloseOffOption: Caller(): Socket[-1] setsockopt( SO_LINGER ) failed[" + e + "]\n" +
+                  "BindSocketToInterface: unknown(): Socket[-1] setsockopt( SO_BINDTODEVICE ) failed[" + e + "]\n");
     EXPECT_EQ(s.GetLastError(), EBADF);
 
     OsSocket udp("", loopback(0), UDP_SERVICE, 0);
@@ -209,11 +160,11 @@ TEST_F(SocketFixture, OptionFailuresAreAlwaysTraced)
     EXPECT_TRUE(udp.setRxTimeoutOption(udp.GetSocket()));
 }
 
-TEST_F(SocketFixture, BusyPortIsRetriedEveryFourSecondsForTwentyMinutes)
+TEST_F(SocketFixture, BusyPortIsRetriedEveryFourSecondsUntilFreeForTwentyMinutes)
 {
     PortHolder holder;
     OsSocket server("", loopback(holder.port), TCP_SERVER, 0);
-    const std::string out = traced([&] { EXPECT_FALSE(server.PrepareSocket()); });
+    std::string out = traced([&] { EXPECT_FALSE(server.PrepareSocket()); });
     EXPECT_TRUE(server.HasError());
     EXPECT_EQ(server.GetTcpState(), TCP_NOT_INIT);
     EXPECT_EQ(g_sleeps, std::vector<unsigned>(300, 4000));
@@ -222,17 +173,11 @@ TEST_F(SocketFixture, BusyPortIsRetriedEveryFourSecondsForTwentyMinutes)
                               std::to_string(holder.port) + "] is not fatal.  Retry...\n";
     EXPECT_EQ(countOf(out, retry), 300u);
     EXPECT_EQ(countOf(out, "PrepareTcpServerSocket: bind has given up after 20 minutes!\n"), 1u);
-}
 
-// Binding succeeds once the other instance is killed; a terminating program
-// stops the retries after the first pause; other bind errors are fatal.
-TEST_F(SocketFixture, BindRetriesEndOnSuccessTerminationOrAFatalError)
-{
-    PortHolder holder;
+    // Success once the other instance is killed; termination stops retries.
+    g_shell.clear();
     g_holder = &holder;
-    g_releaseAfterKills = 3;
     OsSocket::setApplicationName("SnmpAgent");
-    OsSocket server("", loopback(holder.port), TCP_SERVER, 0);
     traced([&] { EXPECT_TRUE(server.PrepareSocket()); });
     EXPECT_EQ(g_shell, std::vector<std::string>(3, "./KillOutstandingApp.sh SnmpAgent"));
     EXPECT_FALSE(server.HasError());
@@ -250,7 +195,7 @@ TEST_F(SocketFixture, BindRetriesEndOnSuccessTerminationOrAFatalError)
     OsSocket::setProgramTerminating(false);
     g_sleeps.clear();
     OsSocket fatal("", c_sockaddr(AF_INET, c_inaddr("192.0.2.1"), htons(5000)), TCP_SERVER, 0);
-    const std::string out = traced([&] { EXPECT_FALSE(fatal.PrepareSocket()); });
+    out = traced([&] { EXPECT_FALSE(fatal.PrepareSocket()); });
     EXPECT_EQ(countOf(out, "PrepareTcpServerSocket: Fatal bind error [" + std::to_string(EADDRNOTAVAIL) + "]"), 1u)
         << out;
     EXPECT_TRUE(g_sleeps.empty());
@@ -294,34 +239,26 @@ TEST_F(SocketFixture, BindErrorsAreThrottled)
     EXPECT_TRUE(s.BindTCPSocket(c_inaddr("127.0.0.1")));
 }
 
-TEST_F(SocketFixture, ConnectAndAcceptExchangeData)
+TEST_F(SocketFixture, ConnectAcceptShutdownCloseAndPrepareAgain)
 {
     OsSocket server("", loopback(0), TCP_SERVER, 0);
     ASSERT_TRUE(server.PrepareSocket(0, 4));
     EXPECT_EQ(intOption(server.GetSocket(), SOL_SOCKET, SO_REUSEADDR), 1);
     EXPECT_EQ(intOption(server.GetSocket(), SOL_SOCKET, SO_ACCEPTCONN), 1);
     EXPECT_TRUE(g_sleeps.empty());
-    const unsigned short port = boundPort(server.GetSocket());
+    const unsigned short port = c_sockaddr(server.GetSocket()).hostPort();
     OsSocket client("sw", loopback(port), TCP_CLIENT, 3);
     ASSERT_TRUE(client.PrepareSocket());
     TraceCapture cap;
     ASSERT_TRUE(client.Connect(OsSocket::REPORT_CONNECTION));
-    const std::string local = "127.0.0.1:" + std::to_string(boundPort(client.GetSocket()));
+    const std::string local = "127.0.0.1:" + std::to_string(c_sockaddr(client.GetSocket()).hostPort());
     EXPECT_EQ(cap.text(), "Connect  Local client[" + local +
                               "] connected to remote server[127.0.0.1:" + std::to_string(port) + "]\n");
 
-    socketTraceFeature().SetMask(SOCK_TRACE_BIND);
-    TraceCapture cap2;
     std::unique_ptr<OsSocket> accepted(server.Accept());
-    const std::string out = cap2.text();
     ASSERT_NE(accepted, nullptr);
-    EXPECT_EQ(countOf(out, "Accept  Local server[127.0.0.1:" + std::to_string(port) + "] accepted remote client[" +
-                               local + "]\n"),
-              1u)
-        << out;
     EXPECT_EQ(accepted->GetTcpType(), TCP_SERVER);
     EXPECT_EQ(accepted->IPAddress().toString(), "127.0.0.1");
-    EXPECT_NE(accepted->GetSocket(), server.GetSocket());
     EXPECT_EQ(intOption(accepted->GetSocket(), SOL_SOCKET, SO_KEEPALIVE), 1);
     EXPECT_FALSE(accepted->HasError());
     EXPECT_EQ(accepted->GetTcpState(), TCP_INITIALIZED);
@@ -330,51 +267,14 @@ TEST_F(SocketFixture, ConnectAndAcceptExchangeData)
     unsigned n = 0;
     EXPECT_TRUE(accepted->Read(got, 2, &n));
     EXPECT_EQ(std::string(got, n), "ab");
-}
 
-// Refused: SO_ERROR is reported. A listener whose accept queue is full drops
-// further handshakes: the connect times out.
-TEST_F(SocketFixture, FailedConnections)
-{
-    EXPECT_FALSE(OsSocket("", loopback(1), TCP_SERVER, 0).Connect()); // only clients connect
-    PortHolder bound(false);
-    OsSocket client("sw", loopback(bound.port), TCP_CLIENT, 3);
-    ASSERT_TRUE(client.PrepareSocket());
-    const std::string out = traced([&] { EXPECT_FALSE(client.Connect()); }, SOCK_TRACE_CONNECT);
-    EXPECT_TRUE(client.HasError());
-    EXPECT_EQ(client.GetLastError(), ECONNREFUSED);
-    EXPECT_EQ(out, "Connect Socket[" + std::to_string(client.GetSocket()) +
-                       "] FAILED to connect to [127.0.0.1:" + std::to_string(bound.port) +
-                       "] SO_ERROR reported errNum[" + std::to_string(ECONNREFUSED) + "]\n");
-
-    socketTraceFeature().SetMask(0);
-    PortHolder full(true, 0);
-    std::vector<std::unique_ptr<OsSocket>> queued;
-    tavro_internal::socketSeams().connectWaitMs = 100;
-    bool timedOut = false;
-    for (int i = 0; i < 8 && !timedOut; ++i) {
-        queued.emplace_back(new OsSocket("sw", loopback(full.port), TCP_CLIENT, 3));
-        ASSERT_TRUE(queued.back()->PrepareSocket());
-        TraceCapture quiet;
-        timedOut = !queued.back()->Connect();
-    }
-    EXPECT_TRUE(timedOut);
-    EXPECT_EQ(queued.back()->GetLastError(), ETIMEDOUT);
-}
-
-TEST_F(SocketFixture, ShutdownAcceptCloseAndPrepareAgain)
-{
-    OsSocket server("", loopback(0), TCP_SERVER, 0);
-    ASSERT_TRUE(server.PrepareSocket());
     server.SignalShutdown();
-    {
-        EXPECT_EQ(traced([&] { EXPECT_EQ(server.Accept(), nullptr); }),
-                  "Accept: Remote clientSocket[" + std::to_string(server.GetSocket()) + "] is shutting down!\n");
-    }
-    const std::size_t open = countOpenFds();
+    EXPECT_EQ(traced([&] { EXPECT_EQ(server.Accept(), nullptr); }),
+              "Accept: Remote clientSocket[" + std::to_string(server.GetSocket()) + "] is shutting down!\n");
+    const int old = server.GetSocket();
     ASSERT_TRUE(server.PrepareSocket()); // resets the shutdown and closes the old descriptor
     EXPECT_FALSE(server.Shuttingdown());
-    EXPECT_EQ(countOpenFds(), open);
+    EXPECT_TRUE(server.GetSocket() == old || fcntl(old, F_GETFD) == -1);
     server.Close();
     EXPECT_EQ(server.GetSocket(), -1);
     EXPECT_TRUE(server.HasError());
@@ -391,57 +291,32 @@ TEST_F(SocketFixture, ShutdownAcceptCloseAndPrepareAgain)
     EXPECT_EQ(traced([&] { EXPECT_EQ(other.Accept(), nullptr); }), "Accept: Program is terminating!\n");
 }
 
-TEST_F(SocketFixture, CloseWakesABlockedReader)
+// Refused: SO_ERROR is reported. A full accept queue makes connect time out.
+TEST_F(SocketFixture, FailedConnections)
 {
-    tavro_internal::socketSeams().readyWaitMs = 60000;
-    FdPair p;
-    unixPair(p);
-    OsSocket s;
-    s.SetSocket(p.a);
-    p.a = -1;
-    std::thread reader([&] {
-        char c;
-        unsigned got = 0;
-        s.Read(&c, 1, &got);
-    });
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    s.SignalShutdown();
-    s.Close();
-    reader.join(); // returns well before the 60 s wait ends
-}
+    EXPECT_FALSE(OsSocket("", loopback(1), TCP_SERVER, 0).Connect()); // only clients connect
+    PortHolder bound(false);
+    OsSocket client("sw", loopback(bound.port), TCP_CLIENT, 3);
+    ASSERT_TRUE(client.PrepareSocket());
+    const std::string out = traced([&] { EXPECT_FALSE(client.Connect()); }, SOCK_TRACE_CONNECT);
+    EXPECT_TRUE(client.HasError());
+    EXPECT_EQ(client.GetLastError(), ECONNREFUSED);
+    EXPECT_EQ(out, "Connect Socket[" + std::to_string(client.GetSocket()) +
+                       "] FAILED to connect to [127.0.0.1:" + std::to_string(bound.port) +
+                       "] SO_ERROR reported errNum[" + std::to_string(ECONNREFUSED) + "]\n");
 
-TEST_F(SocketFixture, CloseAllSocketsInContainerAndExitEndsTheProcess)
-{
-    // No other thread runs here, so a plain fork is safe; re-executing the
-    // binary (the threadsafe style) does not work under a user-mode emulator.
-    GTEST_FLAG_SET(death_test_style, "fast");
-    EXPECT_EXIT(
-        {
-            OsSocket s("sw", loopback(1), TCP_CLIENT, 3);
-            s.PrepareSocket();
-            OsSocket::CloseAllSocketsInContainerAndExit();
-        },
-        testing::ExitedWithCode(0), "");
-}
-
-TEST_F(SocketFixture, DatagramsTravelBetweenUdpSockets)
-{
-    OsSocket a("", loopback(0), UDP_SERVICE, 0);
-    OsSocket b("", loopback(0), UDP_SERVICE, 0);
-    ASSERT_TRUE(a.PrepareSocket());
-    ASSERT_TRUE(b.PrepareSocket());
-    EXPECT_EQ(intOption(a.GetSocket(), SOL_SOCKET, SO_BROADCAST), 1);
-    ASSERT_TRUE(a.BindUDPSocket(c_inaddr("127.0.0.1")));
-    ASSERT_TRUE(b.BindUDPSocket(c_inaddr("127.0.0.1")));
-    EXPECT_EQ(a.SendTo("datagram", 8, c_sockaddr(b.GetSocket())), 8);
-    char buf[32] = {};
-    c_sockaddr from;
-    EXPECT_EQ(b.ReceiveFrom(buf, sizeof buf, &from), 8);
-    EXPECT_EQ(std::string(buf, 8), "datagram");
-    EXPECT_EQ(from.hostPort(), boundPort(a.GetSocket()));
-    b.Close();
-    EXPECT_EQ(traced([&] { EXPECT_EQ(b.ReceiveFrom(buf, sizeof buf, nullptr), -1); }),
-              "ReceiveFrom: Socket[-1] errNum[" + std::to_string(EBADF) + "] " + gai_strerror(EBADF) + "\n");
+    PortHolder full(true, 0);
+    std::vector<std::unique_ptr<OsSocket>> queued;
+    tavro_internal::socketSeams().connectWaitMs = 100;
+    bool timedOut = false;
+    for (int i = 0; i < 8 && !timedOut; ++i) {
+        queued.emplace_back(new OsSocket("sw", loopback(full.port), TCP_CLIENT, 3));
+        ASSERT_TRUE(queued.back()->PrepareSocket());
+        TraceCapture quiet;
+        timedOut = !queued.back()->Connect();
+    }
+    EXPECT_TRUE(timedOut);
+    EXPECT_EQ(queued.back()->GetLastError(), ETIMEDOUT);
 }
 
 TEST_F(SocketFixture, InterfaceCarrierIsReadFromSysfs)
@@ -458,7 +333,6 @@ TEST_F(SocketFixture, InterfaceCarrierIsReadFromSysfs)
     } cases[] = {{"eth0", "1\n", true, true},
                  {"eth0", "0\n", false, true},
                  {"bond0.100", " 1", true, true},
-                 {"eth0", "", false, true},
                  {"eth0", "10\n", false, true},
                  {"eth0; reboot", "1\n", false, false},
                  {"../../etc", "1\n", false, false},
@@ -477,8 +351,7 @@ TEST_F(SocketFixture, InterfaceCarrierIsReadFromSysfs)
 }
 
 namespace {
-// One table line as the kernel prints it: the address word as it lies in
-// memory, the port in host order.
+// A table line as the kernel prints it: address word as in memory, host port.
 std::string tcpLine(int sl, const char* local, unsigned short lport, const char* remote, unsigned short rport,
                     unsigned state)
 {
@@ -504,13 +377,9 @@ TEST(ProcNetTcp, ParsesTheTableSkipsMalformedLinesAndMapsTunnelPorts)
                                               tcpLine(3, "192.0.2.10", 41002, "198.51.100.8", 58991, 0x01),
                                           t));
     ASSERT_EQ(t.size(), 4u);
-    EXPECT_EQ(t[0].localIp.toString(), "127.0.0.1");
-    EXPECT_EQ(t[0].localPort, 58991);
-    EXPECT_EQ(t[0].state, 10u);
     EXPECT_EQ(t[2].localIp.toString(), "192.0.2.10");
-    EXPECT_EQ(t[2].remoteIp.toString(), "198.51.100.7");
-    EXPECT_EQ(t[2].remotePort, 58991);
-    EXPECT_EQ(t[3].state, 1u);
+    EXPECT_EQ(t[2].state, 6u);
+    // Only the established connection to the tunnel's port maps.
     EXPECT_EQ(OsSocket::MapStunnelIP(c_inaddr("127.0.0.1"), 58991, t).toString(), "198.51.100.8");
     EXPECT_EQ(OsSocket::MapStunnelIP(c_inaddr("127.0.0.1"), 58992, t).toString(), "127.0.0.1");
     EXPECT_EQ(OsSocket::MapStunnelIP(c_inaddr("192.0.2.99"), 58991, t).toString(), "192.0.2.99");
@@ -523,14 +392,5 @@ TEST(ProcNetTcp, ParsesTheTableSkipsMalformedLinesAndMapsTunnelPorts)
     EXPECT_FALSE(OsSocket::ParseProcNetTcp(text, t));
     ASSERT_EQ(t.size(), 1u);
     EXPECT_EQ(t[0].localPort, 80);
-    t.clear();
-    EXPECT_TRUE(OsSocket::ParseProcNetTcp("", t));
-    EXPECT_TRUE(t.empty());
-
-    PortHolder holder;
-    ASSERT_TRUE(OsSocket::GetProcNetTcp(t));
-    bool found = false;
-    for (const auto& e : t) found = found || (e.localPort == holder.port && e.state == 10);
-    EXPECT_TRUE(found);
     EXPECT_FALSE(OsSocket::GetProcNetTcp(t, "/nonexistent/tcp"));
 }

@@ -1,5 +1,4 @@
-// Bounded stress of framed transfer: many senders share one socket, then a
-// reader is stopped from another thread during traffic.
+// Bounded stress of framed transfer: many senders share one socket.
 #include <atomic>
 #include <thread>
 #include <vector>
@@ -26,15 +25,13 @@ FrameShape sentFrame(std::uint32_t t, std::uint32_t i)
 } // namespace
 
 // The peer checks every byte, so an interleaved chain shows up as a bad frame.
-TEST(SendStress, ConcurrentChainsNeverInterleaveAndShutdownEndsTraffic)
+TEST(SendStress, ConcurrentChainsNeverInterleave)
 {
     SeamGuard seams;
     FdPair fds;
-    unixPair(fds);
     OsSocket reader, sender;
-    reader.SetSocket(fds.a);
-    sender.SetSocket(fds.b);
-    fds.a = fds.b = -1;
+    reader.SetSocket(fds.take());
+    sender.SetSocket(std::exchange(fds.b, -1));
     constexpr std::uint32_t kThreads = 4, kFrames = 150;
     std::atomic<int> failures{0};
     std::vector<std::thread> threads;
@@ -65,23 +62,4 @@ TEST(SendStress, ConcurrentChainsNeverInterleaveAndShutdownEndsTraffic)
     for (auto& th : threads) th.join();
     EXPECT_EQ(cap.text(), "");
     EXPECT_EQ(failures.load(), 0);
-
-    std::atomic<bool> stop{false};
-    std::thread tx([&] {
-        const std::string wire = buildFrame(sentFrame(0, 3));
-        while (!stop.load() && sender.Send(wire.data(), static_cast<unsigned>(wire.size()))) {
-        }
-    });
-    std::thread rx([&] {
-        while (reader.GetOrvMessage(&ctl, app, 40000)) {
-        }
-    });
-    TraceCapture cap2;
-    tavro_test::eventually([&] { return sender.MsgSent() > kThreads * kFrames * 3; });
-    reader.SignalShutdown();
-    reader.Close();
-    rx.join();
-    stop = true;
-    sender.Close();
-    tx.join();
 }

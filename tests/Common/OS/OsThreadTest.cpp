@@ -38,11 +38,6 @@ private:
     WorkerState& s_;
 };
 
-template <int N>
-struct TplWorker : OsThreadTestWorker {
-    explicit TplWorker(WorkerState& s) : OsThreadTestWorker(s) {}
-};
-
 namespace {
 
 // Starts t, waits until its body runs, stops it and waits for its self-deletion.
@@ -54,7 +49,7 @@ void runToCompletion(OsThread* t, WorkerState& s, void* arg)
     ASSERT_EQ(WAIT_OBJECT_0, WaitForSingleObject(s.destroyed, tavro_test::kStuckMs));
 }
 
-TEST(OsThreadTest, StartedThreadRunsUntilShutdownDeletesItselfAndIsNamed)
+TEST(OsThreadTest, ThreadsRunStartedOrInlineAndAreNamed)
 {
     WorkerState s;
     int arg = 0;
@@ -66,35 +61,23 @@ TEST(OsThreadTest, StartedThreadRunsUntilShutdownDeletesItselfAndIsNamed)
     EXPECT_EQ("worker", s.name);
 
     // Unnamed threads get the demangled class name, cut to 15 characters.
-    WorkerState s1, s2;
+    WorkerState s1;
     runToCompletion(new OsThreadTestWorker(s1), s1, nullptr);
     EXPECT_EQ("OsThreadTestWor", s1.name);
-    runToCompletion(new TplWorker<3>(s2), s2, nullptr);
-    EXPECT_EQ("TplWorker<3>", s2.name);
 
+    // Run executes inline after Setup; only destroying a running object is
+    // reported.
     OsThreadTestWorker named(s1, "0123456789abcdefXYZ", 0);
     EXPECT_STREQ("0123456789abcde", named.GetThreadName());
-    named.SetThreadName("short");
-    EXPECT_STREQ("short", named.GetThreadName());
+    named.SignalShutdown(); // lets the body return at once
+    EXPECT_EQ(&arg, named.Run(&arg));
+    EXPECT_TRUE(s1.setUp);
+    EXPECT_TRUE(s1.terminating);
     named.SetThreadName(nullptr);
     EXPECT_STREQ("", named.GetThreadName());
-}
-
-// Run executes in the calling thread after Setup; only destroying a running
-// object is reported.
-TEST(OsThreadTest, RunInlineAndDestruction)
-{
-    WorkerState s;
-    OsThreadTestWorker t(s, "inline", 0);
-    t.SignalShutdown(); // lets the body return at once
-    int x;
-    EXPECT_EQ(&x, t.Run(&x));
-    EXPECT_TRUE(s.setUp);
-    EXPECT_TRUE(s.terminating);
     testing::internal::CaptureStdout();
     delete new OsThreadTestWorker(s);
     EXPECT_EQ("", testing::internal::GetCapturedStdout());
-
     struct Running : OsThread {
         Running() : OsThread("running", 0) { bThreadTerminating = false; }
     };

@@ -1,7 +1,6 @@
 #pragma once
 
-// Helpers for socket tests: connected descriptor pairs, frames built from
-// explicit bytes in a chosen byte order, trace capture and seam control.
+// Socket test helpers: descriptor pairs, frames in either byte order, traces.
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -10,6 +9,7 @@
 
 #include <cstdint>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "Common/OS/Linux/PlatformTestSupport.h"
@@ -48,10 +48,9 @@ struct FrameShape {
     std::uint32_t manager = 1;
     std::uint32_t cmdCode = 10002;
     std::uint32_t seqNbr = 1;
-    std::uint32_t payload = 0; // payload bytes
-    std::uint32_t tag = 0;     // selects the payload pattern
-    // Size word to announce; by default 28 + payload.
-    long long sizeOverride = -1;
+    std::uint32_t payload = 0;   // payload bytes
+    std::uint32_t tag = 0;       // selects the payload pattern
+    long long sizeOverride = -1; // size word to announce instead of 28 + payload
 };
 
 inline FrameShape shape(std::uint32_t payload, std::uint32_t tag = 0, Order order = Order::Big)
@@ -108,10 +107,18 @@ inline int waiting(int fd)
     return n;
 }
 
-// Two connected blocking descriptors.
+// Two connected blocking descriptors; take() hands a over to a socket.
 struct FdPair {
     int a = -1;
     int b = -1;
+    FdPair()
+    {
+        int sv[2];
+        EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
+        a = sv[0];
+        b = sv[1];
+    }
+    int take() { return std::exchange(a, -1); }
     void closeB()
     {
         if (b >= 0) ::close(b);
@@ -124,18 +131,9 @@ struct FdPair {
     }
 };
 
-inline void unixPair(FdPair& p)
-{
-    int sv[2];
-    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
-    p.a = sv[0];
-    p.b = sv[1];
-}
-
-// Captures what the socket layer writes to the debug trace (standard output
-// while no debug writer runs).
-class TraceCapture {
-public:
+// Captures the socket trace (standard output while no debug writer runs).
+struct TraceCapture {
+    bool done = false;
     TraceCapture() { testing::internal::CaptureStdout(); }
     ~TraceCapture()
     {
@@ -146,19 +144,16 @@ public:
         done = true;
         return testing::internal::GetCapturedStdout();
     }
-
-private:
-    bool done = false;
 };
 
-// What the socket layer traces while fn runs, under the given trace bits if
-// any are given.
+// The trace of fn, under the given trace bits (cleared after) if any.
 template <typename Fn>
 std::string traced(Fn fn, long long mask = -1)
 {
     if (mask >= 0) socketTraceFeature().SetMask(static_cast<unsigned>(mask));
     TraceCapture cap;
     fn();
+    if (mask >= 0) socketTraceFeature().SetMask(0);
     return cap.text();
 }
 
@@ -169,23 +164,21 @@ inline std::size_t countOf(const std::string& text, const std::string& what)
     return n;
 }
 
+inline void resetSockets()
+{
+    tavro_internal::resetSocketSeams();
+    socketTraceFeature().SetMask(0);
+    OsSocket::setProgramTerminating(false);
+}
+
 // Resets seams, trace bits and the terminating flag around each test.
-class SeamGuard {
-public:
+struct SeamGuard {
     SeamGuard()
     {
-        reset();
+        resetSockets();
         tavro_internal::socketSeams().readyWaitMs = 20;
     }
-    ~SeamGuard() { reset(); }
-
-private:
-    static void reset()
-    {
-        tavro_internal::resetSocketSeams();
-        socketTraceFeature().SetMask(0);
-        OsSocket::setProgramTerminating(false);
-    }
+    ~SeamGuard() { resetSockets(); }
 };
 
 } // namespace sock_test

@@ -6,7 +6,6 @@
 
 #include <cstdint>
 #include <limits>
-#include <sstream>
 
 #include "Common/OS/Linux/CWinEventHandle.h"
 #include "PlatformTestSupport.h"
@@ -19,8 +18,7 @@ using tavro_test::eventually;
 constexpr DWORD kFireBoundMs = 5000;
 constexpr std::int64_t kMs = 10000; // 100-ns units per millisecond
 
-// Completion routines may still run on their detached thread after a test
-// has ended, so what they touch lives in static storage.
+// Completion routines may outlive a test on their thread: static storage.
 struct Calls {
     std::atomic<int> n{0};
     std::atomic<DWORD> low{99}, high{99};
@@ -58,7 +56,6 @@ TEST(CWinTimerHandleTest, DueTimeAndPeriodConversion)
         long nsec, insec;
     } cases[] = {{-10000000, 0, true, 1, 0, 0, 0},
                  {-500000, 20, true, 0, 0, 50000000, 20000000},
-                 {-1, 250, true, 0, 0, 100, 250000000},
                  {0, 1000, false, 0, 1, 0, 0},
                  {12345678901LL, 1500, false, 1234, 1, 567890100, 500000000},
                  // Magnitude of the most negative value, clamped where time_t is short.
@@ -78,36 +75,27 @@ TEST(CWinTimerHandleTest, DueTimeAndPeriodConversion)
     }
 }
 
-TEST(CWinTimerHandleTest, OneShotFiresOnceAndResetModeDecidesHowLongItIsSeen)
+TEST(CWinTimerHandleTest, OneShotPeriodicAndAbsoluteTimers)
 {
-    static Calls calls[2];
+    static Calls oneShot[2], first, second, disarmed;
     for (BOOL manual : {FALSE, TRUE}) {
         SCOPED_TRACE(manual ? "manual" : "auto");
         HANDLE t = CreateWaitableTimer(nullptr, manual, "ignored");
         const DWORD start = GetTickCount();
-        ASSERT_TRUE(arm(t, -50 * kMs, 0, &calls[manual]));
-        // A stray SIGUSR1 on a thread that does not block it must reach the
-        // handler with a siginfo it can read.
-        struct sigaction now {};
-        ASSERT_EQ(0, sigaction(SIGUSR1, nullptr, &now));
-        EXPECT_NE(0, now.sa_flags & SA_SIGINFO);
+        ASSERT_TRUE(arm(t, -50 * kMs, 0, &oneShot[manual]));
         ASSERT_EQ(WAIT_OBJECT_0, WaitForSingleObject(t, kFireBoundMs));
         // Timer clock and tick clock differ slightly.
         EXPECT_GE(GetTickCount() - start, 45u);
         EXPECT_EQ(manual ? WAIT_OBJECT_0 : WAIT_TIMEOUT, WaitForSingleObject(t, 0));
-        ASSERT_TRUE(eventually([&] { return calls[manual].n == 1; }));
-        EXPECT_EQ(0u, calls[manual].low | calls[manual].high);
+        ASSERT_TRUE(eventually([&] { return oneShot[manual].n == 1; }));
+        EXPECT_EQ(0u, oneShot[manual].low | oneShot[manual].high);
         // A manual timer stays signalled until it is armed again.
         EXPECT_TRUE(!manual || arm(t, -10000 * kMs, 0));
         EXPECT_EQ(WAIT_TIMEOUT, WaitForSingleObject(t, manual ? 0 : 150));
-        EXPECT_EQ(1, calls[manual].n.load());
+        EXPECT_EQ(1, oneShot[manual].n.load());
         EXPECT_TRUE(CloseHandle(t));
     }
-}
 
-TEST(CWinTimerHandleTest, PeriodicTimerKeepsItsFirstRoutineAndAbsoluteTimesAreRealTime)
-{
-    static Calls first, second;
     HANDLE t = CreateWaitableTimer(nullptr, FALSE, nullptr);
     ASSERT_TRUE(arm(t, -10000 * kMs, 0, &first));
     ASSERT_TRUE(arm(t, -20 * kMs, 20, &second));
@@ -117,21 +105,19 @@ TEST(CWinTimerHandleTest, PeriodicTimerKeepsItsFirstRoutineAndAbsoluteTimesAreRe
     EXPECT_TRUE(CloseHandle(t));
 
     // An absolute due time is real time since the epoch.
-    static Calls calls;
     t = CreateWaitableTimer(nullptr, TRUE, nullptr);
     timespec now;
     clock_gettime(CLOCK_REALTIME, &now);
     ASSERT_TRUE(arm(t, (static_cast<std::int64_t>(now.tv_sec) * 1000000000 + now.tv_nsec) / 100 + 50 * kMs, 0));
     EXPECT_FALSE(timerEvent(t)->signaled());
     EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(t, kFireBoundMs));
-    // Due time 0 is a zero timer value, which disarms; it still counts as
-    // set, so it can be cancelled.
+    // Due time 0 disarms, yet counts as set, so it can be cancelled.
     for (LONG period : {0, 20}) {
-        EXPECT_TRUE(arm(t, 0, period, &calls));
+        EXPECT_TRUE(arm(t, 0, period, &disarmed));
         EXPECT_EQ(WAIT_TIMEOUT, WaitForSingleObject(t, 100)) << period;
         EXPECT_TRUE(CancelWaitableTimer(t));
     }
-    EXPECT_EQ(0, calls.n.load());
+    EXPECT_EQ(0, disarmed.n.load());
     EXPECT_TRUE(CloseHandle(t));
 }
 
@@ -148,15 +134,12 @@ TEST(CWinTimerHandleTest, CancelStopsAnArmedTimerOnlyFailedSetReleasesWaitersAnd
     const size_t live = CWinTimerHandle::liveTimerCount();
     ASSERT_TRUE(CancelWaitableTimer(t));
     EXPECT_EQ(live - 1, CWinTimerHandle::liveTimerCount()) << "a cancelled timer takes no more expiries";
-    EXPECT_FALSE(castToWinTimerHandle(t)->hasTimer());
-    EXPECT_FALSE(castToWinTimerHandle(t)->hasThread());
     EXPECT_FALSE(CancelWaitableTimer(t)) << "already cancelled";
     // The event keeps its state through a cancel.
     EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(t, 0));
     const int atCancel = calls.n;
     ResetEvent(castToWinTimerHandle(t)->timerEvent());
-    // Expiries still in flight are dropped; a routine already woken may
-    // still finish its one call.
+    // Expiries in flight are dropped; a woken routine may finish one call.
     EXPECT_EQ(WAIT_TIMEOUT, WaitForSingleObject(t, 100));
     EXPECT_LE(calls.n.load(), atCancel + 1);
     // Setting again makes (and counts) a new POSIX timer, which fires.
@@ -191,11 +174,15 @@ TEST(CWinTimerHandleTest, CancelStopsAnArmedTimerOnlyFailedSetReleasesWaitersAnd
 
 int s_appHandlerCalls = 0;
 
-// The handler signals only the timer named in a timer signal; expiry never
-// runs on application threads.
+// The handler signals only the timer a timer signal names; expiry never runs
+// on application threads.
 TEST(CWinTimerHandleTest, SignalHandling)
 {
     HANDLE t = CreateWaitableTimer(nullptr, TRUE, nullptr);
+    // A stray SIGUSR1 must reach the handler with a siginfo it can read.
+    struct sigaction now {};
+    ASSERT_EQ(0, sigaction(SIGUSR1, nullptr, &now));
+    EXPECT_NE(0, now.sa_flags & SA_SIGINFO);
     siginfo_t info{};
     info.si_code = SI_TIMER;
     WinTimerHandler(SIGUSR1, &info, nullptr);
@@ -212,8 +199,7 @@ TEST(CWinTimerHandleTest, SignalHandling)
     EXPECT_TRUE(CloseHandle(t));
 
     t = CreateWaitableTimer(nullptr, FALSE, nullptr);
-    // The application takes SIGUSR1 over and blocks it here; expiry still
-    // reaches the timer, and never the application's handler.
+    // The application takes SIGUSR1 over and blocks it: expiry still works.
     struct sigaction app {
     }, old{};
     app.sa_handler = [](int) { ++s_appHandlerCalls; };
@@ -231,7 +217,7 @@ TEST(CWinTimerHandleTest, SignalHandling)
     EXPECT_EQ(0, s_appHandlerCalls);
 }
 
-TEST(CWinTimerHandleTest, LeakReportAndStatsText)
+TEST(CWinTimerHandleTest, LeakReport)
 {
     TimerStats& s = timerStats();
     // As in a fresh process.
@@ -252,12 +238,7 @@ TEST(CWinTimerHandleTest, LeakReportAndStatsText)
     timers.pop_back();
     EXPECT_EQ("", createCaptured());
     EXPECT_EQ(9u, checkStatsThreshold());
-
     for (HANDLE t : timers) CloseHandle(t);
-    const TimerStats labelled{{1}, {2}, {3}, {4}, {5}};
-    std::ostringstream os;
-    os << labelled;
-    EXPECT_EQ("create calls[1]     close calls[2]\nset    calls[3]  elapsed timers[4]  cancel calls[5]", os.str());
 }
 
 } // namespace

@@ -30,49 +30,46 @@ bool onOsalThread(unsigned stack, std::function<void()> fn)
 }
 
 // Stacks are raised to the minimum; set_thread_name names the calling thread.
-TEST(OSALTest, BeginThreadStackAndThreadName)
+TEST(OSALTest, BeginThreadStackThreadNameAndFailure)
 {
+    char empty[] = "", shortName[] = "worker", longName[] = "a-name-longer-than-fifteen";
     const struct {
         unsigned requested;
         size_t expected;
-    } cases[] = {{0x40000, 0x40000}, {0, 0x20000}, {8192, 0x20000}, {0x20000, 0x20000}};
+        char* name;
+        const char* shown;
+    } cases[] = {{0x40000, 0x40000, nullptr, "----------"},
+                 {0, 0x20000, empty, "----------"},
+                 {8192, 0x20000, shortName, "worker"},
+                 {0x20000, 0x20000, longName, "a-name-longer-t"}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.requested);
-        EXPECT_TRUE(onOsalThread(c.requested, [&] { tavro_test::expectOwnStackOf(c.expected); }));
-    }
-    char empty[] = "", shortName[] = "worker", longName[] = "a-name-longer-than-fifteen";
-    const struct {
-        char* in;
-        const char* expected;
-    } names[] = {{nullptr, "----------"}, {empty, "----------"}, {shortName, "worker"}, {longName, "a-name-longer-t"}};
-    for (const auto& c : names) {
-        SCOPED_TRACE(c.expected);
         int rc = -1;
         char name[32] = {};
-        EXPECT_TRUE(onOsalThread(0, [&] {
-            rc = set_thread_name(c.in);
+        EXPECT_TRUE(onOsalThread(c.requested, [&] {
+            tavro_test::expectOwnStackOf(c.expected);
+            rc = set_thread_name(c.name);
             pthread_getname_np(pthread_self(), name, sizeof name);
         }));
         EXPECT_EQ(0, rc);
-        EXPECT_STREQ(c.expected, name);
+        EXPECT_STREQ(c.shown, name);
     }
-}
 
-TEST(OSALTest, BeginThreadReportsCreationFailure)
-{
     HANDLE done = CreateEvent(nullptr, TRUE, FALSE, nullptr);
     testing::internal::CaptureStdout();
     // No stack of that size can be mapped on the 32-bit target.
     const uintptr_t id = _beginthread([](void* e) { SetEvent(e); }, 0xFFFFFFF0u, done);
     const std::string out = testing::internal::GetCapturedStdout();
-    if (id != OSAL_BEGINTHREAD_FAILED) WaitForSingleObject(done, tavro_test::kStuckMs);
+    if (id == OSAL_BEGINTHREAD_FAILED) {
+        EXPECT_EQ(0u, out.find("pthread_create() failed: rc["));
+        EXPECT_EQ("]\r\n", out.substr(out.size() - 3));
+    } else {
+        WaitForSingleObject(done, tavro_test::kStuckMs); // this machine mapped a 4 GiB stack
+    }
     CloseHandle(done);
-    if (id != OSAL_BEGINTHREAD_FAILED) GTEST_SKIP() << "this machine mapped a 4 GiB stack";
-    EXPECT_EQ(0u, out.find("pthread_create() failed: rc["));
-    EXPECT_EQ("]\r\n", out.substr(out.size() - 3));
 }
 
-TEST(OSALTest, StrnicmpComparesCaseBlind)
+TEST(OSALTest, StringTimeDirectoryAndTickHelpers)
 {
     const struct {
         const char *a, *b;
@@ -85,11 +82,8 @@ TEST(OSALTest, StrnicmpComparesCaseBlind)
     char s[] = "MiXed 09-z";
     EXPECT_EQ(s, strupr(s));
     EXPECT_STREQ("MIXED 09-Z", s);
-}
 
-// System time is local, with a zero-based month.
-TEST(OSALTest, SystemTimeCurrentDirectorySleepAndTicks)
-{
+    // System time is local, with a zero-based month.
     setenv("TZ", "UTC0", 1);
     tzset();
     _SYSTEMTIME st;

@@ -1,7 +1,6 @@
 #pragma once
 
-// Helpers shared by the platform-layer tests. The bounds only turn a lost
-// wake-up or a deadlock into a failure, not a hang.
+// Platform-layer test helpers; bounds turn a lost wake-up into a failure.
 #include <gtest/gtest.h>
 #include <pthread.h>
 

@@ -33,8 +33,7 @@ TEST(WinEventTest, SignalledStateFollowsResetModeAndBadHandlesAreRefused)
         EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(h, 0));
         EXPECT_EQ(manual != 0, ev(h)->signaled());
         EXPECT_TRUE(CloseHandle(h));
-        // However many were lent before, a pooled event is lent clear and of
-        // the kind asked.
+        // A pooled event is lent clear and of the kind asked.
         h = tavro_internal::borrowEvent(manual);
         SetEvent(h);
         tavro_internal::returnEvent(h, manual);
@@ -42,14 +41,12 @@ TEST(WinEventTest, SignalledStateFollowsResetModeAndBadHandlesAreRefused)
         ASSERT_NE(nullptr, ev(h));
         EXPECT_FALSE(ev(h)->signaled());
         EXPECT_EQ(manual != 0, ev(h)->manualReset());
-        EXPECT_EQ("", ev(h)->name());
         tavro_internal::returnEvent(h, manual);
     }
     EXPECT_EQ(WAIT_FAILED, WaitForSingleObject(nullptr, 0));
     EXPECT_FALSE(CloseHandle(nullptr));
     EXPECT_FALSE(SetEvent(nullptr));
     EXPECT_FALSE(ReleaseMutex(nullptr));
-    EXPECT_EQ(nullptr, castToWinEventHandle(nullptr));
     CBaseHandle plain;
     testing::internal::CaptureStdout();
     EXPECT_TRUE(CloseHandle(&plain));
@@ -57,7 +54,7 @@ TEST(WinEventTest, SignalledStateFollowsResetModeAndBadHandlesAreRefused)
     EXPECT_EQ(0u, WaitForSingleObject(&plain, INFINITE));
 }
 
-TEST(WinEventTest, TimedWaitsLastAtLeastTheTimeout)
+TEST(WinEventTest, TimedWaitsLastTheTimeoutAndOneSetReleasesEveryWaiter)
 {
     Events e(2, TRUE);
     for (DWORD count : {1u, 2u}) {
@@ -81,41 +78,31 @@ TEST(WinEventTest, TimedWaitsLastAtLeastTheTimeout)
         EXPECT_GE(diffMs, ms);
         EXPECT_LT(diffMs, ms + 1000.0L);
     }
-}
 
-TEST(WinEventTest, OneSetEventReleasesEveryWaiterOfAnAutoResetEvent)
-{
-    Events e(1, FALSE);
+    Events one(1, FALSE);
     std::atomic<int> released{0};
     std::vector<std::thread> waiters;
     for (int i = 0; i < 3; ++i)
-        waiters.emplace_back([&] { released += WaitForSingleObject(e.h[0], INFINITE) == WAIT_OBJECT_0; });
-    EXPECT_TRUE(eventually([&] { return ev(e.h[0])->waiters() == 3; }));
-    SetEvent(e.h[0]);
+        waiters.emplace_back([&] { released += WaitForSingleObject(one.h[0], INFINITE) == WAIT_OBJECT_0; });
+    EXPECT_TRUE(eventually([&] { return ev(one.h[0])->waiters() == 3; }));
+    SetEvent(one.h[0]);
     for (auto& t : waiters) t.join();
     EXPECT_EQ(3, released.load());
-    EXPECT_EQ(WAIT_TIMEOUT, WaitForSingleObject(e.h[0], 0));
+    EXPECT_EQ(WAIT_TIMEOUT, WaitForSingleObject(one.h[0], 0));
 }
 
-TEST(WinEventTest, OpenEventFindsTheLowerAddressAndCountsReferences)
+// OpenEvent matches the name exactly (empty: any unnamed); opens add references.
+TEST(WinEventTest, OpenEventMatchesTheNameAndCountsReferences)
 {
     const char* name = "WinEventTest.OpenEvent";
-    HANDLE a = CreateEvent(nullptr, TRUE, FALSE, name), b = CreateEvent(nullptr, TRUE, FALSE, name);
-    ASSERT_NE(a, b);
-    HANDLE lower = ev(a) < ev(b) ? a : b, higher = lower == a ? b : a;
-    EXPECT_EQ(lower, OpenEvent(0, FALSE, name));
+    HANDLE a = CreateEvent(nullptr, TRUE, FALSE, name);
+    EXPECT_EQ(a, OpenEvent(0, FALSE, name));
     EXPECT_EQ(nullptr, OpenEvent(0, FALSE, "winEventTest.OpenEvent"));
-    CloseHandle(lower);
-    // Still alive through the second reference.
-    EXPECT_EQ(lower, OpenEvent(0, FALSE, name));
-    CloseHandle(lower);
-    CloseHandle(lower);
-    EXPECT_EQ(higher, OpenEvent(0, FALSE, name));
-    CloseHandle(higher);
-    CloseHandle(higher);
+    CloseHandle(a);
+    EXPECT_EQ(a, OpenEvent(0, FALSE, name)) << "still alive through the second reference";
+    CloseHandle(a);
+    CloseHandle(a);
     EXPECT_EQ(nullptr, OpenEvent(0, FALSE, name));
-
-    // The empty name matches some unnamed event.
     Events unnamed(1, FALSE);
     HANDLE any = OpenEvent(0, FALSE, "");
     ASSERT_NE(nullptr, any);
@@ -158,32 +145,12 @@ TEST(WinEventTest, WaitMultiple)
     EXPECT_EQ(WAIT_TIMEOUT, WaitForMultipleObjects(1, single.h.data(), TRUE, 10));
     EXPECT_FALSE(ev(single.h[0])->signaled()) << "the auto-reset event is consumed";
     SetEvent(two.h[1]);
-    // The second wait finds its event signalled (or the budget is spent):
-    // either way a time-out.
+    // The second wait finds its event signalled or the budget spent: time-out.
     EXPECT_EQ(WAIT_TIMEOUT, WaitForMultipleObjects(2, two.h.data(), TRUE, 10));
     EXPECT_EQ(WAIT_OBJECT_0, WaitForMultipleObjects(0, nullptr, TRUE, 0));
 }
 
-TEST(WinEventDeathTest, WaitMultipleChecksCountAndHandleTypes)
-{
-    // Forking without re-exec also works under user-mode emulation; no other
-    // thread runs in this process here.
-    GTEST_FLAG_SET(death_test_style, "fast");
-    std::vector<HANDLE> many(33, nullptr);
-    EXPECT_DEATH(WaitForMultipleObjects(33, many.data(), FALSE, 0),
-                 "DWORD WaitForMultipleObjects\\(DWORD, void\\* const\\*, BOOL, DWORD\\): "
-                 "Assertion `numObj <= MAXIMUM_WAIT_OBJECTS' failed");
-    Events e(1, FALSE);
-    HANDLE m = CreateMutex(nullptr, FALSE, nullptr);
-    HANDLE mixed[2] = {e.h[0], m}, mutexFirst[2] = {m, e.h[0]};
-    EXPECT_DEATH(WaitForMultipleObjects(2, mixed, FALSE, 0), "Assertion `event' failed");
-    EXPECT_DEATH(WaitForMultipleObjects(2, mutexFirst, TRUE, 1000), "Assertion `event' failed");
-    CloseHandle(m);
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-}
-
-// A zero wait reports WAIT_FAILED in the rare case that the tick turns before
-// its one try; look again then.
+// A zero wait fails if the tick turns before its one try; look again then.
 DWORD tryOnce(HANDLE m)
 {
     DWORD r = WAIT_FAILED;
@@ -203,8 +170,7 @@ TEST(WinMutexTest, OwnerMayReenterAndOthersTimeOutBySpinning)
     }).join();
     EXPECT_EQ(WAIT_TIMEOUT, other);
     EXPECT_GE(elapsed, 50u);
-    // Locked twice: the first release still leaves it owned (one zero wait
-    // makes exactly one try).
+    // Locked twice: the first release still leaves it owned.
     for (DWORD expected : {WAIT_TIMEOUT, WAIT_OBJECT_0}) {
         EXPECT_TRUE(ReleaseMutex(m));
         std::thread([&] {
