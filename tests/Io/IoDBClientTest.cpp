@@ -259,6 +259,8 @@ TEST_F(Session, LosingTheLinkTakesTheRouteOutOfServiceUntilTheSessionReconnects)
     ASSERT_TRUE(eventually([s] { return !s->IsConnected(); }));
     EXPECT_FALSE(routeFound());
     EXPECT_EQ(table()->RouteCount(), 1u);
+    TCP_BD bd{nullptr, 0, nullptr};
+    EXPECT_FALSE(s->TcpSend(&bd));
     ASSERT_TRUE(eventually([&] { return copyOf(g_waits).size() >= waitsBefore + 30; }));
     const std::vector<int> waits = copyOf(g_waits);
     EXPECT_EQ(std::vector<int>(waits.begin() + long(waitsBefore) + 28, waits.begin() + long(waitsBefore) + 30),

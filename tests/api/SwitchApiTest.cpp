@@ -101,6 +101,7 @@ TEST(Request, RefusesBadArgumentsReportsNoConnectionAndAnswersInBothOrders)
         const Answer echo = request(CMD_CONN_PORT, {1, 2, 3, 4, 5});
         EXPECT_EQ(std::make_tuple(echo.result, echo.status, echo.error, echo.payload),
                   std::make_tuple(I_SUCCESS, RSP_OK, I_STATUS(-1234), Bytes{5, 4, 3, 2, 1}));
+        EXPECT_EQ(request(CMD_CONN_PORT, {9}).payload, Bytes{9}); // one byte is an answer too
         const Answer refused = request(CMD_DISC_PORT, {});
         EXPECT_EQ(std::make_tuple(refused.result, refused.status, refused.payload),
                   std::make_tuple(I_SUCCESS, RSP_INV_CMD, Bytes{}));

@@ -440,6 +440,9 @@ void SwitchSimulator::captureOpened(std::uint64_t conn, int fd)
 
 void SwitchSimulator::noteArrival(std::uint64_t conn, const std::uint8_t* p, std::size_t n)
 {
+    // Captured before waiters wake, so a waiter that then reads the capture
+    // finds these bytes in it.
+    pcap_.fromClient(conn, p, n);
     {
         std::lock_guard<std::mutex> lk(mu_);
         if (opts_.record) {
@@ -449,7 +452,6 @@ void SwitchSimulator::noteArrival(std::uint64_t conn, const std::uint8_t* p, std
         ++events_; // waitFor callers may be watching receivedBytes
     }
     changed_.notify_all();
-    pcap_.fromClient(conn, p, n);
 }
 
 void SwitchSimulator::countBadHeader()
