@@ -134,9 +134,7 @@ TEST(UtlTime, GmtimeUptimeAndMicrosleepTrace)
     EXPECT_EQ(GMTIME(&t, nullptr), nullptr);
     EXPECT_GT(get_uptime(), 0);
 
-    const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(microsleep(0), 0);
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(100));
     testing::internal::CaptureStdout();
     EXPECT_EQ(microsleep2(1000, false), 0);
     EXPECT_EQ(microsleep2(1000, true), 0);
