@@ -224,6 +224,19 @@ TEST_F(Api, ResponseAccessRefusesBadArguments)
     EXPECT_EQ(std::make_tuple(rsp.GetSize(), rsp.GetData()), std::make_tuple(0, static_cast<const void*>(nullptr)));
 }
 
+TEST_F(Api, CommandWithoutResponseIsSentUnlessOversize)
+{
+    FakeSwitch sw(1);
+    Routed route(switchTable(), sw);
+    const Bytes data(8, 9);
+    EXPECT_EQ(I_TAVRO_SendCommandNoResponse(CMD_CONN_PORT, data.data(), 0xFFFFFFFFu), I_SUCCESS);
+    EXPECT_EQ(sw.sentCount(), 0u); // the router refuses it before reading a byte
+    EXPECT_EQ(I_TAVRO_SendCommandNoResponse(CMD_CONN_PORT, data.data(), 5), I_SUCCESS);
+    ASSERT_EQ(sw.sentCount(), 1u);
+    EXPECT_EQ(sw.sent().back().bytes.size(), 45u);
+    EXPECT_EQ(CrTracker::getIt()->PendingCount(), 0u);
+}
+
 TEST_F(Api, RawStatsKeepExactlyTheCountedLength)
 {
     FakeSwitch sw(1);
